@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs what velko needs to build, run and test, and only what is missing.
+# Debian 12, as root (or with sudo). Safe to run again and again.
+set -euo pipefail
+
+packages=(
+  build-essential cmake ninja-build pkg-config git zsh
+  libgtk-4-dev libwebkitgtk-6.0-dev libjavascriptcoregtk-6.0-dev
+  nlohmann-json3-dev libcurl4-openssl-dev libssl-dev libsecret-1-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  xvfb xauth gnome-keyring dbus dbus-x11 libsecret-tools
+  chromium
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+# Node and npm may come from another packaging of Node; only the commands matter.
+if ! command -v node >/dev/null 2>&1 || ! command -v npm >/dev/null 2>&1; then
+  missing+=(nodejs npm)
+fi
+
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "velko: installing ${missing[*]}"
+  SUDO=""
+  [ "$(id -u)" -eq 0 ] || SUDO="sudo"
+  $SUDO apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi

@@ -1,0 +1,74 @@
+#include "core/Base64.h"
+
+#include <array>
+#include <cstdint>
+
+namespace velko {
+
+namespace {
+constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+constexpr std::array<int8_t, 256> makeDecodeTable() {
+    std::array<int8_t, 256> table{};
+    for (auto& v : table) v = -1;
+    for (int i = 0; i < 64; ++i) table[static_cast<uint8_t>(kAlphabet[i])] = static_cast<int8_t>(i);
+    return table;
+}
+constexpr auto kDecode = makeDecodeTable();
+}  // namespace
+
+void base64EncodeAppend(std::string_view bytes, std::string& out) {
+    size_t start = out.size();
+    out.resize(start + (bytes.size() + 2) / 3 * 4);
+    char* dst = out.data() + start;
+    const auto* src = reinterpret_cast<const uint8_t*>(bytes.data());
+    size_t n = bytes.size();
+    size_t i = 0;
+    for (; i + 3 <= n; i += 3) {
+        uint32_t v = uint32_t(src[i]) << 16 | uint32_t(src[i + 1]) << 8 | src[i + 2];
+        *dst++ = kAlphabet[v >> 18];
+        *dst++ = kAlphabet[(v >> 12) & 63];
+        *dst++ = kAlphabet[(v >> 6) & 63];
+        *dst++ = kAlphabet[v & 63];
+    }
+    if (size_t rest = n - i) {
+        uint32_t v = uint32_t(src[i]) << 16 | (rest == 2 ? uint32_t(src[i + 1]) << 8 : 0);
+        *dst++ = kAlphabet[v >> 18];
+        *dst++ = kAlphabet[(v >> 12) & 63];
+        *dst++ = rest == 2 ? kAlphabet[(v >> 6) & 63] : '=';
+        *dst++ = '=';
+    }
+}
+
+std::string base64Encode(std::string_view bytes) {
+    std::string out;
+    base64EncodeAppend(bytes, out);
+    return out;
+}
+
+std::optional<std::string> base64Decode(std::string_view text) {
+    // Padding may be left out, but when present it must complete the last quantum.
+    if (!text.empty() && text.back() == '=') {
+        if (text.size() % 4 != 0) return std::nullopt;
+        text.remove_suffix(1);
+        if (!text.empty() && text.back() == '=') text.remove_suffix(1);
+    }
+    if (text.size() % 4 == 1) return std::nullopt;
+    std::string out;
+    out.reserve(text.size() * 3 / 4);
+    uint32_t acc = 0;
+    int bits = 0;
+    for (char c : text) {
+        int8_t v = kDecode[static_cast<uint8_t>(c)];
+        if (v < 0) return std::nullopt;
+        acc = acc << 6 | static_cast<uint32_t>(v);
+        bits += 6;
+        if (bits >= 8) {
+            bits -= 8;
+            out.push_back(static_cast<char>((acc >> bits) & 0xFF));
+        }
+    }
+    return out;
+}
+
+}  // namespace velko

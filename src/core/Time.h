@@ -1,0 +1,20 @@
+#pragma once
+// ISO 8601 date-times with fractional seconds in UTC ("2026-11-23T09:33:36.123Z"),
+// the form every log line and dated payload uses.
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace velko {
+
+using SystemTime = std::chrono::system_clock::time_point;
+
+std::string formatIso8601(SystemTime time);
+std::string iso8601Now();
+// Accepts the form above, with or without fractional seconds, and a "Z" or
+// "+hh:mm" offset. Anything else is nullopt.
+std::optional<SystemTime> parseIso8601(std::string_view text);
+
+}  // namespace velko

@@ -1,0 +1,164 @@
+#include "shell/HeadlessHost.h"
+
+#include <glib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+
+#include "core/MainQueue.h"
+#include "shell/VelkoApp.h"
+#include "shell/WebBridge.h"
+
+namespace velko {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Writes each event's envelope as one line on standard output. A reader that
+// is slow holds the main thread back, just as a busy page would.
+class StdoutWebView final : public WebViewHosting {
+public:
+    void evaluateScript(const std::string& script) override {
+        auto envelope = envelopeFromEventScript(script);
+        if (!envelope) return;
+        envelope->push_back('\n');
+        writeAll(*envelope);
+        lastEvent = Clock::now();
+    }
+    Clock::time_point lastEvent = Clock::now();
+
+private:
+    void writeAll(const std::string& text) {
+        if (m_broken) return;
+        const char* data = text.data();
+        size_t left = text.size();
+        while (left > 0) {
+            ssize_t n = write(STDOUT_FILENO, data, left);
+            if (n < 0) {
+                if (errno == EINTR) continue;
+                m_broken = true;  // the reader went away; keep running until end of input
+                return;
+            }
+            data += n;
+            left -= static_cast<size_t>(n);
+        }
+    }
+    bool m_broken = false;
+};
+
+class FixedFolderPicker final : public FolderPicking {
+public:
+    explicit FixedFolderPicker(std::vector<std::string> folders) : m_folders(std::move(folders)) {}
+    void pickFolders(std::function<void(std::vector<std::string>)> completion) override {
+        std::vector<std::string> absolute;
+        for (const auto& folder : m_folders) {
+            if (!folder.empty() && folder[0] == '/') {
+                absolute.push_back(folder);
+            } else {
+                char cwd[PATH_MAX];
+                if (getcwd(cwd, sizeof cwd)) absolute.push_back(std::string(cwd) + "/" + folder);
+            }
+        }
+        completion(std::move(absolute));
+    }
+
+private:
+    std::vector<std::string> m_folders;
+};
+
+}  // namespace
+
+bool parseHeadlessArguments(const std::vector<std::string>& args, HeadlessOptions& options, std::string& error) {
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--headless") continue;
+        if (args[i] == "--pick-folder") {
+            if (i + 1 >= args.size()) {
+                error = "--pick-folder needs a directory";
+                return false;
+            }
+            options.pickFolders.push_back(args[++i]);
+            continue;
+        }
+        error = "unknown argument: " + args[i];
+        return false;
+    }
+    return true;
+}
+
+int runHeadless(const HeadlessOptions& options) {
+    GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
+    setMainQueue(std::make_shared<GlibMainQueue>());
+
+    auto app = std::make_unique<VelkoApp>();
+    auto webView = std::make_shared<StdoutWebView>();
+    app->bridge().setFolderPicker(std::make_shared<FixedFolderPicker>(options.pickFolders));
+    app->bridge().setWebView(webView);
+    app->bridge().notifyWebViewDidFinishNavigation();
+    app->contentDidAppear();
+
+    std::atomic<bool> inputEnded{false};
+    std::weak_ptr<WebBridge> weakBridge = app->bridgePtr();
+    std::thread reader([weakBridge, &inputEnded] {
+        std::string buffer;
+        char chunk[65536];
+        for (;;) {
+            ssize_t n = read(STDIN_FILENO, chunk, sizeof chunk);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            buffer.append(chunk, static_cast<size_t>(n));
+            size_t start = 0;
+            for (size_t nl; (nl = buffer.find('\n', start)) != std::string::npos; start = nl + 1) {
+                std::string line = buffer.substr(start, nl - start);
+                mainQueue().post([weakBridge, line = std::move(line)] {
+                    if (auto bridge = weakBridge.lock()) bridge->handleMessageText(line);
+                });
+            }
+            buffer.erase(0, start);
+        }
+        if (!buffer.empty()) {
+            mainQueue().post([weakBridge, line = std::move(buffer)] {
+                if (auto bridge = weakBridge.lock()) bridge->handleMessageText(line);
+            });
+        }
+        mainQueue().post([&inputEnded] { inputEnded = true; });
+    });
+
+    // After the end of input: let queued work finish, then wait for the events to
+    // go quiet (work in flight answers), at most a few seconds.
+    bool shuttingDown = false;
+    bool drained = false;
+    Clock::time_point endOfInput{};
+    std::function<void()> poll;
+    poll = [&] {
+        if (inputEnded && !shuttingDown) {
+            shuttingDown = true;
+            endOfInput = Clock::now();
+            app->shutdown([&drained] { drained = true; });
+        }
+        if (shuttingDown) {
+            auto now = Clock::now();
+            bool quiet = now - webView->lastEvent > std::chrono::milliseconds(300);
+            if ((drained && quiet) || now - endOfInput > std::chrono::seconds(5)) {
+                g_main_loop_quit(loop);
+                return;
+            }
+        }
+        mainQueue().postDelayed(std::chrono::milliseconds(50), poll);
+    };
+    mainQueue().postDelayed(std::chrono::milliseconds(50), poll);
+
+    g_main_loop_run(loop);
+    reader.join();
+    app.reset();
+    g_main_loop_unref(loop);
+    return 0;
+}
+
+}  // namespace velko

@@ -1,0 +1,57 @@
+#pragma once
+// VelkoApp: the composition root. Builds every service once, in a fixed order,
+// wires them to each other and to the bridge, and hands the host (the GTK
+// window or the headless stdio host) what it needs.
+//
+// Main thread only. Lives as long as the process. A service that is not built
+// is left out: the bridge's reference to it stays empty and its messages do
+// nothing.
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace velko {
+
+class WebBridge;
+class ConfigStore;
+class ContentView;
+class TerminalService;
+class GitService;
+class ExplorerService;
+
+class VelkoApp {
+public:
+    struct Options {
+        // Where config.json lives; empty means $XDG_DATA_HOME/velko.
+        std::optional<std::string> storageDirectory;
+    };
+
+    explicit VelkoApp(Options options = {});
+    ~VelkoApp();
+
+    WebBridge& bridge() { return *m_bridge; }
+    const std::shared_ptr<WebBridge>& bridgePtr() const { return m_bridge; }
+    ConfigStore& configStore() { return *m_configStore; }
+    ContentView& contentView() { return *m_contentView; }
+
+    // The window's content appeared: load the configuration and apply it.
+    void contentDidAppear();
+    // Ends terminal sessions and waits for queued work; `done` runs on the main
+    // thread when it is safe to exit (at most a few seconds later).
+    void shutdown(std::function<void()> done);
+
+private:
+    std::shared_ptr<ConfigStore> m_configStore;
+    std::shared_ptr<WebBridge> m_bridge;
+    std::shared_ptr<ContentView> m_contentView;
+    // --- terminal ---
+    std::shared_ptr<TerminalService> m_terminalService;
+    // --- git ---
+    std::shared_ptr<GitService> m_gitService;
+    // --- files ---
+    std::shared_ptr<ExplorerService> m_explorerService;
+};
+
+}  // namespace velko

@@ -1,0 +1,335 @@
+#include "shell/WebBridge.h"
+
+#include <array>
+
+#include "core/SerialQueue.h"
+#include "core/TaskQueue.h"
+#include "workspace/ConfigStore.h"
+
+namespace velko {
+
+const char* const kEventScriptPrefix = "(function() {\n  const event = JSON.parse('";
+const char* const kEventScriptSuffix =
+    "');\n"
+    "  if (!Array.isArray(window.__velkoEventHistory)) {\n"
+    "    window.__velkoEventHistory = [];\n"
+    "  }\n"
+    "  window.__velkoEventHistory.push(event);\n"
+    "  if (window.__velkoEventHistory.length > 200) {\n"
+    "    window.__velkoEventHistory.splice(0, window.__velkoEventHistory.length - 200);\n"
+    "  }\n"
+    "  if (window.__velko__ && typeof window.__velko__.dispatch === 'function') {\n"
+    "    window.__velko__.dispatch(event);\n"
+    "    return;\n"
+    "  }\n"
+    "  if (!Array.isArray(window.__velkoPendingEvents)) {\n"
+    "    window.__velkoPendingEvents = [];\n"
+    "  }\n"
+    "  window.__velkoPendingEvents.push(event);\n"
+    "})();";
+
+std::string escapeForScriptLiteral(std::string_view json) {
+    std::string out;
+    out.reserve(json.size() + json.size() / 16 + 8);
+    size_t start = 0;
+    for (size_t i = 0; i < json.size(); ++i) {
+        char c = json[i];
+        if (c == '\\' || c == '\'') {
+            out.append(json.substr(start, i - start));
+            out.push_back('\\');
+            out.push_back(c);
+            start = i + 1;
+        }
+    }
+    out.append(json.substr(start));
+    return out;
+}
+
+std::string buildEventScript(std::string_view envelopeJson) {
+    static const size_t kFixed = std::char_traits<char>::length(kEventScriptPrefix) +
+                                 std::char_traits<char>::length(kEventScriptSuffix);
+    std::string script;
+    script.reserve(kFixed + envelopeJson.size() + envelopeJson.size() / 16 + 8);
+    script.append(kEventScriptPrefix);
+    script.append(escapeForScriptLiteral(envelopeJson));
+    script.append(kEventScriptSuffix);
+    return script;
+}
+
+std::optional<std::string> envelopeFromEventScript(std::string_view script) {
+    std::string_view prefix(kEventScriptPrefix), suffix(kEventScriptSuffix);
+    if (script.size() < prefix.size() + suffix.size() || script.substr(0, prefix.size()) != prefix ||
+        script.substr(script.size() - suffix.size()) != suffix)
+        return std::nullopt;
+    std::string_view body = script.substr(prefix.size(), script.size() - prefix.size() - suffix.size());
+    std::string out;
+    out.reserve(body.size());
+    for (size_t i = 0; i < body.size(); ++i) {
+        if (body[i] == '\\' && i + 1 < body.size() && (body[i + 1] == '\\' || body[i + 1] == '\'')) ++i;
+        out.push_back(body[i]);
+    }
+    return out;
+}
+
+WebBridge::WebBridge(std::shared_ptr<ExplorerService> explorerService)
+    : m_fileQueue(std::make_unique<SerialQueue>("app.velko.webbridge.fs")),
+      m_explorerService(std::move(explorerService)) {}
+
+// --- inbound ---
+
+namespace {
+
+enum class Route {
+    Terminal,
+    Project,
+    GitHubOAuth,
+    Git,
+    PreviewTabs,
+    DashboardPresent,
+    DashboardDismiss,
+    AppConfigRequest,
+    Analytics,
+};
+
+struct RouteEntry {
+    std::string_view type;
+    Route route;
+};
+
+// Exact, case-sensitive types, in the order they are tested. The "cli/" aliases
+// reach the terminal handler with their own spelling; "terminal/focus" has no alias.
+constexpr std::array kRoutes = {
+    RouteEntry{"terminal/input", Route::Terminal},
+    RouteEntry{"cli/input", Route::Terminal},
+    RouteEntry{"terminal/create", Route::Terminal},
+    RouteEntry{"cli/create", Route::Terminal},
+    RouteEntry{"terminal/close", Route::Terminal},
+    RouteEntry{"cli/close", Route::Terminal},
+    RouteEntry{"terminal/resize", Route::Terminal},
+    RouteEntry{"cli/resize", Route::Terminal},
+    RouteEntry{"terminal/signal", Route::Terminal},
+    RouteEntry{"cli/signal", Route::Terminal},
+    RouteEntry{"terminal/focus", Route::Terminal},
+    RouteEntry{"project/open", Route::Project},
+    RouteEntry{"project/close", Route::Project},
+    RouteEntry{"project/explorer/directories/request", Route::Project},
+    RouteEntry{"project/file/open", Route::Project},
+    RouteEntry{"project/file/save", Route::Project},
+    RouteEntry{"project/file/rename", Route::Project},
+    RouteEntry{"project/activate", Route::Project},
+    RouteEntry{"project/resume", Route::Project},
+    RouteEntry{"project/reorder", Route::Project},
+    RouteEntry{"github/oauth/start", Route::GitHubOAuth},
+    RouteEntry{"github/oauth/logout", Route::GitHubOAuth},
+    RouteEntry{"github/oauth/requestStatus", Route::GitHubOAuth},
+    RouteEntry{"git/status", Route::Git},
+    RouteEntry{"git/status/detail", Route::Git},
+    RouteEntry{"git/commit", Route::Git},
+    RouteEntry{"git/push", Route::Git},
+    RouteEntry{"git/pull", Route::Git},
+    RouteEntry{"git/fetch", Route::Git},
+    RouteEntry{"git/diff", Route::Git},
+    RouteEntry{"git/history", Route::Git},
+    RouteEntry{"git/graph", Route::Git},
+    RouteEntry{"git/remote/tracking", Route::Git},
+    RouteEntry{"git/working-tree", Route::Git},
+    RouteEntry{"git/refresh/barrier", Route::Git},
+    RouteEntry{"git/commit/diff", Route::Git},
+    RouteEntry{"git/branch-map", Route::Git},
+    RouteEntry{"previewTabs/persist", Route::PreviewTabs},
+    RouteEntry{"previewTabs/cache/write", Route::PreviewTabs},
+    RouteEntry{"previewTabs/limitReached", Route::PreviewTabs},
+    RouteEntry{"dashboard.present", Route::DashboardPresent},
+    RouteEntry{"dashboard.dismiss", Route::DashboardDismiss},
+    RouteEntry{"app/config/request", Route::AppConfigRequest},
+    RouteEntry{"analytics/event", Route::Analytics},
+};
+
+}  // namespace
+
+void WebBridge::handle(const Json& body) {
+    if (!body.is_object()) return;
+    auto type = json::string(&body, "type");
+    if (!type) return;
+    const RouteEntry* entry = nullptr;
+    for (const auto& candidate : kRoutes) {
+        if (candidate.type == *type) {
+            entry = &candidate;
+            break;
+        }
+    }
+    if (!entry) return;
+    const Json* payload = json::objectMember(&body, "payload");
+    switch (entry->route) {
+        case Route::Terminal: handleTerminalMessage(*type, payload); break;
+        case Route::Project: handleProjectMessage(*type, body); break;
+        case Route::GitHubOAuth: handleGitHubOAuthMessage(*type); break;
+        case Route::Git: handleGitMessage(*type, payload); break;
+        case Route::PreviewTabs: handlePreviewTabsMessage(*type, payload); break;
+        case Route::DashboardPresent: handleDashboardPresent(payload); break;
+        case Route::DashboardDismiss: handleDashboardDismiss(); break;
+        case Route::AppConfigRequest: handleAppConfigRequest(); break;
+        case Route::Analytics: handleAnalyticsEvent(payload); break;
+    }
+}
+
+void WebBridge::handleMessageText(std::string_view text) {
+    auto body = parseJson(text);
+    if (body) handle(*body);
+}
+
+void WebBridge::handleAppConfigRequest() {
+    runOnMainWeak(weak_from_this(), [](WebBridge& self) {
+        if (self.m_cachedConfig) {
+            AppConfig config = *self.m_cachedConfig;
+            self.updateConfigSnapshot(config);
+        } else if (auto store = self.m_configStore.lock()) {
+            self.updateConfigSnapshot(store->config());
+        }
+    });
+}
+
+// --- outbound ---
+
+void WebBridge::dispatchEvent(std::string_view type, const OrderedJson& payload) {
+    std::string payloadJson = dumpJson(payload);
+    std::string envelope;
+    envelope.reserve(payloadJson.size() + type.size() + 24);
+    envelope.append("{\"type\":");
+    envelope.append(dumpJson(OrderedJson(std::string(type))));
+    envelope.append(",\"payload\":");
+    envelope.append(payloadJson);
+    envelope.push_back('}');
+    if (m_eventObserver) m_eventObserver(std::string(type), payloadJson);
+    deliver(buildEventScript(envelope), {});
+}
+
+void WebBridge::dispatchEncodedEvent(std::string_view type, std::string envelopeJson,
+                                     std::function<void()> onDelivered) {
+    if (m_eventObserver) {
+        std::string prefix = "{\"type\":" + dumpJson(OrderedJson(std::string(type))) + ",\"payload\":";
+        if (envelopeJson.size() > prefix.size() && envelopeJson.compare(0, prefix.size(), prefix) == 0 &&
+            envelopeJson.back() == '}')
+            m_eventObserver(std::string(type),
+                            envelopeJson.substr(prefix.size(), envelopeJson.size() - prefix.size() - 1));
+    }
+    deliver(buildEventScript(envelopeJson), std::move(onDelivered));
+}
+
+void WebBridge::deliver(std::string script, std::function<void()> onDelivered) {
+    auto work = [script = std::move(script), onDelivered = std::move(onDelivered)](WebBridge& self) mutable {
+        auto view = self.m_webView.lock();
+        if (!view || !self.m_isWebViewReady) {
+            self.m_pendingScripts.push_back({std::move(script), std::move(onDelivered)});
+            return;
+        }
+        view->evaluateScript(script);
+        if (onDelivered) onDelivered();
+    };
+    if (isMainThread()) {
+        work(*this);
+        return;
+    }
+    std::weak_ptr<WebBridge> weak = weak_from_this();
+    mainQueue().post([weak, work = std::move(work)]() mutable {
+        if (auto self = weak.lock()) work(*self);
+    });
+}
+
+void WebBridge::flushPendingScripts() {
+    runOnMainWeak(weak_from_this(), [](WebBridge& self) {
+        auto view = self.m_webView.lock();
+        if (!view || !self.m_isWebViewReady) return;
+        // Scripts dispatched while flushing (by a callback below) land behind these.
+        std::vector<PendingScript> scripts;
+        scripts.swap(self.m_pendingScripts);
+        for (auto& pending : scripts) {
+            view->evaluateScript(pending.script);
+            if (pending.onDelivered) pending.onDelivered();
+        }
+    });
+}
+
+// --- web view lifecycle ---
+
+void WebBridge::setWebView(std::weak_ptr<WebViewHosting> webView) {
+    m_webView = std::move(webView);
+    m_isWebViewReady = false;
+}
+
+void WebBridge::notifyWebViewDidStartNavigation() { m_isWebViewReady = false; }
+
+void WebBridge::notifyWebViewDidFinishNavigation() {
+    m_isWebViewReady = true;
+    size_t queued = m_pendingScripts.size();
+    flushPendingScripts();
+    // A reload with nothing queued still needs the workspace and account state.
+    if (queued == 0 && m_cachedConfig) {
+        AppConfig config = *m_cachedConfig;
+        updateConfigSnapshot(config);
+    }
+}
+
+// --- configuration snapshot ---
+
+namespace {
+OrderedJson projectPayload(const ProjectMetadata& project) {
+    OrderedJson p;
+    p["id"] = project.id.toString();
+    p["name"] = project.name;
+    p["rootPath"] = project.rootPath;
+    p["explorerExcludedPaths"] = project.explorerExcludedPaths;
+    return p;
+}
+}  // namespace
+
+OrderedJson WebBridge::configSnapshotPayload(const AppConfig& config) {
+    OrderedJson payload;
+    OrderedJson projects = OrderedJson::array();
+    for (const auto& project : config.projects) projects.push_back(projectPayload(project));
+    payload["projects"] = std::move(projects);
+    if (config.activeProjectID) payload["activeProjectId"] = config.activeProjectID->toString();
+    OrderedJson columns = OrderedJson::array();
+    for (auto kind : config.columnLayout.order) columns.push_back(columnKindRawValue(kind));
+    payload["columnLayout"] = std::move(columns);
+    OrderedJson sessions = OrderedJson::array();
+    for (const auto& session : config.cliSessions) {
+        OrderedJson s;
+        s["id"] = session.id.toString();
+        s["title"] = session.title;
+        s["workingDirectory"] = session.workingDirectory;
+        s["status"] = "pending";
+        if (session.projectId) s["projectId"] = session.projectId->toString();
+        sessions.push_back(std::move(s));
+    }
+    payload["cliSessions"] = std::move(sessions);
+    OrderedJson features = OrderedJson::array();
+    for (auto feature : config.enabledFeatures) features.push_back(featureRawValue(feature));
+    payload["features"] = std::move(features);
+    payload["hasSavedWorkspace"] = !config.resumeProjects.empty();
+    if (!config.resumeProjects.empty()) {
+        OrderedJson resume = OrderedJson::array();
+        for (const auto& project : config.resumeProjects) resume.push_back(projectPayload(project));
+        payload["resumeProjects"] = std::move(resume);
+    }
+    return payload;
+}
+
+void WebBridge::updateConfigSnapshot(const AppConfig& config) {
+    m_cachedConfig = config;
+    dispatchEvent("app/config", configSnapshotPayload(config));
+    dispatchOAuthStatus();
+}
+
+void WebBridge::dispatchOAuthStatus() {
+    // Without an account manager there is no stored token to report.
+    OrderedJson payload;
+    payload["status"] = "disconnected";
+    dispatchEvent("github/oauth/status", payload);
+}
+
+}  // namespace velko
+
+namespace velko {
+WebBridge::~WebBridge() = default;
+}  // namespace velko

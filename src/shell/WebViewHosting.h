@@ -1,0 +1,27 @@
+#pragma once
+// The two platform facilities the bridge needs, kept free of toolkit types:
+// the web view (script evaluation; its navigation callbacks call the bridge)
+// and the folder picker. Both are used on the main thread only.
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace velko {
+
+class WebViewHosting {
+public:
+    virtual ~WebViewHosting() = default;
+    // Fire and forget: a failure inside the page is not seen.
+    virtual void evaluateScript(const std::string& script) = 0;
+};
+
+class FolderPicking {
+public:
+    virtual ~FolderPicking() = default;
+    // Shows the picker ("Open", multiple folders). The completion gets the chosen
+    // absolute paths, or an empty list when the user cancelled.
+    virtual void pickFolders(std::function<void(std::vector<std::string>)> completion) = 0;
+};
+
+}  // namespace velko

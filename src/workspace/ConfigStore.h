@@ -1,0 +1,91 @@
+#pragma once
+// ConfigStore: the only writer of the workspace configuration.
+//
+// Lives on the main thread; every operation is called there. Each change is
+// applied, normalised, saved and published to subscribers in order, on the
+// thread of the change (up to three publications per operation: the raw
+// change, the normalised value, the mirrored resume list). Saving is best
+// effort: a failed save is logged and the value in memory stays authoritative.
+// The file is written atomically; a file that fails to decode is kept aside as
+// "config.json.bad" before the first save replaces it.
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/Result.h"
+#include "workspace/Models.h"
+
+namespace velko {
+
+// Read access to the projects, for services that must not write the store.
+// Implementations are touched on the main thread only.
+class ProjectProviding {
+public:
+    virtual ~ProjectProviding() = default;
+    virtual const AppConfig& config() const = 0;
+    virtual std::optional<ProjectMetadata> project(const Uuid& id) const = 0;
+};
+
+enum class ConfigStoreError { ReadFailed, DecodeFailed, WriteFailed };
+
+class ConfigStore final : public ProjectProviding {
+public:
+    struct CloseProjectResult {
+        std::vector<Uuid> removedSessionIDs;
+        std::optional<Uuid> nextActiveID;
+    };
+    using Subscriber = std::function<void(const AppConfig&)>;
+
+    // No directory: $XDG_DATA_HOME/velko. A given directory is used as it is.
+    explicit ConfigStore(std::optional<std::string> storageDirectory = std::nullopt);
+
+    const AppConfig& config() const override { return m_config; }
+    const std::string& fileURL() const { return m_filePath; }
+
+    // Publications go to every subscriber in subscription order.
+    size_t subscribe(Subscriber subscriber);
+    void unsubscribe(size_t token);
+
+    Status<ConfigStoreError> bootstrap();
+
+    std::optional<ProjectMetadata> project(const Uuid& id) const override;
+    void setActiveProject(const Uuid& id);
+    void reorderProjects(const std::vector<Uuid>& ids);
+    std::vector<ProjectMetadata> openProjects(const std::vector<std::string>& folderPaths);
+    std::optional<ProjectMetadata> nextProject(const std::optional<Uuid>& after) const;
+    std::optional<ProjectMetadata> previousProject(const std::optional<Uuid>& before) const;
+    CLISessionConfig addCLISession(const std::optional<std::string>& title, const std::optional<Uuid>& projectId);
+    void removeCLISession(const Uuid& id);
+    std::optional<CloseProjectResult> closeProject(const Uuid& id);
+    std::optional<Uuid> resumeWorkspace();
+
+    // Builds the value held before the file is read: the samples, the first one
+    // active, one session "CLI #1". Exposed for tests of normalisation.
+    static AppConfig sampleConfiguration(const std::string& homePath);
+
+private:
+    void assign(AppConfig value);  // assigns and publishes
+    template <typename F>
+    void mutate(F&& change) {
+        change(m_config);
+        publish();
+    }
+    void publish();
+    template <typename F>
+    void update(bool ensureDefaults, F&& change);
+    void mirrorResumeAndPersist();
+    Status<ConfigStoreError> persist();
+    void ensureInitialCLISession(const Uuid& projectId, AppConfig& config) const;
+
+    std::string m_directory;
+    std::string m_filePath;
+    AppConfig m_config;
+    bool m_keepBadFileAside = false;
+    std::vector<std::pair<size_t, Subscriber>> m_subscribers;
+    size_t m_nextToken = 1;
+};
+
+}  // namespace velko

@@ -1,0 +1,221 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <future>
+#include <thread>
+
+#include "core/Base64.h"
+#include "core/Json.h"
+#include "core/MainQueue.h"
+#include "core/Paths.h"
+#include "core/SerialQueue.h"
+#include "core/Time.h"
+#include "core/Uuid.h"
+#include "support/TestSupport.h"
+
+using namespace velko;
+
+TEST(Uuid, ParsesCanonicalTextOfEitherCaseAndRefusesTheRest) {
+    struct Case {
+        const char* text;
+        const char* canonical;  // nullptr: refused
+    };
+    const Case cases[] = {
+        {"AAAAAAAA-BBBB-CCCC-DDDD-EEEEEEEEEEE0", "AAAAAAAA-BBBB-CCCC-DDDD-EEEEEEEEEEE0"},
+        {"0f8fad5b-d9cb-469f-a165-70867728950e", "0F8FAD5B-D9CB-469F-A165-70867728950E"},
+        {"0F8FAD5B-d9cb-469F-a165-70867728950E", "0F8FAD5B-D9CB-469F-A165-70867728950E"},
+        {"", nullptr},
+        {"0F8FAD5B-D9CB-469F-A165-70867728950", nullptr},      // short
+        {"0F8FAD5B-D9CB-469F-A165-70867728950E0", nullptr},    // long
+        {"0F8FAD5BD9CB-469F-A165-70867728950E-", nullptr},     // dashes misplaced
+        {"0F8FAD5G-D9CB-469F-A165-70867728950E", nullptr},     // not hex
+        {"{0F8FAD5B-D9CB-469F-A165-70867728950E}", nullptr},   // braces
+        {" 0F8FAD5B-D9CB-469F-A165-70867728950E", nullptr},    // blank
+        {"0F8FAD5B+D9CB-469F-A165-70867728950E", nullptr},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        auto id = Uuid::parse(c.text);
+        if (!c.canonical) {
+            EXPECT_FALSE(id);
+            continue;
+        }
+        ASSERT_TRUE(id);
+        EXPECT_EQ(id->toString(), c.canonical);
+    }
+}
+
+TEST(Uuid, RandomIdsAreVersionFourAndRoundTrip) {
+    auto a = Uuid::random(), b = Uuid::random();
+    EXPECT_NE(a, b);
+    std::string text = a.toString();
+    EXPECT_EQ(text[14], '4');
+    EXPECT_EQ(Uuid::parse(text), a);
+}
+
+TEST(Time, FormatsUtcWithMillisecondsAndParsesBack) {
+    using namespace std::chrono;
+    struct Case {
+        SystemTime time;
+        const char* text;
+    };
+    const Case cases[] = {
+        {SystemTime{}, "1970-01-01T00:00:00.000Z"},
+        {SystemTime{milliseconds(1700000000123)}, "2023-11-14T22:13:20.123Z"},
+        {SystemTime{milliseconds(-1)}, "1969-12-31T23:59:59.999Z"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        EXPECT_EQ(formatIso8601(c.time), c.text);
+        EXPECT_EQ(parseIso8601(c.text), c.time);
+    }
+    EXPECT_EQ(parseIso8601("2023-11-14T23:13:20+01:00"), SystemTime{seconds(1700000000)});
+    for (const char* bad : {"", "2023-11-14", "2023-11-14T22:13:20", "2023-13-14T22:13:20Z", "2023-02-30T00:00:00Z",
+                            "2023-11-14T22:13:20.Z", "2023-11-14T22:13:20Zjunk"}) {
+        SCOPED_TRACE(bad);
+        EXPECT_FALSE(parseIso8601(bad));
+    }
+}
+
+TEST(Json, StrictCastsNeverConvertBetweenTypes) {
+    auto object = parseJson(R"({"s":"5","n":5,"f":5.5,"b":true,"nul":null,"o":{},"a":[],
+        "id":"0f8fad5b-d9cb-469f-a165-70867728950e","bad":"nope"})");
+    ASSERT_TRUE(object);
+    const Json* o = &*object;
+    EXPECT_EQ(json::string(o, "s"), "5");
+    EXPECT_FALSE(json::string(o, "n"));
+    EXPECT_FALSE(json::number(o, "s"));
+    EXPECT_EQ(json::number(o, "n"), 5.0);
+    EXPECT_EQ(json::integer(o, "n"), 5);
+    EXPECT_FALSE(json::integer(o, "f"));
+    EXPECT_FALSE(json::boolean(o, "n"));
+    EXPECT_FALSE(json::number(o, "b"));
+    EXPECT_EQ(json::boolean(o, "b"), true);
+    EXPECT_FALSE(json::string(o, "nul"));
+    EXPECT_FALSE(json::string(o, "missing"));
+    EXPECT_NE(json::objectMember(o, "o"), nullptr);
+    EXPECT_EQ(json::objectMember(o, "a"), nullptr);
+    EXPECT_NE(json::array(o, "a"), nullptr);
+    EXPECT_TRUE(json::uuid(o, "id"));
+    EXPECT_FALSE(json::uuid(o, "bad"));
+    Json notObject = Json::array();
+    EXPECT_FALSE(json::string(&notObject, "s"));
+    EXPECT_FALSE(json::string(nullptr, "s"));
+}
+
+TEST(Json, ParsingRefusesGarbageAndDeepNesting) {
+    EXPECT_FALSE(parseJson(""));
+    EXPECT_FALSE(parseJson("{"));
+    EXPECT_FALSE(parseJson("{} trailing"));
+    EXPECT_FALSE(parseJson(std::string(100000, '[') + std::string(100000, ']')));
+    EXPECT_TRUE(parseJson(std::string(100, '[') + std::string(100, ']')));
+    // Brackets inside strings do not count as nesting.
+    EXPECT_TRUE(parseJson("{\"a\":\"" + std::string(1000, '[') + "\"}"));
+    EXPECT_EQ(jsonNestingDepth(R"({"a":"\"[[[","b":[1]})"), 2u);
+}
+
+TEST(Json, DumpReplacesInvalidUtf8InsteadOfFailing) {
+    OrderedJson value = {{"name", std::string("a\xff" "b")}};
+    EXPECT_EQ(dumpJson(value), "{\"name\":\"a\xEF\xBF\xBD" "b\"}");
+}
+
+TEST(Base64, EncodesAndDecodesRfc4648Vectors) {
+    const std::pair<std::string, std::string> vectors[] = {
+        {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="},
+        {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}, {std::string("\0\xff\xfe", 3), "AP/+"},
+    };
+    for (const auto& [plain, encoded] : vectors) {
+        SCOPED_TRACE(encoded);
+        EXPECT_EQ(base64Encode(plain), encoded);
+        EXPECT_EQ(base64Decode(encoded), plain);
+    }
+    EXPECT_EQ(base64Decode("Zg"), "f");  // padding may be left out
+    for (const char* bad : {"Z", "Zg=", "Zm9v!", "Zg===", "Zg==Zg==", "Zm 9v"}) {
+        SCOPED_TRACE(bad);
+        EXPECT_FALSE(base64Decode(bad));
+    }
+}
+
+TEST(Queues, SerialQueueRunsTasksInOrderAndTimersByDeadline) {
+    SerialQueue queue("test.serial");
+    std::vector<int> order;
+    std::promise<void> done;
+    queue.postDelayed(std::chrono::milliseconds(30), [&] {
+        order.push_back(3);
+        done.set_value();
+    });
+    queue.postDelayed(std::chrono::milliseconds(10), [&] { order.push_back(2); });
+    for (int i = 0; i < 2; ++i) queue.post([&, i] { order.push_back(i - 2); });
+    queue.post([&] { EXPECT_TRUE(queue.isCurrent()); });
+    done.get_future().wait();
+    EXPECT_EQ(order, (std::vector<int>{-2, -1, 2, 3}));
+    EXPECT_FALSE(queue.isCurrent());
+}
+
+TEST(Queues, ManualQueueRunsPostedWorkAndTimersOnlyWhenTold) {
+    auto manual = std::make_shared<ManualQueue>();
+    setMainQueue(manual);
+    std::vector<std::string> log;
+    manual->postDelayed(std::chrono::seconds(2), [&] { log.push_back("late"); });
+    manual->postDelayed(std::chrono::seconds(1), [&] { log.push_back("early"); });
+    manual->post([&] {
+        log.push_back("first");
+        manual->post([&] { log.push_back("nested"); });
+    });
+    EXPECT_TRUE(log.empty());
+    manual->runUntilIdle();
+    EXPECT_EQ(log, (std::vector<std::string>{"first", "nested"}));
+    manual->advance(std::chrono::milliseconds(1500));
+    EXPECT_EQ(log.back(), "early");
+    EXPECT_EQ(manual->pendingTimers(), 1u);
+    manual->advance(std::chrono::seconds(1));
+    EXPECT_EQ(log.back(), "late");
+
+    // A hop from a worker thread waits for the main queue; on the main thread it runs at once.
+    bool ranInline = false;
+    runOnMain([&] { ranInline = true; });
+    EXPECT_TRUE(ranInline);
+    std::atomic<bool> ranFromWorker{false};
+    std::thread([&] { runOnMain([&] { ranFromWorker = true; }); }).join();
+    EXPECT_FALSE(ranFromWorker);
+    manual->runUntilIdle();
+    EXPECT_TRUE(ranFromWorker);
+
+    // A weak hop does nothing once its object is gone.
+    auto object = std::make_shared<int>(1);
+    int seen = 0;
+    std::thread([&, weak = std::weak_ptr<int>(object)] { runOnMainWeak(weak, [&](int& v) { seen = v; }); }).join();
+    object.reset();
+    manual->runUntilIdle();
+    EXPECT_EQ(seen, 0);
+}
+
+TEST(Paths, AtomicWriteReplacesWholeFileKeepsModeAndLeavesNoTemporary) {
+    test::TempDir dir;
+    std::string path = dir.write("config.json", "old contents");
+    chmod(path.c_str(), 0640);
+    ASSERT_TRUE(writeFileAtomically(path, "new"));
+    EXPECT_EQ(test::readFile(path), "new");
+    struct stat st{};
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0640u);
+    size_t entries = 0;
+    for ([[maybe_unused]] auto& e : std::filesystem::directory_iterator(dir.path())) ++entries;
+    EXPECT_EQ(entries, 1u);
+    // A missing folder fails without creating anything.
+    EXPECT_FALSE(writeFileAtomically(dir.file("missing/x.json"), "x"));
+}
+
+TEST(Paths, XdgDirectoriesFollowTheEnvironment) {
+    test::ScopedEnv home("HOME", "/home/tester/");
+    {
+        test::ScopedEnv data("XDG_DATA_HOME", "/xdg/data");
+        test::ScopedEnv cache("XDG_CACHE_HOME", "");
+        EXPECT_EQ(homeDirectory(), "/home/tester");
+        EXPECT_EQ(dataDirectory(), "/xdg/data/velko");
+        EXPECT_EQ(cacheDirectory(), "/home/tester/.cache/velko");
+    }
+    test::ScopedEnv relative("XDG_DATA_HOME", "relative/path");  // not absolute: ignored
+    EXPECT_EQ(dataDirectory(), "/home/tester/.local/share/velko");
+}
