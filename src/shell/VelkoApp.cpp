@@ -29,6 +29,10 @@ VelkoApp::VelkoApp(Options options) {
     m_configStore->subscribe([view](const AppConfig& config) {
         if (auto v = view.lock()) v->applyConfiguration(config);
     });
+
+    // --- terminal: wiring that needs the content view (first snapshot after bootstrap) ---
+
+    // --- desktop: command center, gestures ---
 }
 
 VelkoApp::~VelkoApp() = default;
