@@ -79,97 +79,85 @@ WebBridge::WebBridge(std::shared_ptr<ExplorerService> explorerService)
 
 namespace {
 
-enum class Route {
-    Terminal,
-    Project,
-    GitHubOAuth,
-    Git,
-    PreviewTabs,
-    DashboardPresent,
-    DashboardDismiss,
-    AppConfigRequest,
-    Analytics,
-};
-
 struct RouteEntry {
     std::string_view type;
-    Route route;
+    MessageRoute route;
 };
 
 // Exact, case-sensitive types, in the order they are tested. The "cli/" aliases
 // reach the terminal handler with their own spelling; "terminal/focus" has no alias.
 constexpr std::array kRoutes = {
-    RouteEntry{"terminal/input", Route::Terminal},
-    RouteEntry{"cli/input", Route::Terminal},
-    RouteEntry{"terminal/create", Route::Terminal},
-    RouteEntry{"cli/create", Route::Terminal},
-    RouteEntry{"terminal/close", Route::Terminal},
-    RouteEntry{"cli/close", Route::Terminal},
-    RouteEntry{"terminal/resize", Route::Terminal},
-    RouteEntry{"cli/resize", Route::Terminal},
-    RouteEntry{"terminal/signal", Route::Terminal},
-    RouteEntry{"cli/signal", Route::Terminal},
-    RouteEntry{"terminal/focus", Route::Terminal},
-    RouteEntry{"project/open", Route::Project},
-    RouteEntry{"project/close", Route::Project},
-    RouteEntry{"project/explorer/directories/request", Route::Project},
-    RouteEntry{"project/file/open", Route::Project},
-    RouteEntry{"project/file/save", Route::Project},
-    RouteEntry{"project/file/rename", Route::Project},
-    RouteEntry{"project/activate", Route::Project},
-    RouteEntry{"project/resume", Route::Project},
-    RouteEntry{"project/reorder", Route::Project},
-    RouteEntry{"github/oauth/start", Route::GitHubOAuth},
-    RouteEntry{"github/oauth/logout", Route::GitHubOAuth},
-    RouteEntry{"github/oauth/requestStatus", Route::GitHubOAuth},
-    RouteEntry{"git/status", Route::Git},
-    RouteEntry{"git/status/detail", Route::Git},
-    RouteEntry{"git/commit", Route::Git},
-    RouteEntry{"git/push", Route::Git},
-    RouteEntry{"git/pull", Route::Git},
-    RouteEntry{"git/fetch", Route::Git},
-    RouteEntry{"git/diff", Route::Git},
-    RouteEntry{"git/history", Route::Git},
-    RouteEntry{"git/graph", Route::Git},
-    RouteEntry{"git/remote/tracking", Route::Git},
-    RouteEntry{"git/working-tree", Route::Git},
-    RouteEntry{"git/refresh/barrier", Route::Git},
-    RouteEntry{"git/commit/diff", Route::Git},
-    RouteEntry{"git/branch-map", Route::Git},
-    RouteEntry{"previewTabs/persist", Route::PreviewTabs},
-    RouteEntry{"previewTabs/cache/write", Route::PreviewTabs},
-    RouteEntry{"previewTabs/limitReached", Route::PreviewTabs},
-    RouteEntry{"dashboard.present", Route::DashboardPresent},
-    RouteEntry{"dashboard.dismiss", Route::DashboardDismiss},
-    RouteEntry{"app/config/request", Route::AppConfigRequest},
-    RouteEntry{"analytics/event", Route::Analytics},
+    RouteEntry{"terminal/input", MessageRoute::Terminal},
+    RouteEntry{"cli/input", MessageRoute::Terminal},
+    RouteEntry{"terminal/create", MessageRoute::Terminal},
+    RouteEntry{"cli/create", MessageRoute::Terminal},
+    RouteEntry{"terminal/close", MessageRoute::Terminal},
+    RouteEntry{"cli/close", MessageRoute::Terminal},
+    RouteEntry{"terminal/resize", MessageRoute::Terminal},
+    RouteEntry{"cli/resize", MessageRoute::Terminal},
+    RouteEntry{"terminal/signal", MessageRoute::Terminal},
+    RouteEntry{"cli/signal", MessageRoute::Terminal},
+    RouteEntry{"terminal/focus", MessageRoute::Terminal},
+    RouteEntry{"project/open", MessageRoute::Project},
+    RouteEntry{"project/close", MessageRoute::Project},
+    RouteEntry{"project/explorer/directories/request", MessageRoute::Project},
+    RouteEntry{"project/file/open", MessageRoute::Project},
+    RouteEntry{"project/file/save", MessageRoute::Project},
+    RouteEntry{"project/file/rename", MessageRoute::Project},
+    RouteEntry{"project/activate", MessageRoute::Project},
+    RouteEntry{"project/resume", MessageRoute::Project},
+    RouteEntry{"project/reorder", MessageRoute::Project},
+    RouteEntry{"github/oauth/start", MessageRoute::GitHubOAuth},
+    RouteEntry{"github/oauth/logout", MessageRoute::GitHubOAuth},
+    RouteEntry{"github/oauth/requestStatus", MessageRoute::GitHubOAuth},
+    RouteEntry{"git/status", MessageRoute::Git},
+    RouteEntry{"git/status/detail", MessageRoute::Git},
+    RouteEntry{"git/commit", MessageRoute::Git},
+    RouteEntry{"git/push", MessageRoute::Git},
+    RouteEntry{"git/pull", MessageRoute::Git},
+    RouteEntry{"git/fetch", MessageRoute::Git},
+    RouteEntry{"git/diff", MessageRoute::Git},
+    RouteEntry{"git/history", MessageRoute::Git},
+    RouteEntry{"git/graph", MessageRoute::Git},
+    RouteEntry{"git/remote/tracking", MessageRoute::Git},
+    RouteEntry{"git/working-tree", MessageRoute::Git},
+    RouteEntry{"git/refresh/barrier", MessageRoute::Git},
+    RouteEntry{"git/commit/diff", MessageRoute::Git},
+    RouteEntry{"git/branch-map", MessageRoute::Git},
+    RouteEntry{"previewTabs/persist", MessageRoute::PreviewTabs},
+    RouteEntry{"previewTabs/cache/write", MessageRoute::PreviewTabs},
+    RouteEntry{"previewTabs/limitReached", MessageRoute::PreviewTabs},
+    RouteEntry{"dashboard.present", MessageRoute::DashboardPresent},
+    RouteEntry{"dashboard.dismiss", MessageRoute::DashboardDismiss},
+    RouteEntry{"app/config/request", MessageRoute::AppConfigRequest},
+    RouteEntry{"analytics/event", MessageRoute::Analytics},
 };
 
 }  // namespace
+
+std::optional<MessageRoute> routeForMessageType(std::string_view type) {
+    for (const auto& candidate : kRoutes)
+        if (candidate.type == type) return candidate.route;
+    return std::nullopt;
+}
 
 void WebBridge::handle(const Json& body) {
     if (!body.is_object()) return;
     auto type = json::string(&body, "type");
     if (!type) return;
-    const RouteEntry* entry = nullptr;
-    for (const auto& candidate : kRoutes) {
-        if (candidate.type == *type) {
-            entry = &candidate;
-            break;
-        }
-    }
-    if (!entry) return;
+    auto route = routeForMessageType(*type);
+    if (!route) return;
     const Json* payload = json::objectMember(&body, "payload");
-    switch (entry->route) {
-        case Route::Terminal: handleTerminalMessage(*type, payload); break;
-        case Route::Project: handleProjectMessage(*type, body); break;
-        case Route::GitHubOAuth: handleGitHubOAuthMessage(*type); break;
-        case Route::Git: handleGitMessage(*type, payload); break;
-        case Route::PreviewTabs: handlePreviewTabsMessage(*type, payload); break;
-        case Route::DashboardPresent: handleDashboardPresent(payload); break;
-        case Route::DashboardDismiss: handleDashboardDismiss(); break;
-        case Route::AppConfigRequest: handleAppConfigRequest(); break;
-        case Route::Analytics: handleAnalyticsEvent(payload); break;
+    switch (*route) {
+        case MessageRoute::Terminal: handleTerminalMessage(*type, payload); break;
+        case MessageRoute::Project: handleProjectMessage(*type, body); break;
+        case MessageRoute::GitHubOAuth: handleGitHubOAuthMessage(*type); break;
+        case MessageRoute::Git: handleGitMessage(*type, payload); break;
+        case MessageRoute::PreviewTabs: handlePreviewTabsMessage(*type, payload); break;
+        case MessageRoute::DashboardPresent: handleDashboardPresent(payload); break;
+        case MessageRoute::DashboardDismiss: handleDashboardDismiss(); break;
+        case MessageRoute::AppConfigRequest: handleAppConfigRequest(); break;
+        case MessageRoute::Analytics: handleAnalyticsEvent(payload); break;
     }
 }
 

@@ -48,6 +48,21 @@ std::string buildEventScript(std::string_view envelopeJson);
 // The envelope JSON back out of a script built above, or nullopt (headless host).
 std::optional<std::string> envelopeFromEventScript(std::string_view script);
 
+// Where an inbound message goes. Types are compared whole and case-sensitively;
+// anything not listed has no route and is ignored.
+enum class MessageRoute {
+    Terminal,
+    Project,
+    GitHubOAuth,
+    Git,
+    PreviewTabs,
+    DashboardPresent,
+    DashboardDismiss,
+    AppConfigRequest,
+    Analytics,
+};
+std::optional<MessageRoute> routeForMessageType(std::string_view type);
+
 class WebBridge final : public EventDispatching, public std::enable_shared_from_this<WebBridge> {
 public:
     using EventObserver = std::function<void(const std::string& type, const std::string& payloadJson)>;

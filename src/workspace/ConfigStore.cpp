@@ -56,7 +56,7 @@ std::string lastComponent(const std::string& path) {
 
 std::string abbreviateHome(const std::string& canonical, const std::string& home) {
     // A plain text prefix test: a sibling such as "/home/alice2" of "/home/alice"
-    // becomes "~2". Odd, but what the stored form has always been.
+    // becomes "~/2". Odd, but stored files have always looked like this.
     if (canonical.compare(0, home.size(), home) != 0) return canonical;
     std::string rest = canonical.substr(home.size());
     if (rest.empty()) return "~";

@@ -1,0 +1,97 @@
+// The injected event script run by a real JavaScript engine (JavaScriptCore,
+// no display needed): what the page receives must equal what we sent.
+#include <gtest/gtest.h>
+#include <jsc/jsc.h>
+
+#include "core/MainQueue.h"
+#include "shell/WebBridge.h"
+#include "support/TestSupport.h"
+
+using namespace velko;
+
+namespace {
+
+class ScriptEngine {
+public:
+    ScriptEngine() : m_context(jsc_context_new()) { evaluate("var window = globalThis;"); }
+    ~ScriptEngine() { g_object_unref(m_context); }
+
+    void evaluate(const std::string& code) {
+        JSCValue* value = jsc_context_evaluate(m_context, code.c_str(), static_cast<gssize>(code.size()));
+        if (JSCException* exception = jsc_context_get_exception(m_context)) {
+            ADD_FAILURE() << "script threw: " << jsc_exception_get_message(exception);
+            jsc_context_clear_exception(m_context);
+        }
+        g_object_unref(value);
+    }
+    // The UTF-8 bytes of a string-valued expression, embedded NULs included.
+    std::string string(const std::string& expression) {
+        JSCValue* value = jsc_context_evaluate(m_context, expression.c_str(), static_cast<gssize>(expression.size()));
+        GBytes* bytes = jsc_value_to_string_as_bytes(value);
+        gsize size = 0;
+        const auto* data = static_cast<const char*>(g_bytes_get_data(bytes, &size));
+        std::string out(data ? data : "", size);
+        g_bytes_unref(bytes);
+        g_object_unref(value);
+        return out;
+    }
+    int number(const std::string& expression) {
+        JSCValue* value = jsc_context_evaluate(m_context, expression.c_str(), static_cast<gssize>(expression.size()));
+        int out = jsc_value_to_int32(value);
+        g_object_unref(value);
+        return out;
+    }
+
+private:
+    JSCContext* m_context;
+};
+
+struct ScriptFixture : ::testing::Test {
+    void SetUp() override {
+        setMainQueue(main);
+        bridge->setWebView(view);
+        bridge->notifyWebViewDidFinishNavigation();
+    }
+    void runScripts() {
+        for (const auto& script : view->scripts) engine.evaluate(script);
+        view->scripts.clear();
+    }
+    std::shared_ptr<ManualQueue> main = std::make_shared<ManualQueue>();
+    std::shared_ptr<WebBridge> bridge = std::make_shared<WebBridge>();
+    std::shared_ptr<test::ScriptRecorder> view = std::make_shared<test::ScriptRecorder>();
+    ScriptEngine engine;
+};
+
+}  // namespace
+
+TEST_F(ScriptFixture, HostileTextArrivesInThePageByteForByte) {
+    const std::string texts[] = {
+        "it's", "'); alert(1); ('", "back\\slash", "\\'", "\\\\''\\", "line\nbreak\r\n", "tab\tquote\"",
+        "\xE2\x80\xA8 and \xE2\x80\xA9", "emoji \xF0\x9F\x98\x80", std::string("nul\0byte", 8), "</script>",
+        "\\u0041 not an escape", "日本語のテキスト",
+    };
+    for (const auto& text : texts) bridge->dispatchEvent("text", OrderedJson{{"text", text}});
+    runScripts();
+    ASSERT_EQ(engine.number("window.__velkoEventHistory.length"), static_cast<int>(std::size(texts)));
+    for (size_t i = 0; i < std::size(texts); ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(engine.string("window.__velkoEventHistory[" + std::to_string(i) + "].payload.text"), texts[i]);
+        EXPECT_EQ(engine.string("window.__velkoEventHistory[" + std::to_string(i) + "].type"), "text");
+    }
+}
+
+TEST_F(ScriptFixture, EventsWaitInThePageUntilItsDispatcherExistsAndHistoryKeepsTheNewest200) {
+    bridge->dispatchEvent("early", OrderedJson{{"n", 0}});
+    runScripts();
+    EXPECT_EQ(engine.number("window.__velkoPendingEvents.length"), 1);
+    EXPECT_EQ(engine.number("window.__velkoEventHistory.length"), 1);
+
+    engine.evaluate("window.received = []; window.__velko__ = { dispatch: function (e) { window.received.push(e); } };");
+    for (int i = 1; i <= 200; ++i) bridge->dispatchEvent("late", OrderedJson{{"n", i}});
+    runScripts();
+    EXPECT_EQ(engine.number("window.received.length"), 200);
+    EXPECT_EQ(engine.number("window.__velkoPendingEvents.length"), 1) << "delivered events are not queued";
+    EXPECT_EQ(engine.number("window.__velkoEventHistory.length"), 200);
+    EXPECT_EQ(engine.number("window.__velkoEventHistory[0].payload.n"), 1) << "the 201st event pushed out the first";
+    EXPECT_EQ(engine.number("window.__velkoEventHistory[199].payload.n"), 200);
+}
