@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <random>
 #include <thread>
 
 #include "core/MainQueue.h"
@@ -166,4 +167,55 @@ TEST(EventScript, EscapingRoundTripsThroughTheHeadlessDecoder) {
     }
     EXPECT_EQ(escapeForScriptLiteral(R"(a\'b)"), R"(a\\\'b)");
     EXPECT_FALSE(envelopeFromEventScript("alert(1)"));
+}
+
+namespace {
+// Random JSON of every shape, biased towards real message types so that the
+// handlers, not only the router, see hostile payloads.
+Json randomValue(std::mt19937& random, int depth) {
+    static const char* const kTypes[] = {
+        "terminal/input", "cli/create", "terminal/resize", "terminal/focus", "project/open", "project/close",
+        "project/activate", "project/reorder", "project/resume", "project/file/open", "project/file/save",
+        "project/file/rename", "project/explorer/directories/request", "git/status", "git/diff", "git/commit",
+        "github/oauth/logout", "previewTabs/persist", "dashboard.present", "analytics/event", "app/config/request",
+    };
+    switch (random() % (depth > 4 ? 5 : 8)) {
+        case 0: return nullptr;
+        case 1: return static_cast<int>(random() % 2000) - 1000;
+        case 2: return random() % 2 == 0;
+        case 3: return kTypes[random() % std::size(kTypes)];
+        case 4: return Uuid::random().toString();
+        case 5: {
+            Json array = Json::array();
+            for (int i = random() % 4; i > 0; --i) array.push_back(randomValue(random, depth + 1));
+            return array;
+        }
+        default: {
+            static const char* const kKeys[] = {"type", "payload", "id", "projectId", "sessionId", "order", "path",
+                                                "paths", "data", "cols", "rows", "targets", "content"};
+            Json object = Json::object();
+            for (int i = random() % 5; i > 0; --i)
+                object[kKeys[random() % std::size(kKeys)]] = randomValue(random, depth + 1);
+            return object;
+        }
+    }
+}
+}  // namespace
+
+TEST_F(BridgeFixture, RandomMessagesNeverBreakTheBridge) {
+    test::IsolatedHome home;
+    auto store = std::make_shared<ConfigStore>(home.dataDir());
+    bridge->setConfigStore(store);
+    attachReadyView();
+    std::mt19937 random(7);
+    for (int i = 0; i < 3000; ++i) {
+        Json message = randomValue(random, 0);
+        if (random() % 2 && message.is_object()) message["type"] = randomValue(random, 3);
+        bridge->handle(message);
+        main->runUntilIdle();
+    }
+    view->scripts.clear();
+    bridge->handleMessageText(R"({"type":"app/config/request"})");
+    main->runUntilIdle();
+    EXPECT_EQ(view->types(), (std::vector<std::string>{"app/config", "github/oauth/status"}));
 }
