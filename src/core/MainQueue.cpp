@@ -47,9 +47,13 @@ void GlibMainQueue::post(Task task) {
         }
     }
     if (schedule) {
-        // The queue lives as long as the process; it is installed once and never replaced
-        // while the main loop runs.
-        g_main_context_invoke_full(nullptr, G_PRIORITY_DEFAULT, &GlibMainQueue::drainCallback, this, nullptr);
+        // Not g_main_context_invoke: on the owning thread it would run the tasks
+        // right now, inside the caller. The queue lives as long as the process.
+        GSource* source = g_idle_source_new();
+        g_source_set_priority(source, G_PRIORITY_DEFAULT);
+        g_source_set_callback(source, &GlibMainQueue::drainCallback, this, nullptr);
+        g_source_attach(source, nullptr);
+        g_source_unref(source);
     }
 }
 

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <glib.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -218,4 +219,28 @@ TEST(Paths, XdgDirectoriesFollowTheEnvironment) {
     }
     test::ScopedEnv relative("XDG_DATA_HOME", "relative/path");  // not absolute: ignored
     EXPECT_EQ(dataDirectory(), "/home/tester/.local/share/velko");
+}
+
+TEST(Queues, GlibMainQueueKeepsOrderAcrossThreadsAndNeverRunsInsideTheCaller) {
+    GMainContext* context = g_main_context_default();
+    auto queue = std::make_shared<GlibMainQueue>();
+    std::vector<int> order;
+    bool insideCaller = false;
+    bool posting = true;
+    queue->post([&] { insideCaller = posting; });
+    posting = false;
+    std::thread worker([&] {
+        for (int i = 0; i < 100; ++i) queue->post([&order, i] { order.push_back(i); });
+    });
+    worker.join();
+    bool fired = false;
+    queue->postDelayed(std::chrono::milliseconds(20), [&] { fired = true; });
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while ((!fired || order.size() < 100) && std::chrono::steady_clock::now() < deadline)
+        g_main_context_iteration(context, TRUE);
+    EXPECT_FALSE(insideCaller);
+    ASSERT_EQ(order.size(), 100u);
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(order[i], i);
+    EXPECT_TRUE(fired);
+    EXPECT_TRUE(queue->isCurrent());
 }
