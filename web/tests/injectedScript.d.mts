@@ -1,0 +1,1 @@
+export function eventScript(type: string, payload: unknown): string;
