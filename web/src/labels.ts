@@ -36,7 +36,8 @@ export const L = {
   newTerminal: '新しいターミナル',
   closeTerminal: 'ターミナルを閉じる',
   noTerminals: 'ターミナルがありません',
-  interrupt: '割り込み (Ctrl+C)',
+  interrupt: 'シェルに SIGINT を送る (Ctrl+C)',
+  interruptShort: '中断',
   status: {
     pending: '待機中',
     booting: '起動中',

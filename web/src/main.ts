@@ -45,7 +45,8 @@ function start(): void {
   bridge.install();
   bridge.post('app/config/request');
   bridge.log('info', 'page ready');
-  (window as unknown as { __velkoApp?: App }).__velkoApp = app;
+  // Read-only handles for diagnostics in the web inspector and for end-to-end checks.
+  Object.assign(window, { __velkoDebug: { app, terminal: terminals.terminal, terminalText: terminals.text } });
 }
 
 /**

@@ -47,6 +47,10 @@ export interface TerminalsView {
   /** Focuses the visible terminal; false when there is none. */
   focusActive(): boolean;
   setFontSize(size: number): void;
+  /** The xterm.js instance of a session, for diagnostics and end-to-end checks. */
+  terminal(sessionId: string): Terminal | undefined;
+  /** The session's screen and scrollback as text, one line per row. */
+  text(sessionId: string): string | undefined;
 }
 
 export function mountTerminals(app: App, column: HTMLElement): TerminalsView {
@@ -62,7 +66,7 @@ export function mountTerminals(app: App, column: HTMLElement): TerminalsView {
       app.createTerminal();
     },
   }, '+');
-  const interrupt = h('button', { class: 'text-button', title: L.interrupt, onclick: () => activeId && app.interrupt(activeId) }, 'SIGINT');
+  const interrupt = h('button', { class: 'text-button', title: L.interrupt, onclick: () => activeId && app.interrupt(activeId) }, L.interruptShort);
   const header = h('div', { class: 'column-header' }, h('span', { class: 'column-title' }, L.terminal), tabs, interrupt, add);
   const banner = h('div', { class: 'session-banner', hidden: true });
   const body = h('div', { class: 'terminal-stack' });
@@ -250,6 +254,15 @@ export function mountTerminals(app: App, column: HTMLElement): TerminalsView {
 
   return {
     focusActive,
+    terminal: (id) => panes.get(id)?.term,
+    text(id) {
+      const buffer = panes.get(id)?.term.buffer.active;
+      if (!buffer) return undefined;
+      const lines: string[] = [];
+      for (let i = 0; i < buffer.length; i++) lines.push(buffer.getLine(i)?.translateToString(true) ?? '');
+      while (lines.length > 0 && lines[lines.length - 1] === '') lines.pop();
+      return lines.join('\n');
+    },
     setFontSize(size: number) {
       fontSize = size;
       for (const [id, pane] of panes) {

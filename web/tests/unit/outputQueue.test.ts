@@ -13,14 +13,20 @@ function harness() {
 }
 
 describe('OutputQueue', () => {
-  it('joins chunks of a frame into one write, in order, per session', () => {
-    const { queue, writes, sink, runFlushes } = harness();
+  it('keeps sessions apart and their bytes in order', () => {
+    const { queue, sink, runFlushes } = harness();
+    const other: string[] = [];
     queue.attach('s', sink);
-    for (const part of ['a', 'b', 'c']) queue.push('s', new TextEncoder().encode(part));
+    queue.attach('t', { write: (b, done) => { other.push(new TextDecoder().decode(b)); done(); } });
+    const writes: string[] = [];
+    sink.write = (b, done) => { writes.push(new TextDecoder().decode(b)); done(); };
+    for (const part of ['a', 'b', 'c']) {
+      queue.push('s', new TextEncoder().encode(part));
+      queue.push('t', new TextEncoder().encode(part.toUpperCase()));
+    }
     runFlushes();
-    queue.push('s', new TextEncoder().encode('d'));
-    runFlushes();
-    expect(writes).toEqual(['abc', 'd']);
+    expect(writes.join('')).toBe('abc');
+    expect(other.join('')).toBe('ABC');
   });
 
   it('holds output for a session until its terminal exists', () => {
@@ -34,18 +40,27 @@ describe('OutputQueue', () => {
     expect(writes).toEqual(['early bytes']);
   });
 
-  it('waits while the terminal is far behind, then resumes', () => {
+  it('merges what arrives while the terminal is busy into bounded pieces, and reports idle', () => {
     const { queue, writes, sink, runFlushes, pendingDone } = harness();
+    let idle = 0;
     queue.attach('s', sink);
-    queue.push('s', new Uint8Array(5 * 1024 * 1024).fill(65));
     runFlushes();
+    for (let i = 0; i < 1280; i++) queue.push('s', new Uint8Array(4096).fill(65));
     queue.push('s', new TextEncoder().encode('tail'));
-    runFlushes();
-    expect(writes).toHaveLength(1);
-    expect(queue.queued('s')).toBe(4);
+    // The first chunk goes straight to the idle terminal; the rest waits for it.
+    expect(writes.map((w) => w.length)).toEqual([4096]);
+    expect(queue.queued('s')).toBe(1279 * 4096 + 4);
     pendingDone.shift()!();
-    runFlushes();
-    expect(writes[1]).toBe('tail');
+    // Refilled in merged pieces up to the in-flight limit of 4 MiB.
+    expect(writes.length).toBe(33);
+    expect(Math.max(...writes.map((w) => w.length))).toBe(128 * 1024);
+    queue.onIdle('s', () => idle++);
+    while (pendingDone.length > 0) {
+      pendingDone.shift()!();
+      runFlushes();
+    }
+    expect(writes.join('')).toBe('A'.repeat(5 * 1024 * 1024) + 'tail');
+    expect(idle).toBe(1);
   });
 });
 
