@@ -30,11 +30,9 @@ async function openPage(ctx, setup = () => undefined, { channel = true } = {}) {
   return { page, native, errors };
 }
 
-async function terminalText(page) {
-  return page.evaluate(() => {
-    const host = [...document.querySelectorAll('.term-host')].find((h) => !h.hidden);
-    return host?.querySelector('.xterm-rows')?.textContent ?? '';
-  });
+/** Waits until the session's terminal buffer holds `text`. */
+async function waitForTerminalText(page, sessionId, text) {
+  await page.waitForFunction(([id, t]) => window.__velkoDebug.terminalText(id)?.includes(t), [sessionId, text]);
 }
 
 test('parked events are delivered, then the page asks for the configuration', async (ctx) => {
@@ -152,7 +150,7 @@ test('output is decoded and written in order, with status, exit code and the cod
   await page.waitForSelector('.codex-badge.running:not([hidden])');
   await native.send('terminal/output', { sessionId: session.id, chunk: b64('\x1b]633;velko-codex:end;status=0\x07$ '), encoding: 'base64' });
   await page.waitForSelector('.codex-badge', { state: 'hidden' });
-  assert.ok((await terminalText(page)).includes('codex> $'));
+  await waitForTerminalText(page, session.id, 'codex> $');
   await native.send('terminal/status', { sessionId: session.id, status: 'terminated', exitCode: 7 });
   await native.send('terminal/exit', { sessionId: session.id, exitCode: 7 });
   await page.waitForSelector('.session-tab .status-badge >> text=終了コード 7');
@@ -176,6 +174,25 @@ test('new terminal and close terminal post their messages', async (ctx) => {
   await page.click('.session-tab.active .tab-close');
   await native.waitFor((m) => m.type === 'terminal/close', 'terminal/close');
   await page.waitForFunction(() => document.querySelectorAll('.session-tab').length === 1);
+  await page.close();
+});
+
+test('keyboard focus lands on a terminal when the focused element goes away', async (ctx) => {
+  const { page } = await openPage(ctx, (n) => n.addProject('nu', { 'a.txt': 'a' }));
+  await page.click('.column-terminal .column-header button[aria-label="新しいターミナル"]');
+  await page.waitForSelector('.session-tab.active >> text=CLI #2');
+  const focusedSession = () => page.evaluate(() => document.activeElement?.closest('.term-host')?.dataset.session ?? document.activeElement?.className);
+  const second = await page.$eval('.term-host:not([hidden])', (el) => el.dataset.session);
+  assert.equal(await focusedSession(), second);
+  await page.click('.session-tab.active .tab-close');
+  await page.waitForFunction(() => document.querySelectorAll('.session-tab').length === 1);
+  const first = await page.$eval('.term-host:not([hidden])', (el) => el.dataset.session);
+  await page.waitForFunction((id) => document.activeElement?.closest('.term-host')?.dataset.session === id, first);
+  // A tree row that disappears under the keyboard hands focus on as well.
+  await page.click('.tree-row:has-text("a.txt")');
+  await page.focus('.tree-row:has-text("a.txt")');
+  await page.evaluate(() => document.querySelector('.tree-row').remove());
+  await page.waitForFunction((id) => document.activeElement?.closest('.term-host')?.dataset.session === id, first);
   await page.close();
 });
 
