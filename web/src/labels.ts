@@ -3,6 +3,7 @@
 export const L = {
   openProject: 'プロジェクトを開く',
   closeProject: 'プロジェクトを閉じる',
+  closeProjectUnsaved: (project: string, files: string) => `「${project}」には未保存のファイルがあります（${files}）。変更を破棄して閉じますか？`,
   noProjects: 'プロジェクトが開かれていません',
   openFolderHint: 'フォルダを選んでプロジェクトを追加します。',
   resumeWorkspace: '前回のワークスペースを復元',
@@ -36,6 +37,7 @@ export const L = {
   newTerminal: '新しいターミナル',
   closeTerminal: 'ターミナルを閉じる',
   noTerminals: 'ターミナルがありません',
+  openInEditor: 'ダブルクリックでエディターに開く',
   interrupt: 'シェルに SIGINT を送る (Ctrl+C)',
   interruptShort: '中断',
   status: {

@@ -28,3 +28,12 @@ export function eventScript(type, payload) {
   const escaped = json.replace(/\\/g, '\\\\').replace(/'/g, "\\'");
   return FIRST + escaped + SECOND;
 }
+
+/** The script the native side evaluates when files are dropped on the window. */
+export function dropScript(paths, timestamp = 1700000000) {
+  return (
+    '(function() {\n  window.__velkoNativeDropPayload = ' +
+    JSON.stringify({ paths, timestamp }) +
+    ";\n  window.dispatchEvent(new CustomEvent('velko:native-drop', { detail: window.__velkoNativeDropPayload }));\n})();"
+  );
+}

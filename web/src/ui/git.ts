@@ -128,6 +128,10 @@ function renderGroups(app: App, container: HTMLElement, projectId: string, g: Gi
           const row = h('li', { class: 'git-file', tabindex: 0 }, h('span', { class: 'file-status' }), h('span', { class: 'file-path' }));
           const open = () => app.showDiff(projectId, f.path, grp.stage);
           row.addEventListener('click', open);
+          // Deleted files have nothing to open.
+          row.addEventListener('dblclick', () => {
+            if (!f.status.includes('D')) app.openFile(projectId, f.path);
+          });
           row.addEventListener('keydown', (ev) => {
             if (ev.key === 'Enter') open();
           });
@@ -136,7 +140,7 @@ function renderGroups(app: App, container: HTMLElement, projectId: string, g: Gi
         (row, f) => {
           setText(row.querySelector('.file-status')!, f.status.trim() || f.status);
           setText(row.querySelector('.file-path')!, f.path);
-          row.title = f.path;
+          row.title = `${f.path}\n${L.openInEditor}`;
           row.classList.toggle('selected', g.diff?.path === f.path && g.diff.stage === grp.stage);
         },
       );

@@ -5,7 +5,10 @@
 import type { App } from '../app';
 import { L } from '../labels';
 import { reorderIds, type Project } from '../state/workspace';
+import { isDirty } from '../state/editor';
+import { baseName } from '../state/explorer';
 import { h, reconcile, setText } from './dom';
+import { showDialog } from './dialog';
 
 export function mountProjectTabs(app: App, root: HTMLElement): void {
   const list = h('div', { class: 'project-tabs', role: 'tablist', 'aria-label': 'プロジェクト' });
@@ -19,7 +22,7 @@ export function mountProjectTabs(app: App, root: HTMLElement): void {
     const tab = h('div', { class: 'project-tab', role: 'tab', draggable: 'true', tabindex: 0 }, name, close);
     close.addEventListener('click', (ev) => {
       ev.stopPropagation();
-      app.closeProject(p.id);
+      void confirmClose(app, p);
     });
     tab.addEventListener('click', () => app.activateProject(tab.dataset.key!));
     tab.addEventListener('keydown', (ev) => {
@@ -72,6 +75,17 @@ export function mountProjectTabs(app: App, root: HTMLElement): void {
   };
   app.workspace.subscribe(render);
   render();
+}
+
+/** Closing a project closes its open files; unsaved edits would be lost, so ask first. */
+async function confirmClose(app: App, p: Project): Promise<void> {
+  const dirty = app.editor.get().docs.filter((d) => d.projectId === p.id && isDirty(d));
+  if (dirty.length > 0) {
+    const names = dirty.map((d) => baseName(d.path)).join('、');
+    const ok = await showDialog({ title: L.closeProject, body: L.closeProjectUnsaved(p.name || p.rootPath, names), confirm: L.closeProject, danger: true });
+    if (!ok) return;
+  }
+  app.closeProject(p.id);
 }
 
 function isAfter(tab: HTMLElement, ev: DragEvent): boolean {

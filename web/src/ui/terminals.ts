@@ -10,6 +10,7 @@ import type { App } from '../app';
 import { L } from '../labels';
 import { acceptsInput, sessionsForProject, type TerminalSession } from '../state/terminals';
 import { binaryStringToBase64 } from '../terminal/base64';
+import { dropPaths, shellQuote } from '../terminal/paths';
 import { h, reconcile, setText } from './dom';
 
 const THEME: ITheme = {
@@ -107,6 +108,11 @@ export function mountTerminals(app: App, column: HTMLElement): TerminalsView {
       if (ev.type === 'keydown' && ev.ctrlKey && ev.shiftKey && ev.code === 'KeyC') {
         const text = term.getSelection();
         if (text) void navigator.clipboard?.writeText(text).catch(() => undefined);
+        return false;
+      }
+      // Ctrl+Shift+V pastes (bracketed if the program asked for it); Ctrl+V stays a control key.
+      if (ev.type === 'keydown' && ev.ctrlKey && ev.shiftKey && ev.code === 'KeyV') {
+        void navigator.clipboard?.readText().then((text) => text && term.paste(text)).catch(() => undefined);
         return false;
       }
       return true;
@@ -245,6 +251,15 @@ export function mountTerminals(app: App, column: HTMLElement): TerminalsView {
     const pane = panes.get(activeId);
     if (pane) fitPane(activeId, pane);
   }).observe(body);
+
+  // Files dropped on the window arrive as paths; like other terminals, drop them onto the command line.
+  window.addEventListener('velko:native-drop', (ev) => {
+    const paths = dropPaths((ev as CustomEvent).detail);
+    const pane = activeId ? panes.get(activeId) : undefined;
+    if (!pane || paths.length === 0) return;
+    pane.term.paste(paths.map(shellQuote).join(' ') + ' ');
+    pane.term.focus();
+  });
 
   app.terminals.subscribe(render);
   app.workspace.subscribe((s, prev) => {

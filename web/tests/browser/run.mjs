@@ -7,7 +7,7 @@ import { fileURLToPath } from 'node:url';
 import fs from 'node:fs';
 import { serve, launch, installChannel } from './harness.mjs';
 import { FakeNative } from './fakeNative.mjs';
-import { eventScript } from '../injectedScript.mjs';
+import { eventScript, dropScript } from '../injectedScript.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
 const buildDir = path.resolve(here, '../../../resources/web');
@@ -121,9 +121,12 @@ test('typing posts terminal input, Ctrl+C interrupts, and resize follows the lay
   await page.keyboard.press('Enter');
   await page.keyboard.press('Control+c');
   await native.waitFor((m) => m.type === 'terminal/signal', 'terminal/signal');
+  // Files dropped on the window land on the command line, quoted for the shell.
+  await page.evaluate(dropScript(['/home/u/My Files/a.txt', '/tmp/b.txt']));
+  await native.waitFor((m) => m.type === 'terminal/input' && m.payload.data.includes('b.txt'), 'dropped paths');
   const typed = native.messages.filter((m) => m.type === 'terminal/input').map((m) => m.payload);
   assert.ok(typed.every((p) => p.sessionId === session.id));
-  assert.equal(typed.map((p) => p.data).join(''), 'ls -la\r\x03');
+  assert.equal(typed.map((p) => p.data).join(''), "ls -la\r\x03'/home/u/My Files/a.txt' /tmp/b.txt ");
   const signal = native.messages.find((m) => m.type === 'terminal/signal');
   assert.deepEqual(signal.payload, { sessionId: session.id, signal: 'SIGINT' });
   const before = native.messages.filter((m) => m.type === 'terminal/resize').length;
@@ -250,6 +253,13 @@ test('opens, edits and saves a file with Ctrl+S', async (ctx) => {
   await page.keyboard.press('Control+End');
   await page.keyboard.type('x = 1');
   await page.waitForSelector('.doc-tab.dirty .dirty-marker:not([hidden])');
+  // Closing the project would lose the edit: the page asks, and "cancel" keeps it open.
+  await page.click('.project-tab.active .tab-close');
+  await page.waitForSelector('.dialog >> text=main.py');
+  await page.click('.dialog [data-action="cancel"]');
+  assert.ok(!native.messages.some((m) => m.type === 'project/close'));
+  await page.click('.cm-content');
+  await page.keyboard.press('Control+End');
   await page.keyboard.press('Control+s');
   const save = await native.waitFor((m) => m.type === 'project/file/save', 'save');
   assert.deepEqual(save.payload, { projectId: project.id, path: 'main.py', content: 'print("hi")\nx = 1' });
