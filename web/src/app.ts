@@ -30,6 +30,9 @@ export class App {
   readonly editor = new Store<ed.EditorState>(ed.initialEditor);
   readonly git = new Store<git.GitState>(git.initialGit);
   readonly toasts = new Store<Toast[]>([]);
+  /** Sessions that printed something while not on screen. */
+  readonly unseen = new Store<ReadonlySet<string>>(new Set());
+  private shownSessionId: string | undefined;
   readonly output: OutputQueue;
   private toastCounter = 0;
 
@@ -58,6 +61,12 @@ export class App {
     });
     for (const type of TERMINAL_EVENTS) b.on(type, (p) => this.terminals.update((s) => term.applyTerminalEvent(s, type, p)));
     b.on('terminal/output', (p) => this.onOutput(p));
+    b.on('terminal/activity', (p) => {
+      const id = uuid(p, 'sessionId');
+      // Checked before any copy: this event comes with every output chunk.
+      if (!id || id === this.shownSessionId || this.unseen.get().has(id)) return;
+      this.unseen.set(new Set([...this.unseen.get(), id]));
+    });
     b.on('project/explorer/directories', (p) => this.explorer.update((s) => ex.applyDirectories(s, p)));
     b.on('project/explorer/changed', (p) => {
       const t = ex.applyChanged(this.explorer.get(), p);
@@ -167,8 +176,17 @@ export class App {
   }
 
   closeTerminal(sessionId: string): void {
-    this.output.detach(sessionId);
     this.bridge.post('terminal/close', { sessionId });
+  }
+
+  /** The terminal view reports which session is on screen; its activity is seen. */
+  sessionShown(sessionId: string | undefined): void {
+    this.shownSessionId = sessionId;
+    if (sessionId && this.unseen.get().has(sessionId)) {
+      const next = new Set(this.unseen.get());
+      next.delete(sessionId);
+      this.unseen.set(next);
+    }
   }
 
   sendInput(sessionId: string, data: string, encoding?: 'base64'): void {

@@ -65,15 +65,19 @@ export function mountProjectTabs(app: App, root: HTMLElement): void {
 
   const render = () => {
     const state = app.workspace.get();
+    const unseen = app.unseen.get();
+    const busy = new Set(app.terminals.get().sessions.filter((s) => s.projectId && unseen.has(s.id)).map((s) => s.projectId));
     reconcile(list, state.projects, (p) => p.id, create, (el, p) => {
       const active = p.id === state.activeProjectId;
       el.classList.toggle('active', active);
+      el.classList.toggle('has-activity', !active && busy.has(p.id));
       el.setAttribute('aria-selected', String(active));
       el.title = p.rootPath;
       setText(el.querySelector('.project-name')!, p.name || p.rootPath);
     });
   };
   app.workspace.subscribe(render);
+  app.unseen.subscribe(render);
   render();
 }
 

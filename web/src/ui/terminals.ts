@@ -183,6 +183,8 @@ export function mountTerminals(app: App, column: HTMLElement): TerminalsView {
     else chosen.delete(key);
     const hadFocus = activeId !== undefined && panes.get(activeId)?.host.contains(document.activeElement);
     activeId = current;
+    app.sessionShown(current);
+    const unseen = app.unseen.get();
 
     reconcile(
       tabs,
@@ -209,6 +211,7 @@ export function mountTerminals(app: App, column: HTMLElement): TerminalsView {
         el.classList.toggle('active', s.id === current);
         el.setAttribute('aria-selected', String(s.id === current));
         el.dataset.status = s.status;
+        el.classList.toggle('has-activity', unseen.has(s.id));
         setText(el.querySelector('.session-title')!, s.title || L.terminal);
         setText(el.querySelector('.status-badge')!, statusText(s));
         el.title = [s.workingDirectory, s.errorMessage].filter(Boolean).join('\n');
@@ -262,6 +265,7 @@ export function mountTerminals(app: App, column: HTMLElement): TerminalsView {
   });
 
   app.terminals.subscribe(render);
+  app.unseen.subscribe(render);
   app.workspace.subscribe((s, prev) => {
     if (s.activeProjectId !== prev.activeProjectId || s.cliSessions !== prev.cliSessions) render();
   });

@@ -174,6 +174,13 @@ test('new terminal and close terminal post their messages', async (ctx) => {
   assert.deepEqual(create.payload, { projectId: project.id });
   await page.waitForSelector('.session-tab.active >> text=CLI #2');
   await page.waitForSelector('.session-tab.active .status-badge >> text=実行中');
+  // Output in the hidden first terminal marks its tab until it is shown.
+  const first = native.sessions[0].id;
+  await native.send('terminal/activity', { sessionId: first });
+  await page.waitForSelector('.session-tab.has-activity >> text=CLI #1');
+  await page.click('.session-tab >> text=CLI #1');
+  await page.waitForSelector('.session-tab.has-activity', { state: 'detached' });
+  await page.click('.session-tab >> text=CLI #2');
   await page.click('.session-tab.active .tab-close');
   await native.waitFor((m) => m.type === 'terminal/close', 'terminal/close');
   await page.waitForFunction(() => document.querySelectorAll('.session-tab').length === 1);
