@@ -61,7 +61,8 @@ export function mountExplorer(app: App, column: HTMLElement): void {
       if (ev.key === 'Enter') finish(true);
       else if (ev.key === 'Escape') finish(false);
     });
-    input.addEventListener('blur', () => finish(false));
+    // Leaving the field keeps the new name, as in other editors; Escape is the way out.
+    input.addEventListener('blur', () => finish(true));
     input.addEventListener('click', (ev) => ev.stopPropagation());
   };
 
@@ -125,6 +126,8 @@ export function mountExplorer(app: App, column: HTMLElement): void {
       el.style.paddingLeft = `${8 + r.depth * 14}px`;
       el.dataset.type = r.node.type;
       el.classList.toggle('selected', r.node.path === selected);
+      // One row takes part in Tab order: the selected one, else the first.
+      el.tabIndex = r.node.path === (selected ?? rows[0]?.node.path) ? 0 : -1;
       if (r.node.type === 'folder') el.setAttribute('aria-expanded', String(open));
       else el.removeAttribute('aria-expanded');
       el.title = r.node.path;
