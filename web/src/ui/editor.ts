@@ -5,6 +5,7 @@
 import { EditorView, keymap, lineNumbers, highlightActiveLine, highlightActiveLineGutter, drawSelection, highlightSpecialChars } from '@codemirror/view';
 import { EditorState, Compartment, type Extension } from '@codemirror/state';
 import { defaultKeymap, history, historyKeymap, indentWithTab } from '@codemirror/commands';
+import { search, searchKeymap, highlightSelectionMatches } from '@codemirror/search';
 import { syntaxHighlighting, HighlightStyle, LanguageDescription, bracketMatching, indentOnInput } from '@codemirror/language';
 import { languages } from '@codemirror/language-data';
 import { tags } from '@lezer/highlight';
@@ -38,9 +39,37 @@ const theme = EditorView.theme(
     '.cm-activeLineGutter': { backgroundColor: '#10131c', color: '#8a93a6' },
     '&.cm-focused .cm-selectionBackground, .cm-selectionBackground, ::selection': { backgroundColor: '#2a3b5c' },
     '.cm-cursor': { borderLeftColor: '#8ab4ff' },
+    '.cm-panels': { backgroundColor: '#0a0c12', color: '#d7dae0' },
+    '.cm-panels.cm-panels-top': { borderBottom: '1px solid #1c2130' },
+    '.cm-textfield': { backgroundColor: '#05060a', color: '#d7dae0', border: '1px solid #1c2130' },
+    '.cm-button': { backgroundImage: 'none', backgroundColor: '#10131c', color: '#d7dae0', border: '1px solid #1c2130' },
+    '.cm-searchMatch': { backgroundColor: '#4a3b1066', outline: '1px solid #e6c07b55' },
+    '.cm-searchMatch.cm-searchMatch-selected': { backgroundColor: '#6ea8fe55' },
+    '.cm-selectionMatch': { backgroundColor: '#2a3b5c88' },
   },
   { dark: true },
 );
+
+/** The editor's own words (search panel, go to line) in Japanese like the rest of the page. */
+const PHRASES: Record<string, string> = {
+  Find: '検索',
+  Replace: '置換',
+  next: '次へ',
+  previous: '前へ',
+  all: 'すべて',
+  'match case': '大文字と小文字を区別',
+  'by word': '単語単位',
+  regexp: '正規表現',
+  replace: '置換',
+  'replace all': 'すべて置換',
+  close: '閉じる',
+  'current match': '現在の一致',
+  'on line': '行',
+  'replaced match on line $': '$ 行目を置換しました',
+  'replaced $ matches': '$ 件を置換しました',
+  'Go to line': '行へ移動',
+  go: '移動',
+};
 
 export interface EditorViewHandle {
   focus(): boolean;
@@ -74,9 +103,12 @@ export function mountEditor(app: App, column: HTMLElement): EditorViewHandle {
     indentOnInput(),
     bracketMatching(),
     highlightActiveLine(),
+    highlightSelectionMatches(),
+    search({ top: true }),
     syntaxHighlighting(highlight),
     theme,
-    keymap.of([{ key: 'Mod-s', run: save, preventDefault: true }, indentWithTab, ...defaultKeymap, ...historyKeymap]),
+    EditorState.phrases.of(PHRASES),
+    keymap.of([{ key: 'Mod-s', run: save, preventDefault: true }, indentWithTab, ...defaultKeymap, ...historyKeymap, ...searchKeymap]),
     EditorView.updateListener.of((update) => {
       if (update.docChanged && shownKey) app.editor.update((s) => edited(s, shownKey!));
     }),

@@ -66,6 +66,15 @@ test('opens a project through the picker and shows its tab, tree, terminal and g
   await page.waitForSelector('.git-branch >> text=main');
   const layout = await page.$$eval('.columns > .column', (cols) => cols.map((c) => c.dataset.column));
   assert.deepEqual(layout, ['explorer', 'preview', 'editor', 'terminal', 'git']);
+  // Columns can be widened by dragging the line between them.
+  const before = (await page.locator('.column-explorer').boundingBox()).width;
+  const handle = await page.locator('.splitter').first().boundingBox();
+  await page.mouse.move(handle.x + 2, handle.y + 200);
+  await page.mouse.down();
+  await page.mouse.move(handle.x + 102, handle.y + 200, { steps: 5 });
+  await page.mouse.up();
+  const after = (await page.locator('.column-explorer').boundingBox()).width;
+  assert.ok(Math.abs(after - before - 100) <= 3, `explorer width ${before} → ${after}`);
   assert.deepEqual(errors, []);
   await page.close();
 });
