@@ -92,11 +92,10 @@ export class Bridge {
   dispatch(raw: unknown): void {
     if (!isObject(raw) || typeof raw.type !== 'string' || raw.type === '') return;
     const event: BridgeEvent = { type: raw.type, payload: isObject(raw.payload) ? raw.payload : {} };
+    // Sets iterate live: a handler removed during delivery is skipped, which is what unsubscribing means.
     const set = this.handlers.get(event.type);
-    if (set) {
-      for (const handler of [...set]) this.invoke(() => handler(event.payload, event), event);
-    }
-    for (const handler of [...this.anyHandlers]) this.invoke(() => handler(event), event);
+    if (set) for (const handler of set) this.invoke(handler, event);
+    for (const handler of this.anyHandlers) this.invokeAny(handler, event);
   }
 
   /**
@@ -115,11 +114,20 @@ export class Bridge {
     }
   }
 
-  private invoke(fn: () => void, event: BridgeEvent): void {
+  // Two small variants instead of a closure per call: this runs for every terminal output chunk.
+  private invoke(handler: EventHandler, event: BridgeEvent): void {
     try {
-      fn();
+      handler(event.payload, event);
     } catch (error) {
       // One faulty handler must not starve the others or the next events.
+      this.log('error', `handler for ${event.type} failed: ${describe(error)}`);
+    }
+  }
+
+  private invokeAny(handler: (event: BridgeEvent) => void, event: BridgeEvent): void {
+    try {
+      handler(event);
+    } catch (error) {
       this.log('error', `handler for ${event.type} failed: ${describe(error)}`);
     }
   }
