@@ -33,6 +33,7 @@ export class App {
   /** Sessions that printed something while not on screen. */
   readonly unseen = new Store<ReadonlySet<string>>(new Set());
   private shownSessionId: string | undefined;
+  private shownProjectId: string | undefined;
   readonly output: OutputQueue;
   private toastCounter = 0;
 
@@ -102,13 +103,23 @@ export class App {
     this.onActiveProjectShown();
   }
 
-  /** A project came on screen: make sure its tree root and git status are there. */
+  /**
+   * A project came on screen: its tree root and git status must be there.
+   * Only the active project's folder is watched, so a tree kept from an
+   * earlier visit may be stale and is reloaded where it is shown.
+   */
   private onActiveProjectShown(): void {
     const id = this.activeProjectId;
+    const changed = id !== this.shownProjectId;
+    this.shownProjectId = id;
     if (!id) return;
-    const t = ex.ensureRoot(this.explorer.get(), id);
-    this.explorer.set(t.state);
-    if (t.request.length > 0) this.requestDirectories(id, t.request);
+    const tree = this.explorer.get().trees[id];
+    if (changed && tree?.dirs[''] !== undefined) this.reloadExplorer(id);
+    else {
+      const t = ex.ensureRoot(this.explorer.get(), id);
+      this.explorer.set(t.state);
+      if (t.request.length > 0) this.requestDirectories(id, t.request);
+    }
     if (!this.git.get().projects[id]?.status) this.bridge.post('git/status', { projectId: id });
   }
 

@@ -90,6 +90,12 @@ test('tabs activate, close and reorder by dragging', async (ctx) => {
   const act = await native.waitFor((m) => m.type === 'project/activate', 'project/activate');
   assert.deepEqual(act.payload, { id: a.id });
   await page.waitForSelector('.project-tab.active >> text=one');
+  // Coming back to a project reloads its tree: changes made while it was in the background were not watched.
+  const treeRequests = () => native.messages.filter((m) => m.type === 'project/explorer/directories/request' && m.payload.projectId === b.id).length;
+  assert.equal(treeRequests(), 1);
+  await page.click('.project-tab >> text=two');
+  await native.waitFor(() => treeRequests() === 2, 'tree reload of two');
+  await page.waitForSelector('.project-tab.active >> text=two');
   await page.dragAndDrop('.project-tab:has-text("two")', '.project-tab:has-text("one")', { targetPosition: { x: 2, y: 10 } });
   const reorder = await native.waitFor((m) => m.type === 'project/reorder', 'project/reorder');
   assert.deepEqual(reorder.payload.order, [b.id, a.id]);
