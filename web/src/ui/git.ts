@@ -116,7 +116,7 @@ function renderGroups(app: App, container: HTMLElement, projectId: string, g: Gi
     container,
     visible,
     (grp) => grp.id,
-    (grp) => h('section', { class: 'git-group' }, h('h3', {}), h('ul', { class: 'git-files' })),
+    () => h('section', { class: 'git-group' }, h('h3', {}), h('ul', { class: 'git-files' })),
     (el, grp) => {
       const files = status![grp.id];
       setText(el.querySelector('h3')!, `${grp.label} (${files.length})`);

@@ -101,7 +101,12 @@ export function mountTerminals(app: App, column: HTMLElement): TerminalsView {
       if (data === '\x03') app.interrupt(id);
     });
     term.onBinary((data) => app.sendInput(id, binaryStringToBase64(data), 'base64'));
-    term.onResize(({ cols, rows }) => app.resizeTerminal(id, cols, rows));
+    // Dragging a column resizes continuously; the shell only needs the size it ends at.
+    let resizeTimer: number | undefined;
+    term.onResize(({ cols, rows }) => {
+      window.clearTimeout(resizeTimer);
+      resizeTimer = window.setTimeout(() => app.resizeTerminal(id, cols, rows), 80);
+    });
     term.parser.registerOscHandler(633, (data) => app.codexMarker(id, data));
     term.attachCustomKeyEventHandler((ev) => {
       // Ctrl+Shift+C copies the selection instead of reaching the shell.
