@@ -69,7 +69,9 @@ export function mountTerminals(app: App, column: HTMLElement): TerminalsView {
   }, '+');
   const interrupt = h('button', { class: 'text-button', title: L.interrupt, onclick: () => activeId && app.interrupt(activeId) }, L.interruptShort);
   const header = h('div', { class: 'column-header' }, h('span', { class: 'column-title' }, L.terminal), tabs, interrupt, add);
-  const banner = h('div', { class: 'session-banner', hidden: true });
+  const bannerText = h('span', { class: 'banner-text' });
+  const restart = h('button', { class: 'text-button', onclick: () => add.click() }, L.newTerminal);
+  const banner = h('div', { class: 'session-banner', hidden: true }, bannerText, restart);
   const body = h('div', { class: 'terminal-stack' });
   const empty = h('div', { class: 'empty-note' }, L.noTerminals);
   column.append(header, banner, body, empty);
@@ -235,7 +237,7 @@ export function mountTerminals(app: App, column: HTMLElement): TerminalsView {
     const cur = current ? state.sessions.find((s) => s.id === current) : undefined;
     banner.hidden = !cur || (cur.status !== 'failed' && cur.status !== 'terminated' && !cur.errorMessage);
     if (cur && !banner.hidden) {
-      setText(banner, [statusText(cur), cur.errorMessage].filter(Boolean).join(' — '));
+      setText(bannerText, [statusText(cur), cur.errorMessage].filter(Boolean).join(' — '));
       banner.dataset.status = cur.status;
     }
     empty.hidden = visible.length > 0;
