@@ -14,6 +14,8 @@ import * as git from './state/git';
 import { decodeBase64 } from './terminal/base64';
 import { OutputQueue, type Scheduler } from './terminal/outputQueue';
 
+const GIT_REFRESH_DELAY_MS = 700;
+
 export interface Toast {
   id: number;
   kind: 'success' | 'error' | 'info';
@@ -34,6 +36,7 @@ export class App {
   readonly unseen = new Store<ReadonlySet<string>>(new Set());
   private shownSessionId: string | undefined;
   private shownProjectId: string | undefined;
+  private readonly gitRefreshTimers = new Map<string, ReturnType<typeof setTimeout>>();
   readonly output: OutputQueue;
   private toastCounter = 0;
 
@@ -73,6 +76,9 @@ export class App {
       const t = ex.applyChanged(this.explorer.get(), p);
       this.explorer.set(t.state);
       if (t.projectId && t.request.length > 0) this.requestDirectories(t.projectId, t.request);
+      // Files changed on disk: the git panel would show an old picture otherwise.
+      const projectId = uuid(p, 'projectId');
+      if (projectId) this.refreshGitSoon(projectId);
     });
     for (const type of FILE_EVENTS) b.on(type, (p) => this.onFileEvent(type, p));
     b.on('project/file/renamed', (p) => this.editor.update((s) => ed.applyRenamed(s, p)));
@@ -133,6 +139,10 @@ export class App {
   }
 
   private onFileEvent(type: string, payload: Record<string, unknown>): void {
+    if (type === 'project/file/saved') {
+      const projectId = uuid(payload, 'projectId');
+      if (projectId) this.refreshGitSoon(projectId);
+    }
     const before = this.editor.get();
     const after = ed.applyFileEvent(before, type, payload);
     this.editor.set(after);
@@ -281,6 +291,18 @@ export class App {
 
   refreshGit(projectId: string): void {
     this.bridge.post('git/status', { projectId });
+  }
+
+  /** Coalesces refreshes that bursts of file changes would otherwise each ask for. */
+  refreshGitSoon(projectId: string): void {
+    if (this.gitRefreshTimers.has(projectId)) return;
+    this.gitRefreshTimers.set(
+      projectId,
+      setTimeout(() => {
+        this.gitRefreshTimers.delete(projectId);
+        if (this.workspace.get().projects.some((p) => p.id === projectId)) this.refreshGit(projectId);
+      }, GIT_REFRESH_DELAY_MS),
+    );
   }
 
   showDiff(projectId: string, path: string, stage: git.DiffStage): void {

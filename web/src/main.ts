@@ -39,6 +39,11 @@ function start(): void {
   mountToasts(app, toasts);
   keepFocus(terminals.focusActive, editor.focus);
   installZoom(terminals.setFontSize);
+  // Commits and checkouts made in a terminal touch only .git, which nobody watches; catch up when the user returns.
+  window.addEventListener('focus', () => {
+    const id = app.activeProjectId;
+    if (id) app.refreshGitSoon(id);
+  });
   mountLargeFileDialog(app);
 
   // Only now: every panel listens, so neither parked nor answered events are lost.

@@ -282,10 +282,14 @@ test('opens, edits and saves a file with Ctrl+S', async (ctx) => {
   assert.ok(!native.messages.some((m) => m.type === 'project/close'));
   await page.click('.cm-content');
   await page.keyboard.press('Control+End');
+  const statusAsks = () => native.messages.filter((m) => m.type === 'git/status').length;
+  const asked = statusAsks();
   await page.keyboard.press('Control+s');
   const save = await native.waitFor((m) => m.type === 'project/file/save', 'save');
   assert.deepEqual(save.payload, { projectId: project.id, path: 'main.py', content: 'print("hi")\nx = 1' });
   await page.waitForSelector('.doc-tab:not(.dirty) >> text=main.py');
+  // The git panel follows the saved change.
+  await native.waitFor(() => statusAsks() > asked, 'git/status after save');
   // Highlighting by file type: the Python keyword gets a token class.
   await page.waitForFunction(() => document.querySelectorAll('.cm-content span[class]').length > 0);
   await page.close();
