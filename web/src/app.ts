@@ -157,6 +157,7 @@ export class App {
   }
 
   toast(kind: Toast['kind'], message: string): void {
+    if (kind === 'error') this.bridge.log('warning', `shown to the user: ${message}`);
     this.toastCounter += 1;
     const toast = { id: this.toastCounter, kind, message };
     this.toasts.update((list) => [...list.slice(-4), toast]);

@@ -31,9 +31,9 @@ function start(): void {
 
   mountProjectTabs(app, topbar);
   const columns = mountLayout(app, main);
-  mountExplorer(app, columns.explorer);
   mountPreview(app, columns.preview);
   const editor = mountEditor(app, columns.editor);
+  mountExplorer(app, columns.explorer, editor.focus);
   const terminals = mountTerminals(app, columns.terminal);
   mountGit(app, columns.git);
   mountToasts(app, toasts);

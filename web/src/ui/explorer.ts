@@ -8,7 +8,7 @@ import { treeFor, visibleRows, type ExplorerNode } from '../state/explorer';
 import { activeProject } from '../state/workspace';
 import { h, reconcile, setText } from './dom';
 
-export function mountExplorer(app: App, column: HTMLElement): void {
+export function mountExplorer(app: App, column: HTMLElement, focusEditor: () => boolean): void {
   const title = h('span', { class: 'column-title' }, L.explorer);
   const reload = h('button', { class: 'icon-button', title: L.reload, 'aria-label': L.reload }, '⟳');
   const header = h('div', { class: 'column-header' }, title, h('span', { class: 'spacer' }), reload);
@@ -19,6 +19,15 @@ export function mountExplorer(app: App, column: HTMLElement): void {
 
   let renaming: string | undefined;
   let selected: string | undefined;
+
+  const focusEditorWhenLoaded = () => {
+    if (focusEditor()) return;
+    const stop = app.editor.subscribe(() => {
+      if (focusEditor()) stop();
+    });
+    // Give up if nothing arrives; a load error is shown in place anyway.
+    setTimeout(stop, 5000);
+  };
 
   reload.addEventListener('click', () => {
     const id = app.activeProjectId;
@@ -73,6 +82,11 @@ export function mountExplorer(app: App, column: HTMLElement): void {
     row.addEventListener('click', () => {
       const node = nodeOf(row);
       if (node && renaming !== node.path) activate(node);
+    });
+    // A double click means "edit it now": the editor takes the keyboard once the text is there.
+    row.addEventListener('dblclick', () => {
+      const node = nodeOf(row);
+      if (node?.type === 'file' && renaming !== node.path) focusEditorWhenLoaded();
     });
     row.addEventListener('contextmenu', (ev) => {
       const node = nodeOf(row);

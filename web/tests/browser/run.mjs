@@ -268,10 +268,11 @@ test('opens, edits and saves a file with Ctrl+S', async (ctx) => {
   const { page, native } = await openPage(ctx, (n) => {
     project = n.addProject('iota', { 'main.py': 'print("hi")\n' });
   });
-  await page.click('.tree-row:has-text("main.py")');
+  // A double click opens the file and hands the keyboard to the editor.
+  await page.dblclick('.tree-row:has-text("main.py")');
   await native.waitFor((m) => m.type === 'project/file/open' && m.payload.path === 'main.py', 'open');
   await page.waitForSelector('.cm-content >> text=print("hi")');
-  await page.click('.cm-content');
+  await page.waitForSelector('.cm-editor.cm-focused');
   await page.keyboard.press('Control+End');
   await page.keyboard.type('x = 1');
   await page.waitForSelector('.doc-tab.dirty .dirty-marker:not([hidden])');
