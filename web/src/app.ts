@@ -98,6 +98,8 @@ export class App {
     if (next === before) return;
     this.workspace.set(next);
     this.terminals.update((s) => term.applyConfiguredSessions(s, next.cliSessions));
+    const sessionIds = new Set(next.cliSessions.map((c) => c.id));
+    if ([...this.unseen.get()].some((id) => !sessionIds.has(id))) this.unseen.set(new Set([...this.unseen.get()].filter((id) => sessionIds.has(id))));
     const open = next.projects.map((p) => p.id);
     this.editor.update((s) => ed.keepProjects(s, open));
     this.git.update((s) => git.forgetProjects(s, open));
