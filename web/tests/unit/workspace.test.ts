@@ -1,5 +1,6 @@
 import { describe, expect, it } from 'vitest';
-import { applyActivation, applyConfig, initialWorkspace, reorderIds } from '../../src/state/workspace';
+import { applyActivation, applyConfig, initialWorkspace, reorderIds, type ColumnKind } from '../../src/state/workspace';
+import { columnOrder } from '../../src/ui/layout';
 import { P1, P2, P3, S1 } from './ids';
 
 const project = (id: string, name: string) => ({ id, name, rootPath: `~/${name}`, explorerExcludedPaths: [] });
@@ -67,5 +68,15 @@ describe('reorderIds', () => {
     { dragged: 'x', target: 'a', after: false, out: ['a', 'b', 'c'] },
   ])('$dragged onto $target (after=$after)', ({ dragged, target, after, out }) => {
     expect(reorderIds(['a', 'b', 'c'], dragged, target, after)).toEqual(out);
+  });
+});
+
+describe('column order', () => {
+  it.each([
+    { layout: ['explorer', 'preview', 'editor', 'terminal'], order: ['explorer', 'preview', 'editor', 'terminal', 'git'] },
+    { layout: ['git', 'terminal'], order: ['git', 'terminal'] },
+    { layout: ['terminal', 'explorer', 'git', 'editor'], order: ['terminal', 'explorer', 'git', 'editor'] },
+  ] as { layout: ColumnKind[]; order: ColumnKind[] }[])('$layout', ({ layout, order }) => {
+    expect(columnOrder(layout)).toEqual(order);
   });
 });
