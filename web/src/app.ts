@@ -1,0 +1,333 @@
+// The page's controller: turns bridge events into state through the pure
+// functions of src/state, and user intents into bridge messages. Views only
+// read the stores and call the intents below.
+
+import { Bridge } from './bridge';
+import { str, uuid } from './json';
+import { Store } from './store';
+import { newRequestId } from './ui/dom';
+import * as ws from './state/workspace';
+import * as term from './state/terminals';
+import * as ex from './state/explorer';
+import * as ed from './state/editor';
+import * as git from './state/git';
+import { decodeBase64 } from './terminal/base64';
+import { OutputQueue, type Scheduler } from './terminal/outputQueue';
+
+const GIT_REFRESH_DELAY_MS = 700;
+
+export interface Toast {
+  id: number;
+  kind: 'success' | 'error' | 'info';
+  message: string;
+}
+
+const TERMINAL_EVENTS = ['terminal/snapshot', 'terminal/created', 'terminal/status', 'terminal/exit', 'terminal/error', 'terminal/resize'];
+const FILE_EVENTS = ['project/file/content', 'project/file/confirm', 'project/file/saved', 'project/file/error'];
+
+export class App {
+  readonly workspace = new Store<ws.WorkspaceState>(ws.initialWorkspace);
+  readonly terminals = new Store<term.TerminalsState>(term.initialTerminals);
+  readonly explorer = new Store<ex.ExplorerState>(ex.initialExplorer);
+  readonly editor = new Store<ed.EditorState>(ed.initialEditor);
+  readonly git = new Store<git.GitState>(git.initialGit);
+  readonly toasts = new Store<Toast[]>([]);
+  /** Sessions that printed something while not on screen. */
+  readonly unseen = new Store<ReadonlySet<string>>(new Set());
+  private shownSessionId: string | undefined;
+  private shownProjectId: string | undefined;
+  private readonly gitRefreshTimers = new Map<string, ReturnType<typeof setTimeout>>();
+  readonly output: OutputQueue;
+  private toastCounter = 0;
+
+  constructor(
+    readonly bridge: Bridge,
+    schedule: Scheduler,
+  ) {
+    this.output = new OutputQueue(schedule);
+    this.subscribe();
+  }
+
+  get activeProjectId(): string | undefined {
+    return this.workspace.get().activeProjectId;
+  }
+
+  private subscribe(): void {
+    const b = this.bridge;
+    b.on('app/config', (p) => this.onConfig(p));
+    b.on('project/activate', (p) => {
+      this.workspace.update((s) => ws.applyActivation(s, p));
+      this.onActiveProjectShown();
+    });
+    b.on('project/resume/error', (p) => {
+      const message = str(p, 'message');
+      if (message) this.toast('error', message);
+    });
+    for (const type of TERMINAL_EVENTS) b.on(type, (p) => this.terminals.update((s) => term.applyTerminalEvent(s, type, p)));
+    b.on('terminal/output', (p) => this.onOutput(p));
+    b.on('terminal/activity', (p) => {
+      const id = uuid(p, 'sessionId');
+      // Checked before any copy: this event comes with every output chunk.
+      if (!id || id === this.shownSessionId || this.unseen.get().has(id)) return;
+      this.unseen.set(new Set([...this.unseen.get(), id]));
+    });
+    b.on('project/explorer/directories', (p) => this.explorer.update((s) => ex.applyDirectories(s, p)));
+    b.on('project/explorer/changed', (p) => {
+      const t = ex.applyChanged(this.explorer.get(), p);
+      this.explorer.set(t.state);
+      if (t.projectId && t.request.length > 0) this.requestDirectories(t.projectId, t.request);
+      // Files changed on disk: the git panel would show an old picture otherwise.
+      const projectId = uuid(p, 'projectId');
+      if (projectId) this.refreshGitSoon(projectId);
+    });
+    for (const type of FILE_EVENTS) b.on(type, (p) => this.onFileEvent(type, p));
+    b.on('project/file/renamed', (p) => this.editor.update((s) => ed.applyRenamed(s, p)));
+    b.on('git/status', (p) => this.git.update((s) => git.applyStatus(s, p)));
+    b.on('git/diff', (p) => this.git.update((s) => git.applyDiff(s, p)));
+    b.on('git/result', (p) => {
+      const r = git.applyResult(this.git.get(), p, this.activeProjectId);
+      this.git.set(r.state);
+      if (r.toast) this.toast(r.toast.success ? 'success' : 'error', r.toast.message);
+    });
+    b.on('git/refresh/barrier', (p) => this.git.update((s) => git.applyBarrier(s, p)));
+  }
+
+  private onConfig(payload: unknown): void {
+    const before = this.workspace.get();
+    const next = ws.applyConfig(before, payload);
+    if (next === before) return;
+    this.workspace.set(next);
+    this.terminals.update((s) => term.applyConfiguredSessions(s, next.cliSessions));
+    const sessionIds = new Set(next.cliSessions.map((c) => c.id));
+    if ([...this.unseen.get()].some((id) => !sessionIds.has(id))) this.unseen.set(new Set([...this.unseen.get()].filter((id) => sessionIds.has(id))));
+    const open = next.projects.map((p) => p.id);
+    this.editor.update((s) => ed.keepProjects(s, open));
+    this.git.update((s) => git.forgetProjects(s, open));
+    this.explorer.update((s) => {
+      let out = s;
+      for (const id of Object.keys(s.trees)) if (!open.includes(id)) out = ex.forgetProject(out, id);
+      return out;
+    });
+    this.onActiveProjectShown();
+  }
+
+  /**
+   * A project came on screen: its tree root and git status must be there.
+   * Only the active project's folder is watched, so a tree kept from an
+   * earlier visit may be stale and is reloaded where it is shown.
+   */
+  private onActiveProjectShown(): void {
+    const id = this.activeProjectId;
+    const changed = id !== this.shownProjectId;
+    this.shownProjectId = id;
+    if (!id) return;
+    const tree = this.explorer.get().trees[id];
+    if (changed && tree?.dirs[''] !== undefined) this.reloadExplorer(id);
+    else {
+      const t = ex.ensureRoot(this.explorer.get(), id);
+      this.explorer.set(t.state);
+      if (t.request.length > 0) this.requestDirectories(id, t.request);
+    }
+    if (!this.git.get().projects[id]?.status) this.bridge.post('git/status', { projectId: id });
+  }
+
+  private onOutput(payload: Record<string, unknown>): void {
+    const id = uuid(payload, 'sessionId');
+    const chunk = str(payload, 'chunk');
+    if (!id || chunk === undefined) return;
+    const encoding = str(payload, 'encoding');
+    const bytes = encoding === 'base64' ? decodeBase64(chunk) : new TextEncoder().encode(chunk);
+    if (bytes) this.output.push(id, bytes);
+  }
+
+  private onFileEvent(type: string, payload: Record<string, unknown>): void {
+    if (type === 'project/file/saved') {
+      const projectId = uuid(payload, 'projectId');
+      if (projectId) this.refreshGitSoon(projectId);
+    }
+    const before = this.editor.get();
+    const after = ed.applyFileEvent(before, type, payload);
+    this.editor.set(after);
+    if (type === 'project/file/error') {
+      const message = str(payload, 'message');
+      const projectId = uuid(payload, 'projectId');
+      const path = str(payload, 'path');
+      const doc = projectId && path !== undefined ? before.docs.find((d) => d.key === ed.docKey(projectId, path)) : undefined;
+      // A failed load shows in the editor itself; everything else (save, rename) needs a toast.
+      if (message && doc?.kind !== 'loading') this.toast('error', message);
+    }
+  }
+
+  toast(kind: Toast['kind'], message: string): void {
+    if (kind === 'error') this.bridge.log('warning', `shown to the user: ${message}`);
+    this.toastCounter += 1;
+    const toast = { id: this.toastCounter, kind, message };
+    this.toasts.update((list) => [...list.slice(-4), toast]);
+  }
+
+  dismissToast(id: number): void {
+    this.toasts.update((list) => list.filter((t) => t.id !== id));
+  }
+
+  // Projects
+
+  openProject(): void {
+    this.bridge.post('project/open');
+  }
+
+  closeProject(projectId: string): void {
+    this.bridge.post('project/close', { projectId });
+  }
+
+  activateProject(id: string): void {
+    if (id === this.activeProjectId) return;
+    this.bridge.post('project/activate', { id });
+  }
+
+  reorderProjects(order: string[]): void {
+    this.bridge.post('project/reorder', { order });
+  }
+
+  resumeWorkspace(): void {
+    this.bridge.post('project/resume');
+  }
+
+  // Terminals
+
+  createTerminal(): void {
+    const projectId = this.activeProjectId;
+    this.bridge.post('terminal/create', projectId ? { projectId } : {});
+  }
+
+  closeTerminal(sessionId: string): void {
+    this.bridge.post('terminal/close', { sessionId });
+  }
+
+  /** The terminal view reports which session is on screen; its activity is seen. */
+  sessionShown(sessionId: string | undefined): void {
+    this.shownSessionId = sessionId;
+    if (sessionId && this.unseen.get().has(sessionId)) {
+      const next = new Set(this.unseen.get());
+      next.delete(sessionId);
+      this.unseen.set(next);
+    }
+  }
+
+  sendInput(sessionId: string, data: string, encoding?: 'base64'): void {
+    this.bridge.post('terminal/input', encoding ? { sessionId, data, encoding } : { sessionId, data });
+  }
+
+  interrupt(sessionId: string): void {
+    this.bridge.post('terminal/signal', { sessionId, signal: 'SIGINT' });
+  }
+
+  resizeTerminal(sessionId: string, cols: number, rows: number): void {
+    if (cols < 1 || rows < 1) return;
+    this.bridge.post('terminal/resize', { sessionId, cols, rows });
+  }
+
+  focusTerminal(sessionId: string, focused: boolean): void {
+    this.bridge.post('terminal/focus', { sessionId, focused });
+  }
+
+  codexMarker(sessionId: string, data: string): boolean {
+    const marker = term.parseCodexMarker(data);
+    if (!marker) return false;
+    this.terminals.update((s) => term.applyCodexMarker(s, sessionId, marker));
+    return true;
+  }
+
+  // Explorer
+
+  requestDirectories(projectId: string, paths: string[]): void {
+    const requestId = newRequestId();
+    this.explorer.update((s) => ex.markRequested(s, projectId, paths, requestId));
+    this.bridge.post('project/explorer/directories/request', { projectId, paths, requestId });
+  }
+
+  toggleFolder(projectId: string, path: string): void {
+    const t = ex.toggleFolder(this.explorer.get(), projectId, path);
+    this.explorer.set(t.state);
+    if (t.request.length > 0) this.requestDirectories(projectId, t.request);
+  }
+
+  reloadExplorer(projectId: string): void {
+    const tree = ex.treeFor(this.explorer.get(), projectId);
+    const paths = ['', ...tree.expanded.filter((p) => ex.isVisible(tree, p))];
+    this.requestDirectories(projectId, paths);
+  }
+
+  renameItem(projectId: string, path: string, newName: string, entityType: 'file' | 'folder'): void {
+    const name = newName.trim();
+    if (name === '' || name === ex.baseName(path)) return;
+    this.bridge.post('project/file/rename', { projectId, path, nextPath: ex.renamedPath(path, name), entityType });
+  }
+
+  // Editor
+
+  openFile(projectId: string, path: string): void {
+    const before = this.editor.get();
+    const existing = before.docs.find((d) => d.key === ed.docKey(projectId, path));
+    this.editor.update((s) => ed.openRequested(s, projectId, path));
+    if (!existing || existing.kind === 'error') this.bridge.post('project/file/open', { projectId, path });
+  }
+
+  confirmLargeFile(accept: boolean): void {
+    const c = this.editor.get().confirm;
+    if (!c) return;
+    if (accept) {
+      this.editor.update(ed.acceptConfirm);
+      this.bridge.post('project/file/open', { projectId: c.projectId, path: c.path, allowLargeFile: true });
+    } else {
+      this.editor.update(ed.dismissConfirm);
+    }
+  }
+
+  saveFile(key: string, content: string): void {
+    const doc = this.editor.get().docs.find((d) => d.key === key);
+    if (!doc || doc.kind !== 'text') return;
+    this.editor.update((s) => ed.saveRequested(s, key));
+    this.bridge.post('project/file/save', { projectId: doc.projectId, path: doc.path, content });
+  }
+
+  // Git
+
+  refreshGit(projectId: string): void {
+    this.bridge.post('git/status', { projectId });
+  }
+
+  /** Coalesces refreshes that bursts of file changes would otherwise each ask for. */
+  refreshGitSoon(projectId: string): void {
+    if (this.gitRefreshTimers.has(projectId)) return;
+    this.gitRefreshTimers.set(
+      projectId,
+      setTimeout(() => {
+        this.gitRefreshTimers.delete(projectId);
+        if (this.workspace.get().projects.some((p) => p.id === projectId)) this.refreshGit(projectId);
+      }, GIT_REFRESH_DELAY_MS),
+    );
+  }
+
+  showDiff(projectId: string, path: string, stage: git.DiffStage): void {
+    this.git.update((s) => git.selectDiff(s, projectId, path, stage));
+    this.bridge.post('git/diff', { projectId, targets: [{ path, stage }] });
+  }
+
+  runGitAction(projectId: string, action: git.GitAction): void {
+    if (git.isRunning(this.git.get(), projectId)) return;
+    const payload: Record<string, unknown> = { projectId };
+    if (action === 'commit') {
+      const message = git.projectGit(this.git.get(), projectId).draft;
+      if (message.trim() === '') {
+        this.toast('error', 'コミットメッセージを入力してください');
+        return;
+      }
+      payload.message = message;
+    }
+    const requestId = newRequestId();
+    this.git.update((s) => git.actionStarted(s, projectId, action, requestId));
+    this.bridge.post(`git/${action}`, payload);
+    this.bridge.post('git/refresh/barrier', { projectId, requestId });
+  }
+}
+

@@ -1,0 +1,212 @@
+// A small stand-in for the native program: it keeps a workspace, files and a
+// git status in memory and answers the page's messages with the events the
+// native side would send, through the native event script.
+
+import { randomUUID } from 'node:crypto';
+import { eventScript } from '../injectedScript.mjs';
+
+const id = () => randomUUID().toUpperCase();
+
+export class FakeNative {
+  constructor() {
+    this.page = undefined;
+    this.messages = [];
+    this.sent = [];
+    /** Folders the next "project/open" picks. */
+    this.pickFolders = [];
+    this.projects = [];
+    this.resumeProjects = [];
+    this.activeProjectId = undefined;
+    this.columnLayout = ['explorer', 'preview', 'editor', 'terminal'];
+    this.sessions = [];
+    /** Files per project id: relative path → text. */
+    this.files = new Map();
+    this.largeFiles = new Set();
+    this.git = new Map();
+  }
+
+  attach(page) {
+    this.page = page;
+  }
+
+  addProject(name, files = {}) {
+    const project = { id: id(), name, rootPath: `~/src/${name}`, explorerExcludedPaths: [] };
+    this.projects.push(project);
+    this.resumeProjects = [...this.projects];
+    this.files.set(project.id, new Map(Object.entries(files)));
+    this.git.set(project.id, { branch: 'main', ahead: 0, behind: 0, staged: [], unstaged: [], untracked: [] });
+    this.activeProjectId = project.id;
+    const session = { id: id(), title: 'CLI #1', workingDirectory: `/home/u/src/${name}`, projectId: project.id };
+    this.sessions.push(session);
+    return project;
+  }
+
+  config() {
+    const payload = {
+      projects: this.projects,
+      columnLayout: this.columnLayout,
+      cliSessions: this.sessions.map((s) => ({ ...s, status: 'pending' })),
+      features: ['terminal.v2'],
+      hasSavedWorkspace: this.resumeProjects.length > 0,
+    };
+    if (this.activeProjectId) payload.activeProjectId = this.activeProjectId;
+    if (this.resumeProjects.length > 0) payload.resumeProjects = this.resumeProjects;
+    return payload;
+  }
+
+  async send(type, payload) {
+    this.sent.push({ type, payload });
+    await this.page.evaluate(eventScript(type, payload));
+  }
+
+  async sendConfig() {
+    await this.send('app/config', this.config());
+    await this.send('github/oauth/status', { signedIn: false });
+  }
+
+  /** Waits for a posted message that matches. */
+  async waitFor(predicate, what, timeout = 5000) {
+    const end = Date.now() + timeout;
+    for (;;) {
+      const hit = this.messages.find(predicate);
+      if (hit) return hit;
+      if (Date.now() > end) throw new Error(`no posted message: ${what}; got ${JSON.stringify(this.messages.map((m) => m.type))}`);
+      await new Promise((r) => setTimeout(r, 20));
+    }
+  }
+
+  async handle(message) {
+    this.messages.push(message);
+    try {
+      await this.respond(message);
+    } catch (error) {
+      if (!String(error).includes('closed')) console.error('fake native failed on', message.type, error);
+    }
+  }
+
+  listing(projectId, dir) {
+    const files = this.files.get(projectId);
+    if (!files) return { path: dir, nodes: [], error: 'invalidProject' };
+    const children = new Map();
+    for (const p of files.keys()) {
+      if (dir !== '' && !p.startsWith(`${dir}/`)) continue;
+      const rest = dir === '' ? p : p.slice(dir.length + 1);
+      const [head, ...tail] = rest.split('/');
+      const childPath = dir === '' ? head : `${dir}/${head}`;
+      children.set(childPath, { name: head, path: childPath, type: tail.length > 0 ? 'folder' : 'file' });
+    }
+    if (dir !== '' && children.size === 0) return { path: dir, nodes: [], error: 'notFound' };
+    const nodes = [...children.values()].sort((a, b) => (a.type === b.type ? a.name.localeCompare(b.name) : a.type === 'folder' ? -1 : 1));
+    return { path: dir, nodes };
+  }
+
+  async sendStatus(projectId) {
+    const g = this.git.get(projectId);
+    if (!g) return;
+    await this.send('git/status', { projectId, ...g, pending: g.staged.length + g.unstaged.length + g.untracked.length });
+  }
+
+  async respond({ type, payload = {} }) {
+    switch (type) {
+      case 'app/config/request':
+        return this.sendConfig();
+      case 'project/open': {
+        const name = this.pickFolders.shift();
+        if (!name) return;
+        const project = this.addProject(name, { 'README.md': '# hi\n', 'src/main.ts': 'export const x = 1;\n' });
+        await this.sendConfig();
+        await this.send('project/activate', { id: project.id, name: project.name, rootPath: project.rootPath });
+        return this.sendStatus(project.id);
+      }
+      case 'project/activate':
+        if (!this.projects.some((p) => p.id === payload.id)) return;
+        this.activeProjectId = payload.id;
+        await this.sendConfig();
+        return this.sendStatus(payload.id);
+      case 'project/close':
+        this.projects = this.projects.filter((p) => p.id !== payload.projectId);
+        this.sessions = this.sessions.filter((s) => s.projectId !== payload.projectId);
+        if (this.activeProjectId === payload.projectId) this.activeProjectId = this.projects[0]?.id;
+        return this.sendConfig();
+      case 'project/reorder': {
+        const order = payload.order;
+        this.projects = [...order.map((i) => this.projects.find((p) => p.id === i)).filter(Boolean), ...this.projects.filter((p) => !order.includes(p.id))];
+        return this.sendConfig();
+      }
+      case 'project/resume':
+        if (this.resumeProjects.length === 0) return this.send('project/resume/error', { reason: 'no-projects', message: '復元できるプロジェクトが見つかりません' });
+        this.projects = [...this.resumeProjects];
+        this.activeProjectId = this.projects[0].id;
+        return this.sendConfig();
+      case 'terminal/create': {
+        const session = { id: id(), title: `CLI #${this.sessions.filter((s) => s.projectId === payload.projectId).length + 1}`, workingDirectory: '/tmp', projectId: payload.projectId };
+        this.sessions.push(session);
+        await this.sendConfig();
+        await this.send('terminal/created', { sessionId: session.id, pid: 4242, cols: 120, rows: 40, title: session.title, workingDirectory: '/tmp', shell: '/bin/zsh' });
+        await this.send('terminal/status', { sessionId: session.id, status: 'booting' });
+        return this.send('terminal/status', { sessionId: session.id, status: 'ready' });
+      }
+      case 'terminal/close':
+        this.sessions = this.sessions.filter((s) => s.id !== payload.sessionId);
+        return this.sendConfig();
+      case 'project/explorer/directories/request':
+        return this.send('project/explorer/directories', {
+          projectId: payload.projectId,
+          requestId: payload.requestId,
+          directories: payload.paths.map((p) => this.listing(payload.projectId, p)),
+        });
+      case 'project/file/open': {
+        const files = this.files.get(payload.projectId);
+        const text = files?.get(payload.path);
+        if (text === undefined) return this.send('project/file/error', { projectId: payload.projectId, path: payload.path, message: 'ファイルが見つかりませんでした' });
+        if (this.largeFiles.has(payload.path) && payload.allowLargeFile !== true) {
+          return this.send('project/file/confirm', { projectId: payload.projectId, path: payload.path, sizeBytes: 41943040, softLimitBytes: 31457280, hardLimitBytes: 314572800 });
+        }
+        if (payload.path.endsWith('.png')) {
+          return this.send('project/file/content', { projectId: payload.projectId, path: payload.path, content: text, encoding: 'base64', mimeType: 'image/png' });
+        }
+        return this.send('project/file/content', { projectId: payload.projectId, path: payload.path, content: text });
+      }
+      case 'project/file/save':
+        this.files.get(payload.projectId)?.set(payload.path, payload.content);
+        return this.send('project/file/saved', { projectId: payload.projectId, path: payload.path });
+      case 'project/file/rename': {
+        const files = this.files.get(payload.projectId);
+        const text = files?.get(payload.path);
+        if (text === undefined) return this.send('project/file/error', { projectId: payload.projectId, path: payload.path, message: '対象が見つかりません', code: 'rename_not_found' });
+        files.delete(payload.path);
+        files.set(payload.nextPath, text);
+        await this.send('project/file/renamed', { projectId: payload.projectId, path: payload.path, nextPath: payload.nextPath, entityType: 'file' });
+        const parent = payload.path.includes('/') ? payload.path.slice(0, payload.path.lastIndexOf('/')) : '';
+        return this.send('project/explorer/changed', { projectId: payload.projectId, directoryPaths: [parent], requiresResync: false });
+      }
+      case 'git/status':
+        return this.sendStatus(payload.projectId ?? this.activeProjectId);
+      case 'git/diff':
+        return this.send('git/diff', {
+          projectId: payload.projectId,
+          files: payload.targets.map((t) => ({ path: t.path, stage: t.stage, additions: 1, deletions: 1, isBinary: false, patch: `diff --git a/${t.path} b/${t.path}\n@@ -1 +1 @@\n-old line\n+new line\n` })),
+        });
+      case 'git/commit': {
+        if (this.holdGit) await this.holdGit;
+        const g = this.git.get(payload.projectId);
+        g.staged = [];
+        g.unstaged = [];
+        g.untracked = [];
+        g.ahead += 1;
+        await this.send('git/result', { success: true, message: 'コミットしました' });
+        return this.sendStatus(payload.projectId);
+      }
+      case 'git/push':
+      case 'git/pull':
+      case 'git/fetch':
+        if (this.holdGit) await this.holdGit;
+        return this.send('git/result', { success: false, message: 'リモートリポジトリがないプロジェクトです' });
+      case 'git/refresh/barrier':
+        if (this.holdGit) await this.holdGit;
+        return this.send('git/refresh/barrier', { projectId: payload.projectId, requestId: payload.requestId });
+      default:
+        return undefined;
+    }
+  }
+}

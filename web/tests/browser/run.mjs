@@ -1,0 +1,425 @@
+// Browser tests of the built page: chromium, a fake native side, and the
+// native event script. Usage: node tests/browser/run.mjs [name filter]
+
+import assert from 'node:assert/strict';
+import path from 'node:path';
+import { fileURLToPath } from 'node:url';
+import fs from 'node:fs';
+import { serve, launch, installChannel } from './harness.mjs';
+import { FakeNative } from './fakeNative.mjs';
+import { eventScript, dropScript } from '../injectedScript.mjs';
+
+const here = path.dirname(fileURLToPath(import.meta.url));
+const buildDir = path.resolve(here, '../../../resources/web');
+const tests = [];
+const test = (name, fn) => tests.push({ name, fn });
+
+const b64 = (text) => Buffer.from(text, 'utf8').toString('base64');
+
+/** Opens the page with a fake native side that already has `setup`'s projects. */
+async function openPage(ctx, setup = () => undefined, { channel = true } = {}) {
+  const native = new FakeNative();
+  setup(native);
+  const page = await ctx.context.newPage();
+  const errors = [];
+  page.on('pageerror', (e) => errors.push(e));
+  native.attach(page);
+  if (channel) await installChannel(page, (m) => native.handle(m));
+  await page.goto(ctx.url);
+  await page.waitForSelector('.topbar');
+  return { page, native, errors };
+}
+
+/** Waits until the session's terminal buffer holds `text`. */
+async function waitForTerminalText(page, sessionId, text) {
+  await page.waitForFunction(([id, t]) => window.__velkoDebug.terminalText(id)?.includes(t), [sessionId, text]);
+}
+
+test('parked events are delivered, then the page asks for the configuration', async (ctx) => {
+  const native = new FakeNative();
+  const project = native.addProject('alpha', { 'a.txt': 'a' });
+  const page = await ctx.context.newPage();
+  await installChannel(page, (m) => native.handle(m));
+  native.attach(page);
+  // Events the native side sent before the page installed its dispatcher.
+  await page.addInitScript(eventScript('app/config', native.config()));
+  await page.addInitScript(eventScript('terminal/output', { sessionId: native.sessions[0].id, chunk: b64('parked output'), encoding: 'base64' }));
+  await page.goto(ctx.url);
+  await page.waitForSelector('.project-tab.active >> text=alpha');
+  await page.waitForFunction(() => document.querySelector('.term-host:not([hidden]) .xterm-rows')?.textContent.includes('parked output'));
+  await native.waitFor((m) => m.type === 'app/config/request', 'app/config/request');
+  assert.deepEqual(await page.evaluate(() => window.__velkoPendingEvents), []);
+  const firstPosts = await page.evaluate(() => window.__posted.map((m) => m.type));
+  assert.ok(firstPosts.includes('app/config/request'));
+  await page.close();
+});
+
+test('opens a project through the picker and shows its tab, tree, terminal and git panel', async (ctx) => {
+  const { page, native, errors } = await openPage(ctx);
+  await page.waitForSelector('.empty-workspace >> text=プロジェクトを開く');
+  native.pickFolders.push('beta');
+  await page.click('.add-project');
+  await native.waitFor((m) => m.type === 'project/open', 'project/open');
+  await page.waitForSelector('.project-tab.active >> text=beta');
+  await page.waitForSelector('.tree-row >> text=README.md');
+  await page.waitForSelector('.session-tab >> text=CLI #1');
+  await page.waitForSelector('.git-branch >> text=main');
+  const layout = await page.$$eval('.columns > .column', (cols) => cols.map((c) => c.dataset.column));
+  assert.deepEqual(layout, ['explorer', 'preview', 'editor', 'terminal', 'git']);
+  // Columns can be widened by dragging the line between them.
+  const before = (await page.locator('.column-explorer').boundingBox()).width;
+  const handle = await page.locator('.splitter').first().boundingBox();
+  await page.mouse.move(handle.x + 2, handle.y + 200);
+  await page.mouse.down();
+  await page.mouse.move(handle.x + 102, handle.y + 200, { steps: 5 });
+  await page.mouse.up();
+  const after = (await page.locator('.column-explorer').boundingBox()).width;
+  assert.ok(Math.abs(after - before - 100) <= 3, `explorer width ${before} → ${after}`);
+  assert.deepEqual(errors, []);
+  await page.close();
+});
+
+test('tabs activate, close and reorder by dragging', async (ctx) => {
+  let a, b;
+  const { page, native } = await openPage(ctx, (n) => {
+    a = n.addProject('one');
+    b = n.addProject('two');
+  });
+  await page.waitForSelector('.project-tab.active >> text=two');
+  await page.click('.project-tab >> text=one');
+  const act = await native.waitFor((m) => m.type === 'project/activate', 'project/activate');
+  assert.deepEqual(act.payload, { id: a.id });
+  await page.waitForSelector('.project-tab.active >> text=one');
+  // Coming back to a project reloads its tree: changes made while it was in the background were not watched.
+  const treeRequests = () => native.messages.filter((m) => m.type === 'project/explorer/directories/request' && m.payload.projectId === b.id).length;
+  assert.equal(treeRequests(), 1);
+  await page.click('.project-tab >> text=two');
+  await native.waitFor(() => treeRequests() === 2, 'tree reload of two');
+  await page.waitForSelector('.project-tab.active >> text=two');
+  await page.dragAndDrop('.project-tab:has-text("two")', '.project-tab:has-text("one")', { targetPosition: { x: 2, y: 10 } });
+  const reorder = await native.waitFor((m) => m.type === 'project/reorder', 'project/reorder');
+  assert.deepEqual(reorder.payload.order, [b.id, a.id]);
+  await page.waitForFunction(() => [...document.querySelectorAll('.project-name')].map((e) => e.textContent).join() === 'two,one');
+  await page.click('.project-tab:has-text("two") .tab-close');
+  const close = await native.waitFor((m) => m.type === 'project/close', 'project/close');
+  assert.deepEqual(close.payload, { projectId: b.id });
+  await page.waitForFunction(() => [...document.querySelectorAll('.project-name')].map((e) => e.textContent).join() === 'one');
+  await page.close();
+});
+
+test('resume is offered when the workspace is empty but saved', async (ctx) => {
+  const { page, native } = await openPage(ctx, (n) => {
+    n.addProject('gamma');
+    n.projects = [];
+    n.activeProjectId = undefined;
+  });
+  await page.waitForSelector('.resume-list >> text=gamma');
+  await page.click('.resume-button');
+  await native.waitFor((m) => m.type === 'project/resume', 'project/resume');
+  await page.waitForSelector('.project-tab.active >> text=gamma');
+  await page.close();
+});
+
+test('typing posts terminal input, Ctrl+C interrupts, and resize follows the layout', async (ctx) => {
+  let session;
+  const { page, native } = await openPage(ctx, (n) => {
+    n.addProject('delta');
+    session = n.sessions[0];
+  });
+  await native.waitFor((m) => m.type === 'app/config/request', 'config request');
+  await native.send('terminal/status', { sessionId: session.id, status: 'ready' });
+  await page.waitForSelector('.term-host:not([hidden]) .xterm');
+  await native.waitFor((m) => m.type === 'terminal/resize' && m.payload.sessionId === session.id, 'terminal/resize');
+  await page.click('.term-host:not([hidden]) .xterm');
+  await native.waitFor((m) => m.type === 'terminal/focus' && m.payload.focused === true, 'terminal/focus');
+  await page.keyboard.type('ls -la');
+  await page.keyboard.press('Enter');
+  await page.keyboard.press('Control+c');
+  await native.waitFor((m) => m.type === 'terminal/signal', 'terminal/signal');
+  // Files dropped on the window land on the command line, quoted for the shell.
+  await page.evaluate(dropScript(['/home/u/My Files/a.txt', '/tmp/b.txt']));
+  await native.waitFor((m) => m.type === 'terminal/input' && m.payload.data.includes('b.txt'), 'dropped paths');
+  const typed = native.messages.filter((m) => m.type === 'terminal/input').map((m) => m.payload);
+  assert.ok(typed.every((p) => p.sessionId === session.id));
+  assert.equal(typed.map((p) => p.data).join(''), "ls -la\r\x03'/home/u/My Files/a.txt' /tmp/b.txt ");
+  const signal = native.messages.find((m) => m.type === 'terminal/signal');
+  assert.deepEqual(signal.payload, { sessionId: session.id, signal: 'SIGINT' });
+  const before = native.messages.filter((m) => m.type === 'terminal/resize').length;
+  await page.setViewportSize({ width: 1800, height: 900 });
+  await native.waitFor((m) => m.type === 'terminal/resize' && native.messages.filter((x) => x.type === 'terminal/resize').length > before, 'resize after layout change');
+  await page.close();
+});
+
+test('output is decoded and written in order, with status, exit code and the codex marker', async (ctx) => {
+  let session;
+  const { page, native } = await openPage(ctx, (n) => {
+    n.addProject('eps');
+    session = n.sessions[0];
+  });
+  await page.waitForSelector('.term-host:not([hidden]) .xterm');
+  const parts = ['hello ', '\x1b[31mred\x1b[0m ', 'wörld ', '日本', '語'];
+  // Split a multi-byte character across two events, as a PTY read may.
+  const bytes = Buffer.from(parts.join(''), 'utf8');
+  const cut = bytes.length - 2;
+  await native.send('terminal/output', { sessionId: session.id, chunk: bytes.subarray(0, cut).toString('base64'), encoding: 'base64' });
+  await native.send('terminal/output', { sessionId: session.id, chunk: bytes.subarray(cut).toString('base64'), encoding: 'base64' });
+  await page.waitForFunction(() => document.querySelector('.term-host:not([hidden]) .xterm-rows')?.textContent.includes('hello red wörld 日本語'));
+  await native.send('terminal/output', { sessionId: session.id, chunk: b64('\x1b]633;velko-codex:start\x07codex> '), encoding: 'base64' });
+  await page.waitForSelector('.codex-badge.running:not([hidden])');
+  await native.send('terminal/output', { sessionId: session.id, chunk: b64('\x1b]633;velko-codex:end;status=0\x07$ '), encoding: 'base64' });
+  await page.waitForSelector('.codex-badge', { state: 'hidden' });
+  await waitForTerminalText(page, session.id, 'codex> $');
+  await native.send('terminal/status', { sessionId: session.id, status: 'terminated', exitCode: 7 });
+  await native.send('terminal/exit', { sessionId: session.id, exitCode: 7 });
+  await page.waitForSelector('.session-tab .status-badge >> text=終了コード 7');
+  await native.send('terminal/status', { sessionId: session.id, status: 'failed' });
+  await native.send('terminal/error', { sessionId: session.id, message: 'write_failed: EIO', recoverable: true });
+  await page.waitForSelector('.session-banner >> text=write_failed: EIO');
+  await page.close();
+});
+
+test('new terminal and close terminal post their messages', async (ctx) => {
+  let project;
+  const { page, native } = await openPage(ctx, (n) => {
+    project = n.addProject('zeta');
+  });
+  await page.waitForSelector('.session-tab >> text=CLI #1');
+  await page.click('.column-terminal .column-header button[aria-label="新しいターミナル"]');
+  const create = await native.waitFor((m) => m.type === 'terminal/create', 'terminal/create');
+  assert.deepEqual(create.payload, { projectId: project.id });
+  await page.waitForSelector('.session-tab.active >> text=CLI #2');
+  await page.waitForSelector('.session-tab.active .status-badge >> text=実行中');
+  // Output in the hidden first terminal marks its tab until it is shown.
+  const first = native.sessions[0].id;
+  await native.send('terminal/activity', { sessionId: first });
+  await page.waitForSelector('.session-tab.has-activity >> text=CLI #1');
+  await page.click('.session-tab >> text=CLI #1');
+  await page.waitForSelector('.session-tab.has-activity', { state: 'detached' });
+  await page.click('.session-tab >> text=CLI #2');
+  await page.click('.session-tab.active .tab-close');
+  await native.waitFor((m) => m.type === 'terminal/close', 'terminal/close');
+  await page.waitForFunction(() => document.querySelectorAll('.session-tab').length === 1);
+  await page.close();
+});
+
+test('keyboard focus lands on a terminal when the focused element goes away', async (ctx) => {
+  const { page } = await openPage(ctx, (n) => n.addProject('nu', { 'a.txt': 'a' }));
+  await page.click('.column-terminal .column-header button[aria-label="新しいターミナル"]');
+  await page.waitForSelector('.session-tab.active >> text=CLI #2');
+  const focusedSession = () => page.evaluate(() => document.activeElement?.closest('.term-host')?.dataset.session ?? document.activeElement?.className);
+  const second = await page.$eval('.term-host:not([hidden])', (el) => el.dataset.session);
+  assert.equal(await focusedSession(), second);
+  await page.click('.session-tab.active .tab-close');
+  await page.waitForFunction(() => document.querySelectorAll('.session-tab').length === 1);
+  const first = await page.$eval('.term-host:not([hidden])', (el) => el.dataset.session);
+  await page.waitForFunction((id) => document.activeElement?.closest('.term-host')?.dataset.session === id, first);
+  // A tree row that disappears under the keyboard hands focus on as well.
+  await page.click('.tree-row:has-text("a.txt")');
+  await page.focus('.tree-row:has-text("a.txt")');
+  await page.evaluate(() => document.querySelector('.tree-row').remove());
+  await page.waitForFunction((id) => document.activeElement?.closest('.term-host')?.dataset.session === id, first);
+  await page.close();
+});
+
+test('the explorer expands lazily and reloads exactly the changed directories', async (ctx) => {
+  let project;
+  const { page, native } = await openPage(ctx, (n) => {
+    project = n.addProject('eta', { 'src/a.ts': 'a', 'src/lib/b.ts': 'b', 'docs/x.md': 'x', 'top.txt': 't' });
+  });
+  await page.waitForSelector('.tree-row >> text=src');
+  await page.click('.tree-row:has-text("src")');
+  const req = await native.waitFor((m) => m.type === 'project/explorer/directories/request' && m.payload.paths[0] === 'src', 'expand src');
+  assert.equal(typeof req.payload.requestId, 'string');
+  await page.waitForSelector('.tree-row >> text=a.ts');
+  // An answer to a request the page never made is ignored.
+  await native.send('project/explorer/directories', { projectId: project.id, requestId: 'not-ours', directories: [{ path: '', nodes: [] }] });
+  native.files.get(project.id).set('src/new.ts', 'n');
+  native.messages.length = 0;
+  await native.send('project/explorer/changed', { projectId: project.id, directoryPaths: ['src', 'docs'], requiresResync: false });
+  await page.waitForSelector('.tree-row >> text=new.ts');
+  const reloads = native.messages.filter((m) => m.type === 'project/explorer/directories/request').map((m) => m.payload.paths);
+  assert.deepEqual(reloads, [['src']]);
+  assert.ok(await page.isVisible('.tree-row >> text=top.txt'));
+  native.messages.length = 0;
+  await native.send('project/explorer/changed', { projectId: project.id, directoryPaths: [], requiresResync: true });
+  await native.waitFor((m) => m.type === 'project/explorer/directories/request', 'resync');
+  assert.deepEqual(native.messages.find((m) => m.type === 'project/explorer/directories/request').payload.paths.sort(), ['', 'src']);
+  await page.close();
+});
+
+test('renames in place with F2', async (ctx) => {
+  let project;
+  const { page, native } = await openPage(ctx, (n) => {
+    project = n.addProject('theta', { 'old.txt': 'x' });
+  });
+  await page.click('.tree-row:has-text("old.txt")');
+  await page.press('.tree-row:has-text("old.txt")', 'F2');
+  await page.fill('.rename-input', 'new.txt');
+  await page.press('.rename-input', 'Enter');
+  const rename = await native.waitFor((m) => m.type === 'project/file/rename', 'rename');
+  assert.deepEqual(rename.payload, { projectId: project.id, path: 'old.txt', nextPath: 'new.txt', entityType: 'file' });
+  await page.waitForSelector('.tree-row >> text=new.txt');
+  await page.waitForSelector('.doc-tab >> text=new.txt');
+  await page.close();
+});
+
+test('opens, edits and saves a file with Ctrl+S', async (ctx) => {
+  let project;
+  const { page, native } = await openPage(ctx, (n) => {
+    project = n.addProject('iota', { 'main.py': 'print("hi")\n' });
+  });
+  // A double click opens the file and hands the keyboard to the editor.
+  await page.dblclick('.tree-row:has-text("main.py")');
+  await native.waitFor((m) => m.type === 'project/file/open' && m.payload.path === 'main.py', 'open');
+  await page.waitForSelector('.cm-content >> text=print("hi")');
+  await page.waitForSelector('.cm-editor.cm-focused');
+  await page.keyboard.press('Control+End');
+  await page.keyboard.type('x = 1');
+  await page.waitForSelector('.doc-tab.dirty .dirty-marker:not([hidden])');
+  // Closing the project would lose the edit: the page asks, and "cancel" keeps it open.
+  await page.click('.project-tab.active .tab-close');
+  await page.waitForSelector('.dialog >> text=main.py');
+  await page.click('.dialog [data-action="cancel"]');
+  assert.ok(!native.messages.some((m) => m.type === 'project/close'));
+  await page.click('.cm-content');
+  await page.keyboard.press('Control+End');
+  const statusAsks = () => native.messages.filter((m) => m.type === 'git/status').length;
+  const asked = statusAsks();
+  await page.keyboard.press('Control+s');
+  const save = await native.waitFor((m) => m.type === 'project/file/save', 'save');
+  assert.deepEqual(save.payload, { projectId: project.id, path: 'main.py', content: 'print("hi")\nx = 1' });
+  await page.waitForSelector('.doc-tab:not(.dirty) >> text=main.py');
+  // The git panel follows the saved change.
+  await native.waitFor(() => statusAsks() > asked, 'git/status after save');
+  // Highlighting by file type: the Python keyword gets a token class.
+  await page.waitForFunction(() => document.querySelectorAll('.cm-content span[class]').length > 0);
+  await page.close();
+});
+
+test('a large file asks first; errors and images are shown as they come', async (ctx) => {
+  const png = 'iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR42mNkYPhfDwAChwGA60e6kgAAAABJRU5ErkJggg==';
+  const { page, native } = await openPage(ctx, (n) => {
+    n.addProject('kappa', { 'big.log': 'big', 'pic.png': png });
+    n.largeFiles.add('big.log');
+  });
+  await page.click('.tree-row:has-text("big.log")');
+  await page.waitForSelector('.dialog >> text=約 40.0 MB');
+  await page.click('.dialog [data-action="confirm"]');
+  const again = await native.waitFor((m) => m.type === 'project/file/open' && m.payload.allowLargeFile === true, 'allowLargeFile');
+  assert.equal(again.payload.path, 'big.log');
+  await page.waitForSelector('.cm-content >> text=big');
+  await page.click('.tree-row:has-text("pic.png")');
+  await page.waitForSelector('.column-preview img[src^="data:image/png;base64,iVBOR"]');
+  await native.send('project/file/error', { projectId: native.activeProjectId, path: 'big.log', message: '保存に失敗しました: ディスクがいっぱいです' });
+  await page.waitForSelector('.toast.error >> text=保存に失敗しました: ディスクがいっぱいです');
+  await page.close();
+});
+
+test('commits from the git panel and shows the result', async (ctx) => {
+  let project;
+  let release;
+  const { page, native } = await openPage(ctx, (n) => {
+    project = n.addProject('lambda');
+    n.git.get(project.id).unstaged = [{ path: 'src/x.ts', status: ' M' }];
+    n.git.get(project.id).untracked = [{ path: 'new.md', status: '?' }];
+  });
+  await page.waitForSelector('.git-group >> text=未ステージ (1)');
+  await page.click('.git-file:has-text("src/x.ts")');
+  const diff = await native.waitFor((m) => m.type === 'git/diff', 'git/diff');
+  assert.deepEqual(diff.payload, { projectId: project.id, targets: [{ path: 'src/x.ts', stage: 'unstaged' }] });
+  await page.waitForSelector('.diff-line.add >> text=+new line');
+  native.holdGit = new Promise((r) => (release = r));
+  await page.fill('.commit-message', 'Fix the thing');
+  await page.click('.commit-button');
+  const commit = await native.waitFor((m) => m.type === 'git/commit', 'git/commit');
+  assert.deepEqual(commit.payload, { projectId: project.id, message: 'Fix the thing' });
+  await native.waitFor((m) => m.type === 'git/refresh/barrier', 'barrier');
+  assert.ok(await page.isDisabled('.commit-button'));
+  assert.ok(await page.isDisabled('button[data-action="push"]'));
+  release();
+  await page.waitForSelector('.toast.success >> text=コミットしました');
+  await page.waitForSelector('.commit-button:not([disabled])');
+  assert.equal(await page.inputValue('.commit-message'), '');
+  await page.waitForSelector('.git-groups >> text=変更はありません');
+  await page.click('button[data-action="push"]');
+  await page.waitForSelector('.git-notice:not([hidden])');
+  await page.waitForSelector('.toast.error >> text=リモートリポジトリがないプロジェクトです');
+  await page.close();
+});
+
+test('malformed events are ignored and the page keeps working', async (ctx) => {
+  const { page, native, errors } = await openPage(ctx, (n) => n.addProject('mu'));
+  await page.waitForSelector('.project-tab.active >> text=mu');
+  const junk = [
+    ['app/config', { projects: 'nope' }],
+    ['terminal/output', { sessionId: 'not-a-uuid', chunk: '!!!', encoding: 'base64' }],
+    ['terminal/output', { sessionId: native.sessions[0].id, chunk: '@@@not base64', encoding: 'base64' }],
+    ['terminal/status', null],
+    ['project/explorer/directories', { projectId: 5 }],
+    ['project/explorer/changed', { projectId: native.activeProjectId, directoryPaths: 'src' }],
+    ['git/status', { projectId: native.activeProjectId, staged: 'x', ahead: 'two' }],
+    ['git/result', { success: 'yes' }],
+    ['project/file/content', { projectId: native.activeProjectId, path: 5, content: null }],
+    ['unknown/type', {}],
+  ];
+  for (const [type, payload] of junk) await native.send(type, payload);
+  await page.evaluate(() => {
+    window.__velko__.dispatch(null);
+    window.__velko__.dispatch({ type: 42 });
+    window.__velko__.dispatch('app/config');
+  });
+  await native.send('terminal/output', { sessionId: native.sessions[0].id, chunk: b64('still alive'), encoding: 'base64' });
+  await page.waitForFunction(() => document.querySelector('.term-host:not([hidden]) .xterm-rows')?.textContent.includes('still alive'));
+  assert.ok(await page.isVisible('.project-tab.active >> text=mu'));
+  assert.deepEqual(errors, []);
+  await page.close();
+});
+
+test('without a native channel the page loads and logs instead of crashing', async (ctx) => {
+  const native = new FakeNative();
+  const page = await ctx.context.newPage();
+  const errors = [];
+  const logs = [];
+  page.on('pageerror', (e) => errors.push(e));
+  page.on('console', (m) => logs.push(m.text()));
+  await page.goto(ctx.url);
+  await page.click('.add-project');
+  native.attach(page);
+  await native.send('app/config', native.config());
+  await page.waitForSelector('.empty-workspace >> text=プロジェクトが開かれていません');
+  assert.ok(logs.some((t) => t.includes('no native channel')), logs.join('\n'));
+  assert.deepEqual(errors, []);
+  await page.close();
+});
+
+async function main() {
+  const filter = process.argv[2];
+  if (!fs.existsSync(path.join(buildDir, 'index.html'))) {
+    console.error(`no build at ${buildDir}: run npm run build`);
+    process.exit(1);
+  }
+  const { server, url } = await serve(buildDir);
+  const browser = await launch();
+  const ctx = { context: browser.context, url };
+  let passed = 0;
+  const failed = [];
+  for (const t of tests) {
+    if (filter && !t.name.includes(filter)) continue;
+    const started = Date.now();
+    try {
+      await t.fn(ctx);
+      passed += 1;
+      console.log(`  ✓ ${t.name} (${Date.now() - started} ms)`);
+    } catch (error) {
+      failed.push(t.name);
+      console.log(`  ✗ ${t.name}\n    ${String(error?.stack ?? error).split('\n').slice(0, 6).join('\n    ')}`);
+      for (const p of browser.context.pages()) await p.close().catch(() => undefined);
+    }
+  }
+  await browser.close();
+  server.close();
+  console.log(`browser tests: ${passed} passed, ${failed.length} failed`);
+  process.exit(failed.length > 0 ? 1 : 0);
+}
+
+await main();

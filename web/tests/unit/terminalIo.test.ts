@@ -1,0 +1,94 @@
+import { describe, expect, it } from 'vitest';
+import { OutputQueue } from '../../src/terminal/outputQueue';
+import { decodeBase64, encodeBase64, binaryStringToBase64 } from '../../src/terminal/base64';
+import { dropPaths, shellQuote } from '../../src/terminal/paths';
+
+function harness() {
+  const flushes: (() => void)[] = [];
+  const queue = new OutputQueue((f) => flushes.push(f));
+  const writes: string[] = [];
+  const pendingDone: (() => void)[] = [];
+  const sink = { write: (b: Uint8Array, done: () => void) => { writes.push(new TextDecoder().decode(b)); pendingDone.push(done); } };
+  const runFlushes = () => { while (flushes.length) flushes.shift()!(); };
+  return { queue, writes, sink, runFlushes, pendingDone };
+}
+
+describe('OutputQueue', () => {
+  it('keeps sessions apart and their bytes in order', () => {
+    const { queue, sink, runFlushes } = harness();
+    const other: string[] = [];
+    queue.attach('s', sink);
+    queue.attach('t', { write: (b, done) => { other.push(new TextDecoder().decode(b)); done(); } });
+    const writes: string[] = [];
+    sink.write = (b, done) => { writes.push(new TextDecoder().decode(b)); done(); };
+    for (const part of ['a', 'b', 'c']) {
+      queue.push('s', new TextEncoder().encode(part));
+      queue.push('t', new TextEncoder().encode(part.toUpperCase()));
+    }
+    runFlushes();
+    expect(writes.join('')).toBe('abc');
+    expect(other.join('')).toBe('ABC');
+  });
+
+  it('holds output for a session until its terminal exists', () => {
+    const { queue, writes, sink, runFlushes } = harness();
+    queue.push('s', new TextEncoder().encode('early '));
+    runFlushes();
+    expect(writes).toEqual([]);
+    queue.push('s', new TextEncoder().encode('bytes'));
+    queue.attach('s', sink);
+    runFlushes();
+    expect(writes).toEqual(['early bytes']);
+  });
+
+  it('merges what arrives while the terminal is busy into bounded pieces, and reports idle', () => {
+    const { queue, writes, sink, runFlushes, pendingDone } = harness();
+    let idle = 0;
+    queue.attach('s', sink);
+    runFlushes();
+    for (let i = 0; i < 1280; i++) queue.push('s', new Uint8Array(4096).fill(65));
+    queue.push('s', new TextEncoder().encode('tail'));
+    // The first chunk goes straight to the idle terminal; the rest waits for it.
+    expect(writes.map((w) => w.length)).toEqual([4096]);
+    expect(queue.queued('s')).toBe(1279 * 4096 + 4);
+    pendingDone.shift()!();
+    // Refilled in merged pieces up to the in-flight limit of 4 MiB.
+    expect(writes.length).toBe(33);
+    expect(Math.max(...writes.map((w) => w.length))).toBe(128 * 1024);
+    queue.onIdle('s', () => idle++);
+    while (pendingDone.length > 0) {
+      pendingDone.shift()!();
+      runFlushes();
+    }
+    expect(writes.join('')).toBe('A'.repeat(5 * 1024 * 1024) + 'tail');
+    expect(idle).toBe(1);
+  });
+});
+
+describe('base64', () => {
+  it('round-trips bytes and rejects invalid text', () => {
+    const bytes = new Uint8Array([0, 1, 127, 128, 255, 0x1b, 0x5d]);
+    expect(decodeBase64(encodeBase64(bytes))).toEqual(bytes);
+    expect(decodeBase64('@@@')).toBeUndefined();
+    expect(decodeBase64(binaryStringToBase64('\x1b[M\xff'))).toEqual(new Uint8Array([0x1b, 0x5b, 0x4d, 0xff]));
+  });
+});
+
+describe('dropped paths', () => {
+  it.each([
+    { path: '/home/u/src/a.txt', quoted: '/home/u/src/a.txt' },
+    { path: '/home/u/My Files/a b.txt', quoted: "'/home/u/My Files/a b.txt'" },
+    { path: "/tmp/it's", quoted: "'/tmp/it'\\''s'" },
+    { path: '/tmp/$HOME;rm', quoted: "'/tmp/$HOME;rm'" },
+    { path: '~/x', quoted: "'~/x'" },
+    { path: '=ls', quoted: "'=ls'" },
+  ])('$path', ({ path, quoted }) => {
+    expect(shellQuote(path)).toBe(quoted);
+  });
+
+  it('reads only string paths from the drop detail', () => {
+    expect(dropPaths({ paths: ['/a', 5, '', '/b'], timestamp: 1 })).toEqual(['/a', '/b']);
+    expect(dropPaths({ paths: '/a' })).toEqual([]);
+    expect(dropPaths(null)).toEqual([]);
+  });
+});
