@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "core/Paths.h"
 #include "files/PathRules.h"
 
 namespace velko {
@@ -96,7 +97,8 @@ ExplorerExclusionRules::ExplorerExclusionRules(const std::vector<std::string>& p
     }
     for (const auto& entry : projectPaths) {
         if (entry.empty() || entry == "." || entry.front() == '/') continue;
-        std::string standardized = standardizePath(entry, {});
+        // A tilde entry expands to an absolute path, which never matches a relative one.
+        std::string standardized = standardizePath(entry, entry.front() == '~' ? homeDirectory() : std::string());
         if (standardized == ".." || standardized.rfind("../", 0) == 0 || standardized == "." ||
             (!standardized.empty() && standardized.front() == '/'))
             continue;
