@@ -2,6 +2,7 @@
 
 #include "core/SerialQueue.h"
 #include "core/TaskQueue.h"
+#include "files/ExplorerService.h"
 #include "shell/ContentView.h"
 #include "shell/WebBridge.h"
 #include "workspace/ConfigStore.h"
@@ -13,6 +14,7 @@ VelkoApp::VelkoApp(Options options) {
     m_configStore = std::make_shared<ConfigStore>(options.storageDirectory);
 
     // --- files: the explorer service is built before the bridge that owns it ---
+    m_explorerService = std::make_shared<ExplorerService>();
 
     m_bridge = std::make_shared<WebBridge>(m_explorerService);
 

@@ -134,6 +134,8 @@ private:
     void handleFileOpen(const Json* payload);
     void handleFileSave(const Json* payload);
     void handleFileRename(const Json* payload);
+    // The project's folder, if the project is known and the folder is there (main thread).
+    std::optional<std::string> projectRootForFiles(const Uuid& projectId) const;
 
     // --- git (WebBridgeGit.cpp) ---
     void handleGitMessage(std::string_view type, const Json* payload);

@@ -1,0 +1,273 @@
+#include "files/InotifyExplorerWatcher.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "core/Log.h"
+#include "files/PathRules.h"
+
+namespace velko {
+
+namespace {
+
+constexpr uint32_t kWatchMask = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_MOVED_FROM |
+                                IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW |
+                                IN_EXCL_UNLINK;
+
+struct DirCloser {
+    void operator()(DIR* dir) const { closedir(dir); }
+};
+
+std::string joinPath(const std::string& directory, std::string_view name) {
+    std::string path = directory;
+    if (path.empty() || path.back() != '/') path.push_back('/');
+    path.append(name);
+    return path;
+}
+
+}  // namespace
+
+std::optional<ExplorerFileEvent> explorerEventFromInotify(uint32_t mask, const std::string& path, bool isRoot) {
+    using Item = ExplorerFileItemKind;
+    using Change = ExplorerFileChangeKind;
+    if (mask & IN_Q_OVERFLOW) return ExplorerFileEvent{path, Item::Directory, Change::Unknown, true};
+    if (mask & IN_IGNORED) return std::nullopt;
+    if (mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT)) {
+        // An inner directory's own end is told by its parent; the root's is not.
+        if (!isRoot) return std::nullopt;
+        return ExplorerFileEvent{path, Item::Directory, (mask & IN_MOVE_SELF) ? Change::Renamed : Change::Removed, true};
+    }
+    Item item = (mask & IN_ISDIR) ? Item::Directory : Item::File;
+    if (mask & IN_CREATE) return ExplorerFileEvent{path, item, Change::Created, false};
+    if (mask & IN_DELETE) return ExplorerFileEvent{path, item, Change::Removed, false};
+    if (mask & (IN_MOVED_FROM | IN_MOVED_TO)) return ExplorerFileEvent{path, item, Change::Renamed, false};
+    if (mask & (IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB)) return ExplorerFileEvent{path, item, Change::Modified, false};
+    return std::nullopt;
+}
+
+InotifyExplorerWatcher::InotifyExplorerWatcher(std::string rootPath, ExplorerExclusionRules rules,
+                                               std::chrono::milliseconds latency)
+    : m_root(std::move(rootPath)), m_rules(std::move(rules)), m_latency(latency) {}
+
+InotifyExplorerWatcher::~InotifyExplorerWatcher() { stop(); }
+
+bool InotifyExplorerWatcher::start(Handler handler) {
+    stop();
+    m_inotifyFd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (m_inotifyFd < 0) return false;
+    m_stopFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    m_rootWatch = m_stopFd < 0 ? -1 : inotify_add_watch(m_inotifyFd, m_root.c_str(), kWatchMask);
+    if (m_rootWatch < 0) {
+        stop();
+        return false;
+    }
+    m_handler = std::move(handler);
+    m_watches = {{m_rootWatch, m_root}};
+    m_watchCount = 1;
+    m_pending.clear();
+    m_pendingKeys.clear();
+    m_deadline.reset();
+    m_reportedOutOfWatches = false;
+    {
+        std::lock_guard lock(m_scanMutex);
+        m_scanned = false;
+    }
+    m_thread = std::thread([this] { run(); });
+    return true;
+}
+
+void InotifyExplorerWatcher::stop() {
+    if (m_thread.joinable()) {
+        uint64_t one = 1;
+        (void)!write(m_stopFd, &one, sizeof one);
+        m_thread.join();
+    }
+    if (m_inotifyFd >= 0) close(m_inotifyFd);
+    if (m_stopFd >= 0) close(m_stopFd);
+    m_inotifyFd = m_stopFd = m_rootWatch = -1;
+    m_watches.clear();
+    m_handler = nullptr;
+    // Wake anyone still waiting for a scan that will not come.
+    std::lock_guard lock(m_scanMutex);
+    m_scanned = true;
+    m_scanDone.notify_all();
+}
+
+void InotifyExplorerWatcher::waitUntilScanned() {
+    std::unique_lock lock(m_scanMutex);
+    m_scanDone.wait(lock, [this] { return m_scanned; });
+}
+
+bool InotifyExplorerWatcher::isExcludedDirectory(const std::string& path) const {
+    auto relative = relativePathFromRoot(path, m_root);
+    return !relative || m_rules.contains(*relative);
+}
+
+void InotifyExplorerWatcher::reportResync(ExplorerFileChangeKind kind) {
+    append(ExplorerFileEvent{m_root, ExplorerFileItemKind::Directory, kind, true});
+}
+
+void InotifyExplorerWatcher::watchTree(const std::string& top, bool reportContents) {
+    std::vector<std::string> stack{top};
+    while (!stack.empty()) {
+        std::string directory = std::move(stack.back());
+        stack.pop_back();
+        if (isExcludedDirectory(directory)) continue;
+        int wd = inotify_add_watch(m_inotifyFd, directory.c_str(), kWatchMask);
+        if (wd < 0) {
+            if (errno == ENOSPC && !m_reportedOutOfWatches) {
+                // Out of watches: parts of the tree go unseen, so the page must
+                // list again when it looks, and we say so once.
+                m_reportedOutOfWatches = true;
+                Logger("app.velko.explorer", "watcher").error("inotify watch limit reached below " + m_root);
+                reportResync(ExplorerFileChangeKind::Unknown);
+            }
+            continue;
+        }
+        m_watches[wd] = directory;
+        m_watchCount = m_watches.size();
+        int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+        if (fd < 0) continue;
+        std::unique_ptr<DIR, DirCloser> dir(fdopendir(fd));
+        if (!dir) {
+            close(fd);
+            continue;
+        }
+        while (dirent* entry = readdir(dir.get())) {
+            std::string_view name = entry->d_name;
+            if (name == "." || name == "..") continue;
+            unsigned char type = entry->d_type;
+            if (type == DT_UNKNOWN) {
+                struct stat st {};
+                if (fstatat(dirfd(dir.get()), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+                type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_LNK;
+            }
+            std::string path = joinPath(directory, name);
+            if (reportContents) {
+                append(ExplorerFileEvent{path,
+                                         type == DT_DIR ? ExplorerFileItemKind::Directory : ExplorerFileItemKind::File,
+                                         ExplorerFileChangeKind::Created, false});
+            }
+            // Links are never followed, so a link loop cannot trap the walk.
+            if (type == DT_DIR) stack.push_back(std::move(path));
+        }
+    }
+}
+
+void InotifyExplorerWatcher::unwatchTree(const std::string& directory) {
+    std::string prefix = directory + "/";
+    for (auto it = m_watches.begin(); it != m_watches.end();) {
+        if (it->second == directory || it->second.compare(0, prefix.size(), prefix) == 0) {
+            if (it->first != m_rootWatch) {
+                inotify_rm_watch(m_inotifyFd, it->first);
+                it = m_watches.erase(it);
+                continue;
+            }
+        }
+        ++it;
+    }
+    m_watchCount = m_watches.size();
+}
+
+void InotifyExplorerWatcher::append(ExplorerFileEvent event) {
+    std::string key = event.path;
+    key.push_back('\0');
+    key.push_back(static_cast<char>('0' + static_cast<int>(event.itemKind)));
+    key.push_back(static_cast<char>('0' + static_cast<int>(event.changeKind)));
+    key.push_back(event.requiresResync ? '1' : '0');
+    if (!m_pendingKeys.emplace(std::move(key), m_pending.size()).second) return;
+    m_pending.push_back(std::move(event));
+    if (!m_deadline) m_deadline = std::chrono::steady_clock::now() + m_latency;
+}
+
+void InotifyExplorerWatcher::deliver() {
+    m_deadline.reset();
+    m_pendingKeys.clear();
+    if (m_pending.empty()) return;
+    std::vector<ExplorerFileEvent> events;
+    events.swap(m_pending);
+    if (m_handler) m_handler(std::move(events));
+}
+
+void InotifyExplorerWatcher::processEvents(const char* buffer, size_t length) {
+    size_t offset = 0;
+    while (offset + sizeof(inotify_event) <= length) {
+        inotify_event header;
+        std::memcpy(&header, buffer + offset, sizeof header);
+        const char* nameStart = buffer + offset + sizeof(inotify_event);
+        offset += sizeof(inotify_event) + header.len;
+        if (offset > length) break;
+
+        if (header.mask & IN_Q_OVERFLOW) {
+            // Events were lost, and with them maybe new folders: watch what is
+            // there now and have the page list everything again.
+            reportResync(ExplorerFileChangeKind::Unknown);
+            watchTree(m_root, false);
+            continue;
+        }
+        auto found = m_watches.find(header.wd);
+        if (found == m_watches.end()) continue;
+        std::string directory = found->second;
+        bool isRootWatch = header.wd == m_rootWatch;
+        if (header.mask & IN_IGNORED) {
+            if (!isRootWatch) {
+                m_watches.erase(found);
+                m_watchCount = m_watches.size();
+            }
+            continue;
+        }
+        std::string name = header.len > 0 ? std::string(nameStart, strnlen(nameStart, header.len)) : std::string();
+        bool selfEvent = name.empty();
+        std::string path = selfEvent ? directory : joinPath(directory, name);
+        if (auto event = explorerEventFromInotify(header.mask, path, isRootWatch && selfEvent)) append(*event);
+
+        if (!selfEvent && (header.mask & IN_ISDIR)) {
+            if (header.mask & (IN_CREATE | IN_MOVED_TO)) watchTree(path, true);
+            if (header.mask & IN_MOVED_FROM) unwatchTree(path);
+        }
+    }
+}
+
+void InotifyExplorerWatcher::run() {
+    prctl(PR_SET_NAME, "explorer.fsevts", 0, 0, 0);
+    watchTree(m_root, false);
+    {
+        std::lock_guard lock(m_scanMutex);
+        m_scanned = true;
+    }
+    m_scanDone.notify_all();
+
+    alignas(inotify_event) char buffer[64 * 1024];
+    for (;;) {
+        int timeout = -1;
+        if (m_deadline) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*m_deadline -
+                                                                              std::chrono::steady_clock::now());
+            timeout = left.count() <= 0 ? 0 : static_cast<int>(left.count()) + 1;
+        }
+        pollfd fds[2] = {{m_inotifyFd, POLLIN, 0}, {m_stopFd, POLLIN, 0}};
+        int ready = poll(fds, 2, timeout);
+        if (ready < 0 && errno != EINTR) break;
+        if (ready > 0 && (fds[1].revents & POLLIN)) break;
+        if (ready > 0 && (fds[0].revents & POLLIN)) {
+            for (;;) {
+                ssize_t n = read(m_inotifyFd, buffer, sizeof buffer);
+                if (n <= 0) break;
+                processEvents(buffer, static_cast<size_t>(n));
+            }
+        }
+        if (m_deadline && std::chrono::steady_clock::now() >= *m_deadline) deliver();
+    }
+}
+
+}  // namespace velko

@@ -1,0 +1,85 @@
+#pragma once
+// InotifyExplorerWatcher: a recursive watcher of one folder over inotify.
+//
+// inotify watches one directory at a time, so the watcher keeps a watch per
+// directory below the root (excluded folders such as `.git` and
+// `node_modules` are not watched at all). A directory that appears later is
+// watched at once and scanned, and what the scan finds is reported as
+// created, so files made in the same instant as their folder are not missed.
+// A queue overflow, the loss of the root or running out of watches becomes
+// one event with `requiresResync`, never a crash and never silent loss.
+//
+// Events are collected for a short latency (0.2 s from the first of a burst)
+// and handed over as one delivery, with duplicates removed. Everything runs on
+// the watcher's own thread ("app.velko.explorer.fsevents"); start and stop are
+// called from one owner thread. Descriptors are close-on-exec.
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <vector>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <thread>
+#include <unordered_map>
+
+#include "files/ExplorerEventWatching.h"
+#include "files/ExplorerListing.h"
+
+namespace velko {
+
+// One inotify event as the explorer sees it. `isRoot` tells whether the
+// watch the event came from is the root's. Nothing for events that carry no
+// change of their own (IN_IGNORED, self events of inner directories).
+std::optional<ExplorerFileEvent> explorerEventFromInotify(uint32_t mask, const std::string& path, bool isRoot);
+
+class InotifyExplorerWatcher final : public ExplorerEventWatching {
+public:
+    static constexpr std::chrono::milliseconds kLatency{200};
+
+    InotifyExplorerWatcher(std::string rootPath, ExplorerExclusionRules rules,
+                           std::chrono::milliseconds latency = kLatency);
+    ~InotifyExplorerWatcher() override;
+
+    bool start(Handler handler) override;
+    void stop() override;
+
+    // Directories watched right now; for tests and benchmarks (owner thread,
+    // only while stopped or after `waitUntilScanned`).
+    size_t watchCountForTesting() const { return m_watchCount.load(); }
+    // Blocks until the initial walk of the tree is done.
+    void waitUntilScanned();
+
+private:
+    void run();
+    void processEvents(const char* buffer, size_t length);
+    // Watches `directory` and everything below it; with `reportContents`, the
+    // entries found are reported as created.
+    void watchTree(const std::string& directory, bool reportContents);
+    void unwatchTree(const std::string& directory);
+    bool isExcludedDirectory(const std::string& path) const;
+    void append(ExplorerFileEvent event);
+    void deliver();
+    void reportResync(ExplorerFileChangeKind kind);
+
+    std::string m_root;
+    ExplorerExclusionRules m_rules;
+    std::chrono::milliseconds m_latency;
+    Handler m_handler;
+    int m_inotifyFd = -1;
+    int m_stopFd = -1;
+    int m_rootWatch = -1;
+    std::thread m_thread;
+    std::unordered_map<int, std::string> m_watches;  // watcher thread only, once started
+    std::atomic<size_t> m_watchCount{0};
+    std::vector<ExplorerFileEvent> m_pending;
+    std::unordered_map<std::string, size_t> m_pendingKeys;
+    std::optional<std::chrono::steady_clock::time_point> m_deadline;
+    bool m_reportedOutOfWatches = false;
+    std::mutex m_scanMutex;
+    std::condition_variable m_scanDone;
+    bool m_scanned = true;  // nothing to wait for until a start
+};
+
+}  // namespace velko

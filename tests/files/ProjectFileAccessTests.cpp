@@ -1,0 +1,244 @@
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "files/ProjectFileAccess.h"
+#include "support/TestSupport.h"
+
+using namespace velko;
+
+namespace {
+
+constexpr const char* kHome = "/home/nobody-here";
+
+// What a read came to, as one comparable text: "text:<content>",
+// "binary:<mime>:<bytes>", "confirm:<size>" or "error:<description>".
+std::string outcome(const Result<FileReadResult, FileReadError>& result) {
+    if (!result) return "error:" + result.error().errorDescription();
+    if (auto* text = std::get_if<FileTextContent>(&result.value())) return "text:" + text->text;
+    if (auto* binary = std::get_if<FileBinaryContent>(&result.value()))
+        return "binary:" + binary->mimeType.value_or("?") + ":" + binary->bytes;
+    return "confirm:" + std::to_string(std::get<FileRequiresConfirmation>(result.value()).fileSize);
+}
+
+}  // namespace
+
+TEST(ProjectFileAccess, ReadsAnswerEachKindOfPathWithItsDocumentedResult) {
+    test::TempDir root;
+    root.write("notes.txt", "hello");
+    root.write("latin1.txt", std::string("caf\xe9", 4));
+    root.write("broken.txt", std::string("ok \xc3\x28 \xed\xa0\x80", 9));  // bad continuation, surrogate
+    root.write("photo.PNG", "\x89PNG\r\n");
+    root.write("fake.png", "plain text in disguise");
+    root.write("empty.txt", "");
+    root.write("a/b/deep.md", "# deep");
+    root.write("a/b/.hidden", "h");
+    test::TempDir outside;
+    outside.write("secret.txt", "secret");
+    std::filesystem::create_symlink(outside.file("secret.txt"), root.file("link-out.txt"));
+    ASSERT_EQ(mkfifo(root.file("pipe").c_str(), 0600), 0);
+
+    struct Case {
+        std::string path;
+        std::string expected;
+    };
+    const Case cases[] = {
+        {"notes.txt", "text:hello"},
+        {"/notes.txt", "text:hello"},                   // absolute becomes relative to the root
+        {"./a/b/../../notes.txt", "text:hello"},
+        {"latin1.txt", "text:caf\xc3\xa9"},             // not UTF-8: read as ISO 8859-1
+        {"broken.txt", "text:ok \xc3\x83( \xc3\xad\xc2\xa0\xc2\x80"},
+        {"photo.PNG", "binary:image/png:\x89PNG\r\n"},  // extension decides, case-insensitively
+        {"fake.png", "binary:image/png:plain text in disguise"},
+        {"empty.txt", "text:"},
+        {"a/b/deep.md", "text:# deep"},
+        {"a/b/.hidden", "text:h"},
+        {"link-out.txt", "text:secret"},                // links inside the project are followed
+        {"a", "error:ディレクトリは表示できません"},
+        {"a/..", "error:ディレクトリは表示できません"},  // the root itself
+        {"missing.txt", "error:ファイルが見つかりませんでした"},
+        {"notes.txt/x", "error:ファイルが見つかりませんでした"},
+        {std::string(5000, 'x'), "error:ファイルが見つかりませんでした"},
+        {"", "error:無効なパスです"},
+        {"/", "error:無効なパスです"},
+        {"../secret.txt", "error:無効なパスです"},
+        {"a/../../secret", "error:無効なパスです"},
+        {std::string("notes.txt\0.png", 14), "error:無効なパスです"},
+        {"pipe", "error:ファイルをテキストとして読み込めませんでした"},  // answered at once, never blocks
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path.substr(0, 60));
+        EXPECT_EQ(outcome(readProjectFile(c.path, root.path(), LargeFilePolicy::AskFirst, kHome)), c.expected);
+    }
+}
+
+TEST(ProjectFileAccess, SocketsAndDevicesAreRefusedWithoutReading) {
+    test::TempDir root;
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::string socketPath = root.file("s.sock");
+    ASSERT_LT(socketPath.size(), sizeof address.sun_path);
+    std::copy(socketPath.begin(), socketPath.end(), address.sun_path);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    std::filesystem::create_symlink("/dev/zero", root.file("zero"));
+
+    for (const char* path : {"s.sock", "zero"}) {
+        SCOPED_TRACE(path);
+        EXPECT_EQ(outcome(readProjectFile(path, root.path(), LargeFilePolicy::Allow, kHome)),
+                  "error:ファイルをテキストとして読み込めませんでした");
+    }
+    close(fd);
+}
+
+TEST(ProjectFileAccess, SizeLimitsAskAtTheSoftLimitAndRefuseAboveTheHardOne) {
+    test::TempDir root;
+    struct Case {
+        int64_t size;
+        LargeFilePolicy policy;
+        std::string expected;
+    };
+    const Case cases[] = {
+        {kFileSoftLimitBytes, LargeFilePolicy::AskFirst, "read"},
+        {kFileSoftLimitBytes + 1, LargeFilePolicy::AskFirst, "confirm:31457281"},
+        {kFileSoftLimitBytes + 1, LargeFilePolicy::Allow, "read"},
+        {kFileHardLimitBytes + 1, LargeFilePolicy::Allow,
+         "error:このファイルは約 300MB あり、上限の 300MB を超えているため開けません。サイズを削減するか、外部エディタをご利用ください。"},
+        {kFileHardLimitBytes + 1, LargeFilePolicy::AskFirst,
+         "error:このファイルは約 300MB あり、上限の 300MB を超えているため開けません。サイズを削減するか、外部エディタをご利用ください。"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.size));
+        // Sparse: the size is real, the blocks are not.
+        std::string path = root.file("big.log");
+        ASSERT_EQ(truncate(root.write("big.log", "").c_str(), c.size), 0);
+        auto result = readProjectFile("big.log", root.path(), c.policy, kHome);
+        if (c.expected == "read") {
+            ASSERT_TRUE(result);
+            auto* text = std::get_if<FileTextContent>(&result.value());
+            ASSERT_NE(text, nullptr);
+            EXPECT_EQ(text->text.size(), static_cast<size_t>(c.size));
+        } else {
+            EXPECT_EQ(outcome(result), c.expected);
+        }
+    }
+}
+
+TEST(ProjectFileAccess, SizeMessageRoundsToOneDecimalBelowOneHundredMebibytes) {
+    struct Case {
+        int64_t size;
+        int64_t limit;
+        std::string sizeText;
+        std::string limitText;
+    };
+    const Case cases[] = {
+        {314572801, 314572800, "300", "300"},
+        {1048576, 314572800, "1", "300"},
+        {1572864, 314572800, "1.5", "300"},
+        {104752742, 314572800, "99.9", "300"},
+        {104805172, 314572800, "100", "300"},  // just over 99.95 rounds up to 100.0 and loses its fraction
+        {157286400, 31457280, "150", "30"},
+        {0, 0, "0", "0"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.size));
+        EXPECT_EQ(tooLargeMessage(c.size, c.limit),
+                  "このファイルは約 " + c.sizeText + "MB あり、上限の " + c.limitText +
+                      "MB を超えているため開けません。サイズを削減するか、外部エディタをご利用ください。");
+    }
+}
+
+TEST(ProjectFileAccess, ImageTypesComeFromTheWholeLowerCasedExtension) {
+    struct Case {
+        const char* path;
+        std::optional<std::string> type;
+    };
+    const Case cases[] = {
+        {"a.png", "image/png"},     {"A.JPG", "image/jpeg"},   {"x/y.jpeg", "image/jpeg"},
+        {"g.Gif", "image/gif"},     {"b.bmp", "image/bmp"},    {"w.webp", "image/webp"},
+        {"v.svg", "image/svg+xml"}, {"f.ico", "image/x-icon"}, {"a.png.txt", std::nullopt},
+        {"png", std::nullopt},      {"a.pngx", std::nullopt},  {"dir.png/file", std::nullopt},
+        {".png", "image/png"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        EXPECT_EQ(imageMimeType(c.path), c.type);
+    }
+}
+
+TEST(ProjectFileAccess, Utf8ValidationRefusesEveryMalformedSequence) {
+    struct Case {
+        std::string bytes;
+        bool valid;
+    };
+    const Case cases[] = {
+        {"", true},
+        {"plain", true},
+        {"\xe6\x97\xa5\xe6\x9c\xac", true},          // 日本
+        {"\xf0\x9f\x98\x80", true},                  // emoji
+        {"\xf4\x8f\xbf\xbf", true},                  // U+10FFFF
+        {std::string("a\0b", 3), true},
+        {"\xc0\xaf", false},                         // overlong "/"
+        {"\xe0\x80\xaf", false},                     // overlong
+        {"\xed\xa0\x80", false},                     // surrogate
+        {"\xf4\x90\x80\x80", false},                 // above U+10FFFF
+        {"\xe6\x97", false},                         // cut short
+        {"\x80", false},                             // lone continuation
+        {"\xff", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.bytes));
+        EXPECT_EQ(isValidUtf8(c.bytes), c.valid);
+    }
+}
+
+TEST(ProjectFileAccess, SavesReplaceAtomicallyKeepPermissionsAndKeepTheLenientPathRule) {
+    test::TempDir root;
+    std::string script = root.write("run.sh", "old");
+    ASSERT_EQ(chmod(script.c_str(), 0751), 0);
+    root.write("latin1.txt", std::string("caf\xe9", 4));
+    std::filesystem::create_directories(root.file("sub"));
+    test::TempDir parent;  // a save may reach outside through "a/../..": deliberate, unlike reads
+
+    struct Case {
+        std::string path;
+        std::string content;
+        std::string expectedError;  // empty: saved
+        std::string fileToCheck;    // absolute
+    };
+    const Case cases[] = {
+        {"run.sh", "#!/bin/sh\n", "", root.file("run.sh")},
+        {"latin1.txt", "café", "", root.file("latin1.txt")},  // always written as UTF-8
+        {"/sub/new.txt", "new", "", root.file("sub/new.txt")},
+        {"sub/../top.txt", "top", "", root.file("top.txt")},
+        {"", "x", "保存パスが不正です", ""},
+        {"/", "x", "保存パスが不正です", ""},
+        {"../escape.txt", "x", "保存パスが不正です", ""},
+        {"missing/dir/file.txt", "x", "保存に失敗しました: No such file or directory", ""},
+        {"sub", "x", "保存に失敗しました: Is a directory", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        auto saved = saveProjectFile(c.path, root.path(), c.content, kHome);
+        if (!c.expectedError.empty()) {
+            ASSERT_FALSE(saved);
+            EXPECT_EQ(saved.error().message, c.expectedError);
+            continue;
+        }
+        ASSERT_TRUE(saved) << saved.error().message;
+        EXPECT_EQ(test::readFile(c.fileToCheck), c.content);
+    }
+    struct stat st {};
+    ASSERT_EQ(stat(script.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0751u);
+    // No temporary file is left beside the targets.
+    size_t entries = 0;
+    for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(root.path())) ++entries;
+    EXPECT_EQ(entries, 4u);  // run.sh, latin1.txt, sub, top.txt
+    EXPECT_TRUE(std::filesystem::is_directory(root.file("sub")));
+}

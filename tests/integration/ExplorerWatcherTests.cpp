@@ -1,0 +1,198 @@
+// The explorer's monitoring on real folders, real inotify and a real git.
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+
+#include "core/SerialQueue.h"
+#include "files/ExplorerService.h"
+#include "files/InotifyExplorerWatcher.h"
+#include "support/TestSupport.h"
+
+using namespace velko;
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr auto kDeadline = 10s;
+
+// Collects what a watcher or the service hands over, from any thread.
+template <typename T>
+class Inbox {
+public:
+    void add(T value) {
+        std::lock_guard lock(m_mutex);
+        m_items.push_back(std::move(value));
+        m_changed.notify_all();
+    }
+    // Waits until `done(items)` holds or the deadline passes; returns the items.
+    std::vector<T> waitFor(const std::function<bool(const std::vector<T>&)>& done) {
+        std::unique_lock lock(m_mutex);
+        m_changed.wait_for(lock, kDeadline, [&] { return done(m_items); });
+        return m_items;
+    }
+    std::vector<T> snapshot() {
+        std::lock_guard lock(m_mutex);
+        return m_items;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<T> m_items;
+};
+
+bool hasEvent(const std::vector<ExplorerFileEvent>& events, const std::string& path, ExplorerFileChangeKind change) {
+    for (const auto& e : events)
+        if (e.path == path && e.changeKind == change) return true;
+    return false;
+}
+
+void touch(const std::string& path, const std::string& text = "x") { std::ofstream(path) << text; }
+
+int run(const std::string& command) { return std::system(command.c_str()); }
+
+struct WatchedTree {
+    test::TempDir dir;
+    std::string root = fs::canonical(dir.path()).string();
+    Inbox<ExplorerFileEvent> inbox;
+    std::unique_ptr<InotifyExplorerWatcher> watcher;
+
+    void start() {
+        watcher = std::make_unique<InotifyExplorerWatcher>(root, ExplorerExclusionRules{});
+        ASSERT_TRUE(watcher->start([this](std::vector<ExplorerFileEvent> events) {
+            EXPECT_FALSE(events.empty());
+            for (auto& e : events) inbox.add(std::move(e));
+        }));
+        watcher->waitUntilScanned();
+    }
+    std::string abs(const std::string& relative) const { return root + "/" + relative; }
+};
+
+}  // namespace
+
+TEST(ExplorerWatcher, ReportsFileAndFolderChangesAnywhereInTheTree) {
+    using Change = ExplorerFileChangeKind;
+    struct Case {
+        const char* name;
+        std::function<void(WatchedTree&)> act;
+        std::string path;
+        Change change;
+    };
+    const Case cases[] = {
+        {"create", [](WatchedTree& t) { touch(t.abs("deep/er/new.txt")); }, "deep/er/new.txt", Change::Created},
+        {"modify", [](WatchedTree& t) { touch(t.abs("deep/er/old.txt"), "changed"); }, "deep/er/old.txt",
+         Change::Modified},
+        {"delete", [](WatchedTree& t) { fs::remove(t.abs("deep/er/old.txt")); }, "deep/er/old.txt", Change::Removed},
+        {"move", [](WatchedTree& t) { fs::rename(t.abs("deep/er/old.txt"), t.abs("deep/moved.txt")); },
+         "deep/moved.txt", Change::Renamed},
+        {"folder created", [](WatchedTree& t) { fs::create_directory(t.abs("deep/fresh")); }, "deep/fresh",
+         Change::Created},
+        {"folder removed", [](WatchedTree& t) { fs::remove_all(t.abs("deep/er")); }, "deep/er", Change::Removed},
+        {"files inside a tree made in one go",
+         [](WatchedTree& t) { ASSERT_EQ(run("mkdir -p '" + t.abs("a/b/c") + "' && touch '" + t.abs("a/b/c/f") + "'"), 0); },
+         "a/b/c/f", Change::Created},
+        {"a file inside a folder moved into the tree",
+         [](WatchedTree& t) {
+             test::TempDir outside;
+             outside.write("pkg/inner/file.txt", "x");
+             fs::rename(outside.file("pkg"), t.abs("pkg"));
+             touch(t.abs("pkg/inner/later.txt"));
+         },
+         "pkg/inner/later.txt", Change::Created},
+        {"a renamed folder is watched under its new name",
+         [](WatchedTree& t) {
+             fs::rename(t.abs("deep/er"), t.abs("deep/renamed"));
+             touch(t.abs("deep/renamed/after.txt"));
+         },
+         "deep/renamed/after.txt", Change::Created},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        WatchedTree tree;
+        tree.dir.write("deep/er/old.txt", "old");
+        fs::create_symlink(tree.root, tree.abs("deep/loop"));  // a link loop must not trap the walk
+        tree.start();
+        c.act(tree);
+        auto events = tree.inbox.waitFor([&](const auto& all) { return hasEvent(all, tree.abs(c.path), c.change); });
+        EXPECT_TRUE(hasEvent(events, tree.abs(c.path), c.change)) << "events seen: " << events.size();
+    }
+}
+
+TEST(ExplorerWatcher, LosingTheRootAsksForAResync) {
+    test::TempDir parent;
+    std::string root = fs::canonical(parent.path()).string() + "/project";
+    fs::create_directories(root + "/src");
+    Inbox<ExplorerFileEvent> inbox;
+    InotifyExplorerWatcher watcher(root, ExplorerExclusionRules{});
+    ASSERT_TRUE(watcher.start([&](std::vector<ExplorerFileEvent> events) {
+        for (auto& e : events) inbox.add(std::move(e));
+    }));
+    watcher.waitUntilScanned();
+    fs::rename(root, root + "-moved");
+    auto events = inbox.waitFor([](const auto& all) {
+        return std::any_of(all.begin(), all.end(), [](const auto& e) { return e.requiresResync; });
+    });
+    ASSERT_FALSE(events.empty());
+    EXPECT_TRUE(std::any_of(events.begin(), events.end(),
+                            [&](const auto& e) { return e.requiresResync && e.path == root; }));
+    watcher.stop();
+    watcher.stop();  // harmless
+}
+
+TEST(ExplorerWatcher, ExcludedFoldersAreNotWatchedAndACheckoutIsOneQuietBatch) {
+    test::TempDir dir;
+    std::string root = fs::canonical(dir.path()).string();
+    for (int d = 0; d < 10; ++d)
+        for (int f = 0; f < 10; ++f) dir.write("src" + std::to_string(d) + "/f" + std::to_string(f) + ".txt", "main");
+    dir.write("node_modules/pkg/index.js", "x");
+    ASSERT_EQ(run("cd '" + root + "' && git init -q -b main . && git -c user.name=t -c user.email=t@t add -A && "
+                  "git -c user.name=t -c user.email=t@t commit -qm one && git checkout -qb other && "
+                  "for d in 0 1 2 3 4 5 6 7 8 9; do for f in 0 1 2 3 4 5 6 7 8 9; do echo other > src$d/f$f.txt; done; done && "
+                  "git -c user.name=t -c user.email=t@t commit -qam two && git checkout -q main"),
+              0);
+
+    auto debounce = std::make_shared<SerialQueue>("test.explorer.debounce");
+    auto callbacks = std::make_shared<SerialQueue>("test.explorer.callbacks");
+    InotifyExplorerWatcher* started = nullptr;
+    ExplorerService::Options options;
+    options.debounceQueue = debounce;
+    options.callbackQueue = callbacks;
+    options.watcherFactory = [&](const std::string& rootPath, const ExplorerExclusionRules& rules) {
+        auto watcher = std::make_unique<InotifyExplorerWatcher>(rootPath, rules);
+        started = watcher.get();
+        return watcher;
+    };
+    auto service = std::make_shared<ExplorerService>(std::move(options));
+    Inbox<ExplorerChangeBatch> batches;
+    ASSERT_TRUE(service->activateMonitoring(Uuid::random(), dir.path(), {},
+                                            [&](const ExplorerChangeBatch& batch) { batches.add(batch); }));
+    ASSERT_NE(started, nullptr);
+    started->waitUntilScanned();
+    // Only the project's own folders are watched: not .git, not node_modules.
+    EXPECT_EQ(started->watchCountForTesting(), 11u);
+
+    // Changes inside excluded folders produce nothing; the marker tells when they would have arrived.
+    touch(root + "/.git/scratch");
+    touch(root + "/node_modules/pkg/more.js");
+    touch(root + "/src0/sub-marker");
+    auto first = batches.waitFor([](const auto& all) { return !all.empty(); });
+    ASSERT_EQ(first.size(), 1u);
+    EXPECT_EQ(first[0].directoryPaths, (std::vector<std::string>{"src0"}));
+
+    ASSERT_EQ(run("cd '" + root + "' && git checkout -q other"), 0);
+    auto all = batches.waitFor([](const auto& b) {
+        return b.size() >= 2 && b.back().directoryPaths.size() >= 10;
+    });
+    ASSERT_GE(all.size(), 2u);
+    // A checkout is one burst: it must not turn into a storm of batches.
+    EXPECT_LE(all.size(), 3u);
+    std::vector<std::string> expected;
+    for (int d = 0; d < 10; ++d) expected.push_back("src" + std::to_string(d));
+    EXPECT_EQ(all.back().directoryPaths, expected);
+    EXPECT_FALSE(all.back().requiresResync);
+    service->stopMonitoring();
+}
