@@ -520,7 +520,9 @@ std::optional<OrderedJson> GitService::buildCommitDiffPayload(const std::string&
 
 OrderedJson GitService::buildCommitDiffSummary(const std::string& commit, const ProjectContext& project) {
     OrderedJson files = OrderedJson::array();
-    auto output = runGit({"show", commit, "--no-patch", "--numstat", "--format=", "--find-renames"}, project, false);
+    // "--numstat" alone already replaces the patch; "--no-patch" next to it
+    // would also silence the numbers on git before 2.43.
+    auto output = runGit({"show", commit, "--numstat", "--format=", "--find-renames"}, project, false);
     if (!output) {
         handleGitError(output.error(), "git show --numstat", project.id);
         return files;
