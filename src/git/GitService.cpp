@@ -6,6 +6,7 @@
 #include "core/Paths.h"
 #include "core/SerialQueue.h"
 #include "core/TaskQueue.h"
+#include "git/GitJsonWriter.h"
 #include "git/GitStatusParsing.h"
 #include "git/GitWorkingTreeParser.h"
 
@@ -110,6 +111,10 @@ void GitService::whenIdle(std::function<void()> done) { m_queue->post(std::move(
 
 void GitService::emit(std::string_view type, const OrderedJson& payload) {
     if (auto sink = m_eventSink.lock()) sink->dispatchEvent(type, payload);
+}
+
+void GitService::emitEncoded(std::string_view type, const std::string& payloadJson) {
+    if (auto sink = m_eventSink.lock()) sink->dispatchEncodedEvent(type, makeEventEnvelope(type, payloadJson));
 }
 
 void GitService::sendResult(bool success, const std::string& message) {
@@ -377,7 +382,7 @@ void GitService::doFetchWorkingTree(const ProjectContext& project) {
     auto output = runGit({"status", "--porcelain=v2", "--branch", "--untracked-files=all"}, project, false);
     std::vector<GitWorkingTreeEntry> entries;
     if (output) entries = GitWorkingTreeParser::parse(*output);
-    emit("git/working-tree", makeWorkingTreePayload(entries, project.id.toString()));
+    emitEncoded("git/working-tree", encodeWorkingTreePayload(entries, project.id.toString()));
 }
 
 // --- diffs -------------------------------------------------------------------------

@@ -81,6 +81,7 @@ private:
 
     void enqueue(std::function<void(GitService&)> block);
     void emit(std::string_view type, const OrderedJson& payload);
+    void emitEncoded(std::string_view type, const std::string& payloadJson);
     void sendResult(bool success, const std::string& message);
 
     std::optional<ProjectContext> metadata(const std::optional<Uuid>& projectID);

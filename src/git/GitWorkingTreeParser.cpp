@@ -1,49 +1,57 @@
 #include "git/GitWorkingTreeParser.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
+#include <type_traits>
 
 #include "git/GitErrors.h"
+#include "git/GitJsonWriter.h"
 #include "git/GitStatusParsing.h"
 
 namespace velko {
 
 namespace {
 
-// Splits at single blanks into at most `limit` pieces, keeping empty ones; the
-// last piece keeps the rest of the text, blanks included.
-std::vector<std::string_view> splitPieces(std::string_view text, char separator, size_t limit) {
-    std::vector<std::string_view> pieces;
+// Splits at `separator` into at most `limit` pieces, keeping empty ones; the
+// last piece keeps the rest of the text, separators included.
+struct Pieces {
+    std::array<std::string_view, 11> at;
+    size_t count = 0;
+};
+
+Pieces splitPieces(std::string_view text, char separator, size_t limit) {
+    Pieces pieces;
     size_t start = 0;
-    while (pieces.size() + 1 < limit) {
-        size_t at = text.find(separator, start);
-        if (at == std::string_view::npos) break;
-        pieces.push_back(text.substr(start, at - start));
-        start = at + 1;
+    while (pieces.count + 1 < limit) {
+        size_t found = text.find(separator, start);
+        if (found == std::string_view::npos) break;
+        pieces.at[pieces.count++] = text.substr(start, found - start);
+        start = found + 1;
     }
-    pieces.push_back(text.substr(start));
+    pieces.at[pieces.count++] = text.substr(start);
     return pieces;
 }
 
 bool hasLetter(std::string_view xy, char letter) { return xy[0] == letter || xy[1] == letter; }
 
-std::optional<GitWorkingTreeEntry> parseRegular(std::string_view line) {
-    auto pieces = splitPieces(line, ' ', 9);
-    if (pieces.size() < 9 || pieces[1].size() != 2) return std::nullopt;
-    GitWorkingTreeEntry entry;
+bool parseRegular(std::string_view line, GitWorkingTreeEntry& entry) {
+    auto split = splitPieces(line, ' ', 9);
+    const auto& pieces = split.at;
+    if (split.count < 9 || pieces[1].size() != 2) return false;
     entry.path = GitWorkingTreeParser::decodePath(pieces[8]);
     entry.stagedStatus = GitWorkingTreeParser::describeStatus(pieces[1][0]);
     entry.unstagedStatus = GitWorkingTreeParser::describeStatus(pieces[1][1]);
     entry.intentToAdd = hasLetter(pieces[1], 'I');
     entry.isConflicted = hasLetter(pieces[1], 'U');
-    return entry;
+    return true;
 }
 
-std::optional<GitWorkingTreeEntry> parseRename(std::string_view line) {
+bool parseRename(std::string_view line, GitWorkingTreeEntry& entry) {
     auto halves = splitPieces(line, '\t', 2);
-    auto pieces = splitPieces(halves[0], ' ', 10);
-    if (pieces.size() < 10 || pieces[1].size() != 2) return std::nullopt;
-    GitWorkingTreeEntry entry;
+    auto split = splitPieces(halves.at[0], ' ', 10);
+    const auto& pieces = split.at;
+    if (split.count < 10 || pieces[1].size() != 2) return false;
     std::string digits;
     for (char c : pieces[8]) {
         if (c >= '0' && c <= '9') digits.push_back(c);
@@ -52,27 +60,43 @@ std::optional<GitWorkingTreeEntry> parseRename(std::string_view line) {
     auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), score);
     if (!digits.empty() && ec == std::errc() && end == digits.data() + digits.size()) entry.renameScore = score;
     entry.path = GitWorkingTreeParser::decodePath(pieces[9]);
-    entry.oldPath = GitWorkingTreeParser::decodePath(halves.size() > 1 ? halves[1] : std::string_view());
+    entry.oldPath = GitWorkingTreeParser::decodePath(halves.count > 1 ? halves.at[1] : std::string_view());
     entry.stagedStatus = GitWorkingTreeParser::describeStatus(pieces[1][0]);
     entry.unstagedStatus = GitWorkingTreeParser::describeStatus(pieces[1][1]);
     entry.isConflicted = hasLetter(pieces[1], 'U');
-    return entry;
+    return true;
 }
 
-std::optional<GitWorkingTreeEntry> parseConflict(std::string_view line) {
-    auto pieces = splitPieces(line, ' ', 11);
-    if (pieces.size() != 11) return std::nullopt;
-    GitWorkingTreeEntry entry;
+bool parseConflict(std::string_view line, GitWorkingTreeEntry& entry) {
+    auto split = splitPieces(line, ' ', 11);
+    const auto& pieces = split.at;
+    if (split.count != 11) return false;
     entry.path = GitWorkingTreeParser::decodePath(pieces[10]);
     entry.stagedStatus = "conflicted";
     entry.unstagedStatus = "conflicted";
     entry.isConflicted = true;
-    return entry;
+    return true;
+}
+
+// Fills a fresh entry from one line; false for a line of no known shape.
+bool parseLineInto(std::string_view line, GitWorkingTreeEntry& entry) {
+    if (line.empty()) return false;
+    switch (line[0]) {
+    case '1': return parseRegular(line, entry);
+    case '2': return parseRename(line, entry);
+    case 'u': return parseConflict(line, entry);
+    case '?':
+        if (line.size() < 3) return false;
+        entry.path = GitWorkingTreeParser::decodePath(line.substr(2));
+        entry.isUntracked = true;
+        return true;
+    default: return false;
+    }
 }
 
 }  // namespace
 
-std::optional<std::string> GitWorkingTreeParser::describeStatus(char code) {
+std::optional<std::string_view> GitWorkingTreeParser::describeStatus(char code) {
     switch (code) {
     case 'A': return "added";
     case 'M': return "modified";
@@ -92,6 +116,8 @@ std::string GitWorkingTreeParser::decodePath(std::string_view text) {
     if (!text.empty() && text.front() == '"' && text.back() == '"') {
         text = text.size() >= 2 ? text.substr(1, text.size() - 2) : std::string_view();
     }
+    // Most paths carry no escape at all.
+    if (text.find('\\') == std::string_view::npos) return std::string(text);
     std::string out;
     out.reserve(text.size());
     for (size_t i = 0; i < text.size(); ++i) {
@@ -134,31 +160,27 @@ std::string GitWorkingTreeParser::decodePath(std::string_view text) {
 }
 
 std::optional<GitWorkingTreeEntry> GitWorkingTreeParser::parseLine(std::string_view line) {
-    if (line.empty()) return std::nullopt;
-    switch (line[0]) {
-    case '1': return parseRegular(line);
-    case '2': return parseRename(line);
-    case 'u': return parseConflict(line);
-    case '?': {
-        if (line.size() < 3) return std::nullopt;
-        GitWorkingTreeEntry entry;
-        entry.path = decodePath(line.substr(2));
-        entry.isUntracked = true;
-        return entry;
-    }
-    default: return std::nullopt;
-    }
+    GitWorkingTreeEntry entry;
+    if (!parseLineInto(line, entry)) return std::nullopt;
+    return entry;
 }
 
 std::vector<GitWorkingTreeEntry> GitWorkingTreeParser::parse(std::string_view output) {
+    static_assert(std::is_nothrow_move_constructible_v<GitWorkingTreeEntry>);
     std::vector<GitWorkingTreeEntry> entries;
-    for (std::string_view line : splitLines(output, false)) {
-        if (auto entry = parseLine(line)) entries.push_back(std::move(*entry));
+    entries.reserve(static_cast<size_t>(std::count(output.begin(), output.end(), '\n')) + 1);
+    size_t start = 0;
+    while (start < output.size()) {
+        size_t end = output.find('\n', start);
+        if (end == std::string_view::npos) end = output.size();
+        // Built in place: a large tree is mostly memory traffic.
+        if (!parseLineInto(output.substr(start, end - start), entries.emplace_back())) entries.pop_back();
+        start = end + 1;
     }
     return entries;
 }
 
-OrderedJson makeWorkingTreePayload(const std::vector<GitWorkingTreeEntry>& entries, const std::string& projectId) {
+std::string encodeWorkingTreePayload(const std::vector<GitWorkingTreeEntry>& entries, const std::string& projectId) {
     std::vector<const GitWorkingTreeEntry*> sections[4];  // staged, unstaged, untracked, conflicted
     for (const auto& entry : entries) {
         if (entry.isConflicted) {
@@ -170,34 +192,63 @@ OrderedJson makeWorkingTreePayload(const std::vector<GitWorkingTreeEntry>& entri
         if (entry.unstagedStatus && !entry.isUntracked) sections[1].push_back(&entry);
     }
     static constexpr const char* kIds[4] = {"staged", "unstaged", "untracked", "conflicted"};
-    OrderedJson sectionList = OrderedJson::array();
+    size_t textBytes = 0;
+    for (const auto& entry : entries) textBytes += entry.path.size() + (entry.oldPath ? entry.oldPath->size() : 0);
+    std::string out;
+    out.reserve(256 + textBytes + textBytes / 8 + entries.size() * 2 * 120);
+    out.append("{\"projectId\":");
+    appendJsonString(out, projectId);
+    out.append(",\"sections\":[");
     for (int i = 0; i < 4; ++i) {
         auto& list = sections[i];
-        std::stable_sort(list.begin(), list.end(), [](const auto* a, const auto* b) { return a->path < b->path; });
-        OrderedJson items = OrderedJson::array();
+        auto byPath = [](const auto* a, const auto* b) { return a->path < b->path; };
+        // git lists paths in this order already; check before paying for a sort.
+        if (!std::is_sorted(list.begin(), list.end(), byPath)) std::stable_sort(list.begin(), list.end(), byPath);
+        if (i > 0) out.push_back(',');
+        out.append("{\"id\":\"").append(kIds[i]).append("\",\"entries\":[");
+        bool first = true;
         for (const auto* entry : list) {
-            OrderedJson item;
-            item["path"] = entry->path;
-            if (entry->oldPath) item["oldPath"] = *entry->oldPath;
-            if (entry->stagedStatus) item["staged"] = {{"status", *entry->stagedStatus}};
-            if (entry->unstagedStatus) item["unstaged"] = {{"status", *entry->unstagedStatus}};
-            item["isUntracked"] = entry->isUntracked;
-            item["intentToAdd"] = entry->intentToAdd;
-            if (entry->renameScore) item["renameScore"] = *entry->renameScore;
-            items.push_back(std::move(item));
+            if (!first) out.push_back(',');
+            first = false;
+            out.append("{\"path\":");
+            appendJsonString(out, entry->path);
+            if (entry->oldPath) {
+                out.append(",\"oldPath\":");
+                appendJsonString(out, *entry->oldPath);
+            }
+            if (entry->stagedStatus) {
+                out.append(",\"staged\":{\"status\":");
+                appendJsonString(out, *entry->stagedStatus);
+                out.push_back('}');
+            }
+            if (entry->unstagedStatus) {
+                out.append(",\"unstaged\":{\"status\":");
+                appendJsonString(out, *entry->unstagedStatus);
+                out.push_back('}');
+            }
+            out.append(",\"isUntracked\":");
+            appendJsonBool(out, entry->isUntracked);
+            out.append(",\"intentToAdd\":");
+            appendJsonBool(out, entry->intentToAdd);
+            if (entry->renameScore) {
+                out.append(",\"renameScore\":");
+                appendJsonInteger(out, *entry->renameScore);
+            }
+            out.push_back('}');
         }
-        sectionList.push_back(OrderedJson{{"id", kIds[i]}, {"entries", std::move(items)}});
+        out.append("]}");
     }
-    OrderedJson payload;
-    payload["projectId"] = projectId;
-    payload["sections"] = std::move(sectionList);
-    OrderedJson summary;
-    summary["total"] = sections[0].size() + sections[1].size() + sections[2].size() + sections[3].size();
-    summary["staged"] = sections[0].size();
-    summary["unstaged"] = sections[1].size();
-    summary["untracked"] = sections[2].size();
-    payload["summary"] = std::move(summary);
-    return payload;
+    size_t total = sections[0].size() + sections[1].size() + sections[2].size() + sections[3].size();
+    out.append("],\"summary\":{\"total\":");
+    appendJsonInteger(out, static_cast<int64_t>(total));
+    out.append(",\"staged\":");
+    appendJsonInteger(out, static_cast<int64_t>(sections[0].size()));
+    out.append(",\"unstaged\":");
+    appendJsonInteger(out, static_cast<int64_t>(sections[1].size()));
+    out.append(",\"untracked\":");
+    appendJsonInteger(out, static_cast<int64_t>(sections[2].size()));
+    out.append("}}");
+    return out;
 }
 
 }  // namespace velko

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "core/Json.h"
+#include "git/GitJsonWriter.h"
 #include "git/GitWorkingTreeParser.h"
 
 using namespace velko;
@@ -32,6 +34,7 @@ const char* const kPorcelainV2 =
 const char* const kHashes = "100644 100644 100644 aaaa bbbb";
 
 std::string opt(const std::optional<std::string>& v) { return v ? *v : "-"; }
+std::string opt(const std::optional<std::string_view>& v) { return v ? std::string(*v) : "-"; }
 
 }  // namespace
 
@@ -124,7 +127,7 @@ TEST(GitWorkingTreeParser, DecodesQuotedPathsTheWayGitWritesThem) {
 TEST(GitWorkingTreeParser, PayloadSortsEntriesIntoFourSectionsWithSummary) {
     auto entries = GitWorkingTreeParser::parse(kPorcelainV2);
     ASSERT_EQ(entries.size(), 11u);
-    Json payload = Json::parse(dumpJson(makeWorkingTreePayload(entries, "P")));
+    Json payload = Json::parse(encodeWorkingTreePayload(entries, "P"));
     EXPECT_EQ(payload["projectId"], "P");
     struct Case {
         const char* id;
@@ -155,7 +158,7 @@ TEST(GitWorkingTreeParser, PayloadSortsEntriesIntoFourSectionsWithSummary) {
     EXPECT_EQ(untracked["isUntracked"], true);
     EXPECT_EQ(payload["summary"], (Json{{"total", 12}, {"staged", 2}, {"unstaged", 4}, {"untracked", 5}}));
 
-    Json empty = Json::parse(dumpJson(makeWorkingTreePayload({}, "P")));
+    Json empty = Json::parse(encodeWorkingTreePayload({}, "P"));
     EXPECT_EQ(empty["sections"].size(), 4u);
     EXPECT_EQ(empty["summary"], (Json{{"total", 0}, {"staged", 0}, {"unstaged", 0}, {"untracked", 0}}));
 }
@@ -173,5 +176,84 @@ TEST(GitWorkingTreeParser, TruncatedOutputGivesTheCompleteLinesOnly) {
         // Every complete line still counts; the cut one may add one entry at most.
         EXPECT_GE(entries.size(), complete);
         EXPECT_LE(entries.size(), complete + 1);
+    }
+}
+
+namespace {
+
+// The payload as the generic encoder would write it: the reference for the
+// hand-written text.
+OrderedJson referencePayload(const std::vector<GitWorkingTreeEntry>& entries, const std::string& projectId) {
+    std::vector<const GitWorkingTreeEntry*> sections[4];
+    for (const auto& e : entries) {
+        if (e.isConflicted) {
+            sections[3].push_back(&e);
+            continue;
+        }
+        if (e.isUntracked) sections[2].push_back(&e);
+        if (e.stagedStatus) sections[0].push_back(&e);
+        if (e.unstagedStatus && !e.isUntracked) sections[1].push_back(&e);
+    }
+    const char* ids[4] = {"staged", "unstaged", "untracked", "conflicted"};
+    OrderedJson list = OrderedJson::array();
+    for (int i = 0; i < 4; ++i) {
+        std::stable_sort(sections[i].begin(), sections[i].end(),
+                         [](const auto* a, const auto* b) { return a->path < b->path; });
+        OrderedJson items = OrderedJson::array();
+        for (const auto* e : sections[i]) {
+            OrderedJson item;
+            item["path"] = e->path;
+            if (e->oldPath) item["oldPath"] = *e->oldPath;
+            if (e->stagedStatus) item["staged"] = {{"status", std::string(*e->stagedStatus)}};
+            if (e->unstagedStatus) item["unstaged"] = {{"status", std::string(*e->unstagedStatus)}};
+            item["isUntracked"] = e->isUntracked;
+            item["intentToAdd"] = e->intentToAdd;
+            if (e->renameScore) item["renameScore"] = *e->renameScore;
+            items.push_back(item);
+        }
+        list.push_back({{"id", ids[i]}, {"entries", items}});
+    }
+    OrderedJson payload;
+    payload["projectId"] = projectId;
+    payload["sections"] = list;
+    payload["summary"] = {{"total", sections[0].size() + sections[1].size() + sections[2].size() + sections[3].size()},
+                          {"staged", sections[0].size()},
+                          {"unstaged", sections[1].size()},
+                          {"untracked", sections[2].size()}};
+    return payload;
+}
+
+}  // namespace
+
+TEST(GitJsonWriter, StringsEncodeExactlyAsTheGenericEncoder) {
+    std::string every;
+    for (int c = 1; c < 128; ++c) every.push_back(static_cast<char>(c));
+    const std::string cases[] = {
+        "", "plain", "quo\"te", "back\\slash", "tab\tnew\nline\rcr", std::string("nul\0x", 5), "\x01\x1f\x7f",
+        "/slash/", "caf\xc3\xa9 \xe6\x97\xa5\xe6\x9c\xac \xf0\x9f\x98\x80", every,
+    };
+    for (const auto& text : cases) {
+        SCOPED_TRACE(text);
+        std::string out;
+        appendJsonString(out, text);
+        EXPECT_EQ(out, dumpJson(OrderedJson(text)));
+    }
+    for (int64_t value : {int64_t{0}, int64_t{-7}, int64_t{1} << 40, INT64_MIN}) {
+        std::string out;
+        appendJsonInteger(out, value);
+        EXPECT_EQ(out, dumpJson(OrderedJson(value)));
+    }
+    EXPECT_EQ(makeEventEnvelope("git/working-tree", "{}"), "{\"type\":\"git/working-tree\",\"payload\":{}}");
+}
+
+TEST(GitJsonWriter, WorkingTreePayloadIsByteForByteTheGenericEncoding) {
+    std::string output = kPorcelainV2;
+    output += "1 .M N... 100644 100644 100644 a b \"ctl\\001\\037\"\n";
+    output += "2 RM N... 100644 100644 100644 a b R5 \"x\\\\y\"\tz\n";
+    auto entries = GitWorkingTreeParser::parse(output);
+    ASSERT_EQ(entries.size(), 13u);
+    for (const std::vector<GitWorkingTreeEntry>& list : {entries, std::vector<GitWorkingTreeEntry>{}}) {
+        EXPECT_EQ(encodeWorkingTreePayload(list, "0F8FAD5B-D9CB-469F-A165-70867728950E"),
+                  dumpJson(referencePayload(list, "0F8FAD5B-D9CB-469F-A165-70867728950E")));
     }
 }
