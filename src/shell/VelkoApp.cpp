@@ -3,6 +3,7 @@
 #include "core/SerialQueue.h"
 #include "core/TaskQueue.h"
 #include "files/ExplorerService.h"
+#include "git/GitService.h"
 #include "shell/ContentView.h"
 #include "shell/WebBridge.h"
 #include "workspace/ConfigStore.h"
@@ -21,6 +22,17 @@ VelkoApp::VelkoApp(Options options) {
     // --- terminal: coordinator and service, first snapshot into the pending queue ---
 
     // --- git: runner, credential broker, service ---
+    {
+        GitService::Dependencies git;
+        git.configProvider = m_configStore;
+        // No account manager yet: GitHub HTTPS remotes ask the user to sign in.
+        git.authProvider = std::make_shared<NoGitAuthProvider>();
+        git.credentialBroker = std::make_shared<GitCredentialBroker>();
+        git.processRunner = std::make_shared<ProcessGitProcessRunner>();
+        m_gitService = std::make_shared<GitService>(std::move(git));
+        m_gitService->setEventSink(m_bridge);
+        m_bridge->setGitService(m_gitService);
+    }
 
     m_bridge->setConfigStore(m_configStore);
     // No account manager yet: the status of no stored token waits in the queue.
@@ -43,6 +55,16 @@ void VelkoApp::contentDidAppear() { m_contentView->bootstrap(); }
 
 void VelkoApp::shutdown(std::function<void()> done) {
     // --- terminal: end every session ---
+
+    // --- git: a commit or push in flight finishes before the files step ---
+    if (m_gitService) {
+        auto next = std::move(done);
+        done = [git = std::weak_ptr<GitService>(m_gitService), next = std::move(next)]() mutable {
+            auto service = git.lock();
+            if (!service) return next();
+            service->whenIdle([next = std::move(next)]() mutable { runOnMain(std::move(next)); });
+        };
+    }
 
     // Work already queued for files finishes first; then the host may exit.
     std::weak_ptr<WebBridge> bridge = m_bridge;

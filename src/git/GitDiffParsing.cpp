@@ -1,0 +1,147 @@
+#include "git/GitDiffParsing.h"
+
+#include <charconv>
+
+#include "git/GitErrors.h"
+#include "git/GitStatusParsing.h"
+
+namespace velko {
+
+const char* toString(GitDiffStage stage) {
+    switch (stage) {
+    case GitDiffStage::Staged: return "staged";
+    case GitDiffStage::Unstaged: return "unstaged";
+    case GitDiffStage::Head: return "head";
+    }
+    return "unstaged";
+}
+
+GitDiffStage diffStageFromString(std::string_view text) {
+    if (text == "staged") return GitDiffStage::Staged;
+    if (text == "head") return GitDiffStage::Head;
+    return GitDiffStage::Unstaged;
+}
+
+namespace {
+
+int64_t decimalOrZero(std::string_view text) {
+    int64_t value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (ec != std::errc() || end != text.data() + text.size()) return 0;
+    return value;
+}
+
+}  // namespace
+
+GitNumstat parseNumstat(std::string_view text) {
+    GitNumstat sum;
+    for (std::string_view line : splitLines(text, false)) {
+        size_t firstTab = line.find('\t');
+        if (firstTab == std::string_view::npos) continue;
+        size_t secondTab = line.find('\t', firstTab + 1);
+        if (secondTab == std::string_view::npos) continue;
+        std::string_view added = line.substr(0, firstTab);
+        std::string_view deleted = line.substr(firstTab + 1, secondTab - firstTab - 1);
+        if (added == "-" || deleted == "-") {
+            sum.isBinary = true;
+            continue;
+        }
+        sum.additions += decimalOrZero(added);
+        sum.deletions += decimalOrZero(deleted);
+    }
+    return sum;
+}
+
+std::string normalizeRenamedPath(std::string_view input) {
+    std::string text(input);
+    if (text.find("=>") == std::string::npos) return text;
+    for (;;) {
+        size_t open = text.find('{');
+        if (open == std::string::npos) break;
+        size_t close = text.find('}', open + 1);
+        if (close == std::string::npos) break;
+        std::string_view inner = std::string_view(text).substr(open + 1, close - open - 1);
+        std::string replacement;
+        if (size_t arrow = inner.find("=>"); arrow != std::string_view::npos) {
+            replacement = std::string(trimBlanks(inner.substr(arrow + 2)));
+        } else {
+            replacement = std::string(trimBlanks(inner));
+        }
+        text = text.substr(0, open) + replacement + text.substr(close + 1);
+    }
+    if (size_t arrow = text.find("=>"); arrow != std::string::npos) {
+        return std::string(trimBlanks(std::string_view(text).substr(arrow + 2)));
+    }
+    return std::string(trimBlanks(text));
+}
+
+std::vector<std::string> diffArguments(const GitDiffTarget& target, GitDiffMode mode) {
+    std::vector<std::string> args{"diff"};
+    if (target.stage == GitDiffStage::Staged) args.emplace_back("--cached");
+    if (target.stage == GitDiffStage::Head) args.emplace_back("HEAD");
+    if (mode == GitDiffMode::Numstat) {
+        args.emplace_back("--numstat");
+    } else {
+        args.emplace_back("--patch");
+        args.emplace_back("--text");
+    }
+    if (!target.path.empty()) {
+        args.emplace_back("--");
+        args.push_back(target.path);
+    }
+    return args;
+}
+
+std::vector<std::string> commitDiffArguments(const std::string& commit, GitDiffMode mode,
+                                             const std::optional<std::string>& path, int parentCount) {
+    std::vector<std::string> args;
+    if (mode == GitDiffMode::Numstat) {
+        if (parentCount != 0) args = {"diff", commit + "^!", "--numstat", "--find-renames"};
+        else args = {"diff-tree", "--no-commit-id", "--root", "--numstat", "-r", "-M", commit};
+    } else {
+        if (parentCount != 0) args = {"diff", commit + "^!", "--patch", "--text", "--find-renames"};
+        else args = {"show", commit, "--pretty=format:", "--patch", "--text", "--find-renames"};
+    }
+    if (path && !path->empty()) {
+        args.emplace_back("--");
+        args.push_back(*path);
+    }
+    return args;
+}
+
+std::vector<std::string> mergeCommitPatchArguments(const std::string& commit, const std::optional<std::string>& path) {
+    std::vector<std::string> args{"show", "-m", commit, "--pretty=format:", "--patch", "--text", "--find-renames"};
+    if (path && !path->empty()) {
+        args.emplace_back("--");
+        args.push_back(*path);
+    }
+    return args;
+}
+
+std::map<std::string, std::string> parseRemoteURLsFromConfig(std::string_view configText) {
+    std::map<std::string, std::string> remotes;
+    std::string current;
+    for (std::string_view rawLine : splitLines(configText, true)) {
+        std::string_view line = trimBlanks(rawLine);
+        if (line.substr(0, 9) == "[remote \"") {
+            size_t open = line.find('"');
+            size_t close = line.find('"', open + 1);
+            current = close == std::string_view::npos ? std::string()
+                                                      : std::string(line.substr(open + 1, close - open - 1));
+            continue;
+        }
+        if (line.substr(0, 3) != "url") continue;
+        size_t eq = line.find('=');
+        if (eq == std::string_view::npos) continue;
+        // Split at the first "=" with empty pieces left out: "url=" has one piece
+        // only and sets nothing; the value may itself hold "=".
+        std::string_view before = line.substr(0, eq);
+        std::string_view after = line.substr(eq + 1);
+        if (before.empty() || after.empty()) continue;
+        std::string_view value = trimBlanks(after);
+        if (!current.empty()) remotes[current] = std::string(value);
+    }
+    return remotes;
+}
+
+}  // namespace velko

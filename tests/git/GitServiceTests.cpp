@@ -1,0 +1,444 @@
+#include <gtest/gtest.h>
+
+#include "git/GitTestSupport.h"
+#include "support/TestSupport.h"
+
+using namespace velko;
+using namespace velko::test;
+
+namespace {
+
+const char* const kToken = "gho_unitTestToken123";
+
+struct Harness {
+    ManualMain main;
+    TempDir repo;
+    std::shared_ptr<FakeProjects> projects = std::make_shared<FakeProjects>();
+    std::shared_ptr<FakeGitRunner> runner = std::make_shared<FakeGitRunner>();
+    std::shared_ptr<FakeAuth> auth = std::make_shared<FakeAuth>();
+    std::shared_ptr<FakeBroker> broker = std::make_shared<FakeBroker>();
+    std::shared_ptr<EventRecorder> events = std::make_shared<EventRecorder>();
+    std::shared_ptr<GitService> service;
+    Uuid projectId;
+
+    explicit Harness(const std::string& remoteConfig = "") {
+        if (!remoteConfig.empty()) repo.write(".git/config", remoteConfig);
+        projectId = projects->add(repo.path());
+        GitService::Dependencies deps;
+        deps.configProvider = projects;
+        deps.authProvider = auth;
+        deps.credentialBroker = broker;
+        deps.processRunner = runner;
+        deps.environment = GitEnvironment{{"PATH", "/usr/bin:/bin"}, {"HOME", repo.path()}};
+        service = std::make_shared<GitService>(std::move(deps));
+        service->setEventSink(events);
+    }
+    void settle() { ASSERT_TRUE(drain(*service, main.queue())); }
+    std::vector<std::string> results() const {
+        std::vector<std::string> out;
+        for (const auto& e : events->eventsOfType("git/result"))
+            out.push_back(std::string(e.payload["success"].get<bool>() ? "ok: " : "fail: ") +
+                          e.payload["message"].get<std::string>());
+        return out;
+    }
+};
+
+std::string remote(const std::string& url) { return "[remote \"origin\"]\n\turl = " + url + "\n"; }
+
+bool contains(const std::vector<std::string>& list, const std::string& item) {
+    return std::find(list.begin(), list.end(), item) != list.end();
+}
+
+}  // namespace
+
+TEST(GitService, ActionsAnswerWithTheirMessages) {
+    using V = std::vector<std::string>;
+    struct Case {
+        const char* name;
+        std::string config;
+        bool signedIn;
+        std::map<std::string, GitProcessExecutionResult> answers;
+        std::function<void(GitService&, const Uuid&)> act;
+        V results;
+        V mustRun;
+        V mustNotRun;
+    };
+    const Case cases[] = {
+        {"blank message is refused without git", "", false, {},
+         [](GitService& s, const Uuid& id) { s.commit(id, " \n\t"); },
+         V{"fail: コミットメッセージを入力してください"}, V{}, V{"add -A"}},
+        {"commit keeps the message as sent", "", false, {},
+         [](GitService& s, const Uuid& id) { s.commit(id, "\nfix it\n"); },
+         V{"ok: コミットしました"}, V{"add -A", "commit -m \nfix it\n"}, V{}},
+        {"failed add stops before commit", "", false, {{"add -A", {128, "", "fatal: pathspec broken"}}},
+         [](GitService& s, const Uuid& id) { s.commit(id, "m"); },
+         V{"fail: fatal: pathspec broken"}, V{"add -A"}, V{"commit -m m"}},
+        {"failed commit without text", "", false, {{"commit -m m", {1, "", "  \n"}}},
+         [](GitService& s, const Uuid& id) { s.commit(id, "m"); },
+         V{"fail: git commit で不明なエラー"}, V{}, V{}},
+        {"push to GitHub without sign-in runs nothing", remote("https://github.com/o/r.git"), false, {},
+         [](GitService& s, const Uuid& id) { s.push(id); },
+         V{"fail: Push を実行するには GitHub にサインインしてください"}, V{}, V{"push"}},
+        {"push over ssh needs no sign-in", remote("git@github.com:o/r.git"), false, {},
+         [](GitService& s, const Uuid& id) { s.push(id); },
+         V{"ok: Push が完了しました"}, V{"push"}, V{}},
+        {"push without any remote", "[core]\n\tbare = false\n", true, {},
+         [](GitService& s, const Uuid& id) { s.push(id); },
+         V{"fail: リモートリポジトリがないプロジェクトです"}, V{}, V{"push"}},
+        {"pull rebases", remote("../origin.git"), false, {},
+         [](GitService& s, const Uuid& id) { s.pull(id); },
+         V{"ok: Pull が完了しました"}, V{"pull --rebase"}, V{}},
+        {"fetch failure shows git's words", remote("../origin.git"), false,
+         {{"fetch", {128, "", "fatal: unable to connect\n"}}},
+         [](GitService& s, const Uuid& id) { s.fetch(id); },
+         V{"fail: fatal: unable to connect"}, V{"fetch"}, V{}},
+        {"auth words on an unauthenticated run are a plain failure", remote("../origin.git"), true,
+         {{"push", {128, "", "fatal: Authentication failed for 'x'"}}},
+         [](GitService& s, const Uuid& id) { s.push(id); },
+         V{"fail: fatal: Authentication failed for 'x'"}, V{"push"}, V{}},
+        {"remote found through pushDefault", "[remote \"up\"]\n\turl = ../up.git\n", false,
+         {{"rev-parse --abbrev-ref --symbolic-full-name @{u}", {128, "", "fatal: no upstream configured"}},
+          {"config --get remote.pushDefault", {0, "up\n", ""}}},
+         [](GitService& s, const Uuid& id) { s.push(id); },
+         V{"ok: Push が完了しました"}, V{"config --get remote.pushDefault", "push"}, V{}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Harness h(c.config);
+        if (c.signedIn) h.auth->token = GitAuthToken{kToken, "octo", std::nullopt};
+        for (const auto& [command, answer] : c.answers) h.runner->on(command, answer);
+        c.act(*h.service, h.projectId);
+        h.settle();
+        EXPECT_EQ(h.results(), c.results);
+        auto commands = h.runner->commands();
+        for (const auto& command : c.mustRun) EXPECT_TRUE(contains(commands, command)) << command;
+        for (const auto& command : c.mustNotRun) EXPECT_FALSE(contains(commands, command)) << command;
+        EXPECT_EQ(h.auth->deletions, 0);
+        for (const auto& call : h.runner->calls()) {
+            EXPECT_EQ(call.arguments[0], "git");
+            EXPECT_EQ(call.directory, h.repo.path());
+            EXPECT_EQ(call.environment.at("GIT_TERMINAL_PROMPT"), "0");
+            EXPECT_FALSE(call.environment.count("GIT_ASKPASS"));
+        }
+    }
+}
+
+TEST(GitService, TokenTravelsOnlyInTheEnvironmentOfOneAuthenticatedRun) {
+    Harness h(remote("https://github.com/o/r.git"));
+    h.auth->token = GitAuthToken{kToken, "octo", std::nullopt};
+    h.service->push(h.projectId);
+    h.settle();
+    EXPECT_EQ(h.results(), std::vector<std::string>{"ok: Push が完了しました"});
+    bool sawPush = false;
+    for (const auto& call : h.runner->calls()) {
+        for (const auto& arg : call.arguments) EXPECT_EQ(arg.find(kToken), std::string::npos) << arg;
+        if (call.joined() != "push") {
+            EXPECT_FALSE(call.environment.count("VELKO_GITHUB_TOKEN")) << call.joined();
+            continue;
+        }
+        sawPush = true;
+        const auto& env = call.environment;
+        EXPECT_EQ(env.at("GIT_ASKPASS"), "/fake/askpass");
+        EXPECT_EQ(env.at("VELKO_GITHUB_TOKEN"), kToken);
+        EXPECT_EQ(env.at("GITHUB_TOKEN"), kToken);
+        EXPECT_EQ(env.at("GH_TOKEN"), kToken);
+        EXPECT_EQ(env.at("GIT_CONFIG_COUNT"), "1");
+        EXPECT_EQ(env.at("GIT_CONFIG_KEY_0"), "credential.helper");
+        EXPECT_EQ(env.at("GIT_CONFIG_VALUE_0"), "");
+    }
+    EXPECT_TRUE(sawPush);
+    EXPECT_EQ(h.broker->prepared, 1);
+    EXPECT_FALSE(h.broker->live);
+    for (const auto& e : h.events->events()) EXPECT_EQ(dumpJson(e.payload).find(kToken), std::string::npos);
+}
+
+TEST(GitService, CredentialHelperResetKeepsTheUsersOwnConfigEntries) {
+    Harness h(remote("https://github.com/o/r.git"));
+    h.auth->token = GitAuthToken{kToken, std::nullopt, std::nullopt};
+    // The user's own GIT_CONFIG_* entries stay; ours is appended behind them.
+    GitService::Dependencies deps;
+    deps.configProvider = h.projects;
+    deps.authProvider = h.auth;
+    deps.credentialBroker = h.broker;
+    deps.processRunner = h.runner;
+    deps.environment = GitEnvironment{{"GIT_CONFIG_COUNT", "2"}, {"GIT_CONFIG_KEY_0", "a.b"},
+                                      {"GIT_CONFIG_VALUE_0", "1"}, {"GIT_CONFIG_KEY_1", "c.d"},
+                                      {"GIT_CONFIG_VALUE_1", "2"}};
+    auto service = std::make_shared<GitService>(std::move(deps));
+    service->setEventSink(h.events);
+    service->push(h.projectId);
+    ASSERT_TRUE(drain(*service, h.main.queue()));
+    auto calls = h.runner->calls();
+    auto push = std::find_if(calls.begin(), calls.end(), [](const RunCall& c) { return c.joined() == "push"; });
+    ASSERT_NE(push, calls.end());
+    EXPECT_EQ(push->environment.at("GIT_CONFIG_COUNT"), "3");
+    EXPECT_EQ(push->environment.at("GIT_CONFIG_KEY_0"), "a.b");
+    EXPECT_EQ(push->environment.at("GIT_CONFIG_KEY_2"), "credential.helper");
+}
+
+TEST(GitService, RefusedTokenIsDeletedAndTheAccountShownDisconnected) {
+    struct Case {
+        const char* name;
+        std::string stderrText;
+        std::optional<std::string> login;
+        std::string message;
+    };
+    const std::string base = "Git 認証に失敗しました。再度 GitHub にサインインしてください。";
+    const Case cases[] = {
+        {"with login", "fatal: Authentication failed for 'https://github.com/o/r.git/'\n", "octo",
+         base + "\nfatal: Authentication failed for 'https://github.com/o/r.git/'\n"},
+        {"http 401 without login", "error: HTTP 401", std::nullopt, base + "\nerror: HTTP 401"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Harness h(remote("https://github.com/o/r.git"));
+        h.auth->token = GitAuthToken{kToken, c.login, std::string("https://avatars/x")};
+        h.runner->on("push", {128, "", c.stderrText});
+        h.service->push(h.projectId);
+        h.settle();
+        EXPECT_EQ(h.auth->deletions, 1);
+        EXPECT_FALSE(h.auth->token);
+        EXPECT_FALSE(h.broker->live);
+        EXPECT_EQ(h.results(), std::vector<std::string>{"fail: " + c.message});
+        auto status = h.events->eventsOfType("github/oauth/status");
+        ASSERT_EQ(status.size(), 1u);
+        Json expected = {{"status", "disconnected"}, {"reason", "tokenInvalid"}};
+        if (c.login) expected["account"] = {{"login", *c.login}, {"avatarUrl", "https://avatars/x"}};
+        EXPECT_EQ(status[0].payload, expected);
+        // A failed push refreshes nothing.
+        EXPECT_TRUE(h.events->eventsOfType("git/status").empty());
+    }
+}
+
+TEST(GitService, BrokerFailureIsALaunchFailure) {
+    Harness h(remote("https://github.com/o/r.git"));
+    h.auth->token = GitAuthToken{kToken, std::nullopt, std::nullopt};
+    h.broker->failure = "No space left on device";
+    h.service->push(h.projectId);
+    h.settle();
+    EXPECT_EQ(h.results(), std::vector<std::string>{"fail: git push の起動に失敗: No space left on device"});
+    EXPECT_FALSE(contains(h.runner->commands(), "push"));
+}
+
+TEST(GitService, StatusAlwaysAnswersAndWarnsOnceAboutAMissingRepository) {
+    Harness h;
+    h.runner->on("status --porcelain --branch --untracked-files=all",
+                 {128, "", "fatal: not a git repository (or any of the parent directories): .git"});
+    h.service->refreshStatus(h.projectId);
+    h.service->refreshStatus(std::nullopt);  // the active project
+    h.settle();
+    EXPECT_EQ(h.results(), std::vector<std::string>{"fail: リモートリポジトリがないプロジェクトです"});
+    auto statuses = h.events->eventsOfType("git/status");
+    ASSERT_EQ(statuses.size(), 2u);
+    for (const auto& s : statuses) {
+        EXPECT_EQ(s.payload["projectId"], h.projectId.toString());
+        EXPECT_EQ(s.payload["branch"], "--");
+        EXPECT_EQ(s.payload["pending"], 0);
+    }
+
+    h.events->clear();
+    h.runner->on("status --porcelain --branch --untracked-files=all", {-1, "", "No such file or directory"});
+    h.service->refreshStatus(h.projectId);
+    h.settle();
+    EXPECT_EQ(h.results(), std::vector<std::string>{"fail: No such file or directory"});
+    EXPECT_EQ(h.events->eventsOfType("git/status").size(), 1u);
+}
+
+TEST(GitService, StatusPayloadCarriesListsAndPendingCount) {
+    Harness h;
+    h.runner->on("status --porcelain --branch --untracked-files=all",
+                 {0, "## main...origin/main [ahead 1]\nMM a.txt\n?? b.txt\n", ""});
+    h.service->refreshStatus(h.projectId);
+    h.settle();
+    auto statuses = h.events->eventsOfType("git/status");
+    ASSERT_EQ(statuses.size(), 1u);
+    Json expected = {{"projectId", h.projectId.toString()},
+                     {"branch", "main"},
+                     {"ahead", 1},
+                     {"behind", 0},
+                     {"staged", {{{"path", "a.txt"}, {"status", "MM"}}}},
+                     {"unstaged", {{{"path", "a.txt"}, {"status", "MM"}}}},
+                     {"untracked", {{{"path", "b.txt"}, {"status", "?"}}}},
+                     {"pending", 3}};
+    EXPECT_EQ(statuses[0].payload, expected);
+}
+
+TEST(GitService, UnknownProjectsGetNoAnswer) {
+    Harness h;
+    Uuid stranger = Uuid::random();
+    h.service->refreshStatus(stranger);
+    h.service->push(stranger);
+    h.service->fetchDiff(stranger, {});
+    h.service->fetchWorkingTree(stranger);
+    h.settle();
+    EXPECT_TRUE(h.events->events().empty());
+    EXPECT_TRUE(h.runner->calls().empty());
+}
+
+TEST(GitService, BarrierArrivesBehindEarlierRefreshes) {
+    Harness h;
+    for (int i = 0; i < 3; ++i) h.service->refreshStatus(h.projectId);
+    h.service->reachRefreshBarrier(h.projectId, "req-1");
+    h.settle();
+    std::vector<std::string> types;
+    for (const auto& e : h.events->events()) types.push_back(e.type);
+    EXPECT_EQ(types, (std::vector<std::string>{"git/status", "git/status", "git/status", "git/refresh/barrier"}));
+    EXPECT_EQ(h.events->events().back().payload,
+              (Json{{"projectId", h.projectId.toString()}, {"requestId", "req-1"}}));
+}
+
+TEST(GitService, DiffsTakeTheRouteOfEachTarget) {
+    using V = std::vector<std::string>;
+    struct Case {
+        const char* name;
+        std::vector<GitDiffTarget> targets;
+        std::map<std::string, GitProcessExecutionResult> answers;
+        V files;  // path|stage|additions|deletions|binary
+        V results;
+    };
+    const GitProcessExecutionResult untracked{1, "", "error: pathspec 'n.txt' did not match"};
+    const Case cases[] = {
+        {"untracked file compared with the null device", {{"n.txt", GitDiffStage::Unstaged}},
+         {{"ls-files --error-unmatch -- n.txt", untracked},
+          {"diff --no-index --numstat /dev/null -- n.txt", {1, "2\t0\tn.txt\n", ""}},
+          {"diff --no-index --patch --text /dev/null -- n.txt", {1, "+a\n+b\n", ""}}},
+         V{"n.txt|unstaged|2|0|0"}, V{}},
+        {"no-index status 128 is a failure", {{"n.txt", GitDiffStage::Unstaged}},
+         {{"ls-files --error-unmatch -- n.txt", untracked},
+          {"diff --no-index --numstat /dev/null -- n.txt", {128, "", "fatal: bad"}}},
+         V{}, V{"fail: fatal: bad"}},
+        {"binary file survives its empty patch", {{"b.dat", GitDiffStage::Staged}},
+         {{"diff --cached --numstat -- b.dat", {0, "-\t-\tb.dat\n", ""}}}, V{"b.dat|staged|0|0|1"}, V{}},
+        {"no differences give no file", {{"a.txt", GitDiffStage::Unstaged}}, {}, V{}, V{}},
+        {"empty list means staged and unstaged of everything", {},
+         {{"diff --cached --numstat", {0, "1\t0\ta\n", ""}},
+          {"diff --cached --patch --text", {0, "+x\n", ""}},
+          {"diff --numstat", {0, "0\t3\tb\n", ""}},
+          {"diff --patch --text", {0, "-y\n", ""}}},
+         V{".|staged|1|0|0", ".|unstaged|0|3|0"}, V{}},
+        {"head stage", {{"", GitDiffStage::Head}},
+         {{"diff HEAD --numstat", {0, "4\t4\tz\n", ""}}, {"diff HEAD --patch --text", {0, "p", ""}}},
+         V{".|head|4|4|0"}, V{}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Harness h;
+        for (const auto& [command, answer] : c.answers) h.runner->on(command, answer);
+        h.service->fetchDiff(h.projectId, c.targets);
+        h.settle();
+        auto diffs = h.events->eventsOfType("git/diff");
+        ASSERT_EQ(diffs.size(), 1u);
+        V files;
+        for (const auto& f : diffs[0].payload["files"]) {
+            files.push_back(f["path"].get<std::string>() + "|" + f["stage"].get<std::string>() + "|" +
+                            std::to_string(f["additions"].get<int>()) + "|" +
+                            std::to_string(f["deletions"].get<int>()) + "|" +
+                            (f["isBinary"].get<bool>() ? "1" : "0"));
+        }
+        EXPECT_EQ(files, c.files);
+        EXPECT_EQ(h.results(), c.results);
+    }
+}
+
+TEST(GitService, CommitDiffsHandleRootMergeAndMissingFiles) {
+    using V = std::vector<std::string>;
+    struct Case {
+        const char* name;
+        std::string commit;
+        std::optional<std::string> path;
+        std::map<std::string, GitProcessExecutionResult> answers;
+        V files;  // commit|path|additions|deletions|resolved|patch
+        V mustRun;
+    };
+    const Case cases[] = {
+        {"root commit", "r00t", std::string("a.txt"),
+         {{"rev-list --parents -n 1 r00t", {0, "r00t\n", ""}},
+          {"diff-tree --no-commit-id --root --numstat -r -M r00t -- a.txt", {0, "3\t0\ta.txt\n", ""}},
+          {"show r00t --pretty=format: --patch --text --find-renames -- a.txt", {0, "+1\n", ""}}},
+         V{"r00t|a.txt|3|0|1|+1\n"}, V{}},
+        {"clean merge patch from show -m", "m", std::string("f"),
+         {{"rev-list --parents -n 1 m", {0, "m p1 p2\n", ""}},
+          {"diff m^! --numstat --find-renames -- f", {0, "1\t1\tf\n", ""}},
+          {"show -m m --pretty=format: --patch --text --find-renames -- f", {0, "-a\n+b\n", ""}}},
+         V{"m|f|1|1|1|-a\n+b\n"}, V{"show -m m --pretty=format: --patch --text --find-renames -- f"}},
+        {"nothing to show still answers for the file", "c1", std::string("src/{a => b}/f"),
+         {{"rev-list --parents -n 1 c1", {0, "c1 p\n", ""}}}, V{"c1|src/b/f|0|0|1|"}, V{}},
+        {"summary lists files unresolved", " c2 \n", std::nullopt,
+         {{"show c2 --numstat --format= --find-renames",
+           {0, "0\t0\told.txt => new.txt\n-\t-\tbin\n\n5\t2\tsrc/{a => b}/f.txt\n", ""}}},
+         V{"c2|new.txt|0|0|0|", "c2|bin|0|0|0|", "c2|src/b/f.txt|5|2|0|"}, V{}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Harness h;
+        for (const auto& [command, answer] : c.answers) h.runner->on(command, answer);
+        h.service->fetchCommitDiff(h.projectId, c.commit, c.path);
+        h.settle();
+        auto diffs = h.events->eventsOfType("git/commit/diff");
+        ASSERT_EQ(diffs.size(), 1u);
+        V files;
+        for (const auto& f : diffs[0].payload["files"]) {
+            files.push_back(f["commit"].get<std::string>() + "|" + f["path"].get<std::string>() + "|" +
+                            std::to_string(f["additions"].get<int>()) + "|" +
+                            std::to_string(f["deletions"].get<int>()) + "|" + (f["resolved"].get<bool>() ? "1" : "0") +
+                            "|" + f["patch"].get<std::string>());
+        }
+        EXPECT_EQ(files, c.files);
+        for (const auto& command : c.mustRun) EXPECT_TRUE(contains(h.runner->commands(), command)) << command;
+    }
+}
+
+TEST(GitService, CommitTextsThatAreNoCommitRunNothing) {
+    for (const char* commit : {"", "  \n", "--output=/tmp/x", "-p"}) {
+        SCOPED_TRACE(commit);
+        Harness h;
+        h.service->fetchCommitDiff(h.projectId, commit, std::nullopt);
+        h.settle();
+        EXPECT_TRUE(h.events->events().empty());
+        EXPECT_TRUE(h.runner->calls().empty());
+    }
+}
+
+TEST(GitService, RemoteTrackingCountsAndMissingUpstream) {
+    struct Case {
+        const char* name;
+        std::map<std::string, GitProcessExecutionResult> answers;
+        Json expected;  // without projectId; null: no event
+        std::vector<std::string> results;
+    };
+    const std::string upstream = "rev-parse --abbrev-ref --symbolic-full-name @{u}";
+    const std::string counts = "rev-list --left-right --count @{u}...HEAD";
+    const Case cases[] = {
+        {"tab separated", {{"rev-parse --abbrev-ref HEAD", {0, "main\n", ""}}, {upstream, {0, "origin/main\n", ""}},
+                           {counts, {0, "3\t5\n", ""}}},
+         {{"branch", "main"}, {"remote", "origin/main"}, {"ahead", 5}, {"behind", 3}}, {}},
+        {"no upstream", {{"rev-parse --abbrev-ref HEAD", {0, "dev\n", ""}},
+                         {upstream, {128, "", "fatal: no upstream configured for branch 'dev'"}}},
+         {{"branch", "dev"}, {"ahead", 0}, {"behind", 0}}, {}},
+        {"count failure gives zeros", {{"rev-parse --abbrev-ref HEAD", {0, "main", ""}},
+                                       {upstream, {0, "origin/main", ""}}, {counts, {128, "", "x"}}},
+         {{"branch", "main"}, {"remote", "origin/main"}, {"ahead", 0}, {"behind", 0}}, {}},
+        {"garbled counts give zeros", {{"rev-parse --abbrev-ref HEAD", {0, "main", ""}},
+                                       {upstream, {0, "origin/main", ""}}, {counts, {0, "1 2 3", ""}}},
+         {{"branch", "main"}, {"remote", "origin/main"}, {"ahead", 0}, {"behind", 0}}, {}},
+        {"other upstream failure", {{"rev-parse --abbrev-ref HEAD", {0, "main", ""}}, {upstream, {128, "", "boom"}}},
+         nullptr, {"fail: boom"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Harness h(remote("../o.git"));
+        for (const auto& [command, answer] : c.answers) h.runner->on(command, answer);
+        h.service->fetchRemoteTracking(h.projectId);
+        h.settle();
+        auto events = h.events->eventsOfType("git/remote/tracking");
+        if (c.expected.is_null()) {
+            EXPECT_TRUE(events.empty());
+        } else {
+            ASSERT_EQ(events.size(), 1u);
+            Json expected = c.expected;
+            expected["projectId"] = h.projectId.toString();
+            EXPECT_EQ(events[0].payload, expected);
+        }
+        EXPECT_EQ(h.results(), c.results);
+    }
+}

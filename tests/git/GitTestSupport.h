@@ -1,0 +1,148 @@
+#pragma once
+// Helpers for tests of GitService: a fake runner that answers from a script,
+// fake account and project providers, and a pump that drives the manual main
+// queue while the git queue works (its metadata hops wait for main).
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include "core/MainQueue.h"
+#include "git/GitService.h"
+#include "workspace/ConfigStore.h"
+
+namespace velko::test {
+
+struct RunCall {
+    std::vector<std::string> arguments;
+    std::string directory;
+    GitEnvironment environment;
+    std::string joined() const {
+        std::string out;
+        for (size_t i = 1; i < arguments.size(); ++i) out += (i > 1 ? " " : "") + arguments[i];
+        return out;
+    }
+};
+
+class FakeGitRunner final : public GitProcessRunning {
+public:
+    using Answer = std::function<GitProcessExecutionResult(const RunCall&)>;
+    // Answers by the joined arguments behind "git"; unknown commands succeed empty.
+    void on(const std::string& command, GitProcessExecutionResult result) {
+        std::lock_guard lock(m_mutex);
+        m_answers[command] = std::move(result);
+    }
+    GitProcessExecutionResult run(const std::vector<std::string>& arguments, const std::string& directory,
+                                  const GitEnvironment& environment) override {
+        RunCall call{arguments, directory, environment};
+        std::lock_guard lock(m_mutex);
+        m_calls.push_back(call);
+        auto it = m_answers.find(call.joined());
+        if (it != m_answers.end()) return it->second;
+        return {0, "", ""};
+    }
+    std::vector<RunCall> calls() const {
+        std::lock_guard lock(m_mutex);
+        return m_calls;
+    }
+    std::vector<std::string> commands() const {
+        std::vector<std::string> out;
+        for (const auto& c : calls()) out.push_back(c.joined());
+        return out;
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::map<std::string, GitProcessExecutionResult> m_answers;
+    std::vector<RunCall> m_calls;
+};
+
+class FakeAuth final : public GitAuthProviding {
+public:
+    std::optional<GitAuthToken> loadToken() override {
+        std::lock_guard lock(m_mutex);
+        return token;
+    }
+    void deleteToken() override {
+        std::lock_guard lock(m_mutex);
+        token.reset();
+        ++deletions;
+    }
+    std::optional<GitAuthToken> token;
+    int deletions = 0;
+
+private:
+    std::mutex m_mutex;
+};
+
+class FakeBroker final : public GitCredentialBroking {
+public:
+    Result<GitEnvironment, std::string> prepareEnvironment(const std::string& token) override {
+        ++prepared;
+        if (failure) return fail(*failure);
+        live = true;
+        return GitEnvironment{{"GIT_ASKPASS", "/fake/askpass"}, {"GIT_ASKPASS_REQUIRE", "force"},
+                              {"VELKO_GITHUB_TOKEN", token}};
+    }
+    void cleanup() override {
+        ++cleanups;
+        live = false;
+    }
+    std::optional<std::string> failure;
+    int prepared = 0, cleanups = 0;
+    bool live = false;
+};
+
+class FakeProjects final : public ProjectProviding {
+public:
+    const AppConfig& config() const override { return m_config; }
+    std::optional<ProjectMetadata> project(const Uuid& id) const override {
+        for (const auto& p : m_config.projects)
+            if (p.id == id) return p;
+        return std::nullopt;
+    }
+    Uuid add(const std::string& rootPath, bool active = true) {
+        ProjectMetadata p;
+        p.id = Uuid::random();
+        p.name = "p";
+        p.rootPath = rootPath;
+        m_config.projects.push_back(p);
+        if (active) m_config.activeProjectID = p.id;
+        return p.id;
+    }
+
+private:
+    AppConfig m_config;
+};
+
+// Installs a manual main queue for the test's lifetime.
+class ManualMain {
+public:
+    ManualMain() : m_queue(std::make_shared<ManualQueue>()) { setMainQueue(m_queue); }
+    ManualQueue& queue() { return *m_queue; }
+
+private:
+    std::shared_ptr<ManualQueue> m_queue;
+};
+
+// Runs the main queue until every block posted to `service` so far has run.
+// Polls with a deadline: the git queue may be running real processes.
+inline bool drain(GitService& service, ManualQueue& main,
+                  std::chrono::seconds limit = std::chrono::seconds(60)) {
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    service.whenIdle([done] { *done = true; });
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!*done) {
+        main.runUntilIdle();
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::yield();
+    }
+    main.runUntilIdle();
+    return true;
+}
+
+}  // namespace velko::test

@@ -1,0 +1,241 @@
+// Authenticated git over HTTP end to end: real git, a loopback server that
+// speaks git's smart HTTP through `git http-backend` and wants Basic auth with
+// the token, and a sweep for the token afterwards.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "git/GitTestSupport.h"
+#include "integration/GitTestRepos.h"
+
+extern char** environ;
+
+using namespace velko;
+using namespace velko::test;
+
+namespace {
+
+const char* const kServer = R"PY(
+import base64, http.server, os, subprocess, sys
+root, token = sys.argv[1], os.environ.pop("VELKO_TEST_SERVER_TOKEN")
+expected = "Basic " + base64.b64encode(("x-access-token:" + token).encode()).decode()
+log = open(sys.argv[2], "a")
+
+class Handler(http.server.BaseHTTPRequestHandler):
+    def log_message(self, *args):
+        pass
+    def do_GET(self):
+        self.serve()
+    def do_POST(self):
+        self.serve()
+    def serve(self):
+        if self.headers.get("Authorization", "") != expected:
+            log.write("401 " + self.path + "\n"); log.flush()
+            self.send_response(401)
+            self.send_header("WWW-Authenticate", 'Basic realm="velko-test"')
+            self.send_header("Content-Length", "0")
+            self.end_headers()
+            return
+        log.write("200 " + self.path + "\n"); log.flush()
+        path, _, query = self.path.partition("?")
+        length = int(self.headers.get("Content-Length") or 0)
+        body = self.rfile.read(length) if length else b""
+        env = {"PATH": os.environ["PATH"], "GIT_PROJECT_ROOT": root, "GIT_HTTP_EXPORT_ALL": "1",
+               "PATH_INFO": path, "QUERY_STRING": query, "REQUEST_METHOD": self.command,
+               "CONTENT_TYPE": self.headers.get("Content-Type", ""), "CONTENT_LENGTH": str(len(body)),
+               "REMOTE_USER": "x-access-token", "REMOTE_ADDR": "127.0.0.1", "GIT_CONFIG_NOSYSTEM": "1",
+               "HOME": root}
+        if self.headers.get("Content-Encoding"):
+            env["HTTP_CONTENT_ENCODING"] = self.headers["Content-Encoding"]
+        out = subprocess.run(["git", "http-backend"], input=body, env=env, capture_output=True).stdout
+        head, _, payload = out.partition(b"\r\n\r\n")
+        status = 200
+        headers = []
+        for line in head.split(b"\r\n"):
+            name, _, value = line.decode().partition(":")
+            if name.lower() == "status":
+                status = int(value.strip().split()[0])
+            elif name:
+                headers.append((name, value.strip()))
+        self.send_response(status)
+        for name, value in headers:
+            self.send_header(name, value)
+        self.send_header("Content-Length", str(len(payload)))
+        self.end_headers()
+        self.wfile.write(payload)
+
+server = http.server.HTTPServer(("127.0.0.1", 0), Handler)
+print(server.server_address[1], flush=True)
+server.serve_forever()
+)PY";
+
+// The loopback server as a child of the test, ended with it.
+class LoopbackGitServer {
+public:
+    LoopbackGitServer(const std::string& root, const std::string& scriptPath, const std::string& logPath,
+                      const std::string& token) {
+        int fds[2];
+        if (pipe2(fds, O_CLOEXEC) != 0) return;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
+        std::vector<std::string> envStorage;
+        for (char** e = environ; *e; ++e) envStorage.emplace_back(*e);
+        envStorage.push_back("VELKO_TEST_SERVER_TOKEN=" + token);
+        std::vector<char*> envp;
+        for (auto& e : envStorage) envp.push_back(e.data());
+        envp.push_back(nullptr);
+        std::string python = "python3";
+        std::vector<std::string> args{python, scriptPath, root, logPath};
+        std::vector<char*> argv;
+        for (auto& a : args) argv.push_back(a.data());
+        argv.push_back(nullptr);
+        if (posix_spawnp(&m_pid, "python3", &actions, nullptr, argv.data(), envp.data()) != 0) m_pid = -1;
+        posix_spawn_file_actions_destroy(&actions);
+        close(fds[1]);
+        // The port is the first line; poll with a deadline for the interpreter to start.
+        std::string line;
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (m_pid > 0 && line.find('\n') == std::string::npos && std::chrono::steady_clock::now() < deadline) {
+            pollfd p{fds[0], POLLIN, 0};
+            if (poll(&p, 1, 200) <= 0) continue;
+            char buf[64];
+            ssize_t n = read(fds[0], buf, sizeof buf);
+            if (n <= 0) break;
+            line.append(buf, static_cast<size_t>(n));
+        }
+        close(fds[0]);
+        port = std::atoi(line.c_str());
+    }
+    ~LoopbackGitServer() {
+        if (m_pid <= 0) return;
+        kill(m_pid, SIGTERM);
+        int status;
+        waitpid(m_pid, &status, 0);
+    }
+    int port = 0;
+
+private:
+    pid_t m_pid = -1;
+};
+
+bool treeContains(const std::string& root, const std::string& needle) {
+    std::error_code ec;
+    for (auto it = std::filesystem::recursive_directory_iterator(root, ec);
+         it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
+        if (ec) break;
+        if (it->path().filename().string().find(needle) != std::string::npos) return true;
+        if (!it->is_regular_file(ec)) continue;
+        if (readFile(it->path().string()).find(needle) != std::string::npos) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {
+    const std::string token = "gho_velkoLoopbackToken_7f3a9c";
+    IsolatedHome home;
+    ManualMain main;
+    TempDir base;
+    // A user whose git stores every credential it is handed in ~/.git-credentials.
+    writeFileAtomically(home.home() + "/.gitconfig", "[credential]\n\thelper = store\n");
+
+    std::string serverRoot = base.file("srv");
+    std::filesystem::create_directories(serverRoot);
+    git(serverRoot, {"init", "-q", "--bare", "-b", "main", "repo.git"});
+    std::string script = base.write("server.py", kServer);
+    std::string requestLog = base.file("requests.log");
+    LoopbackGitServer server(serverRoot, script, requestLog, token);
+    ASSERT_GT(server.port, 0);
+    const std::string url = "http://127.0.0.1:" + std::to_string(server.port) + "/repo.git";
+
+    std::string dir = initRepo(base, "repo");
+    writeFileAtomically(dir + "/a.txt", "1\n");
+    git(dir, {"add", "a.txt"});
+    git(dir, {"commit", "-q", "-m", "init"});
+    git(dir, {"remote", "add", "origin", url});
+    git(dir, {"config", "branch.main.remote", "origin"});
+    git(dir, {"config", "branch.main.merge", "refs/heads/main"});
+
+    auto projects = std::make_shared<FakeProjects>();
+    Uuid id = projects->add(dir);
+    auto auth = std::make_shared<FakeAuth>();
+    auto broker = std::make_shared<GitCredentialBroker>();
+    auto events = std::make_shared<EventRecorder>();
+    GitService::Dependencies deps;
+    deps.configProvider = projects;
+    deps.authProvider = auth;
+    deps.credentialBroker = broker;
+    deps.processRunner = std::make_shared<ProcessGitProcessRunner>();
+    deps.environment = testGitEnvironment();
+    deps.gitHubWebHost = "127.0.0.1";  // the loopback server stands in for GitHub
+    auto service = std::make_shared<GitService>(std::move(deps));
+    service->setEventSink(events);
+
+    auto lastResult = [&] {
+        auto results = events->eventsOfType("git/result");
+        return results.empty() ? std::string() : results.back().payload["message"].get<std::string>();
+    };
+    auto askpassDirectoryIsEmpty = [&] {
+        std::error_code ec;
+        return !std::filesystem::exists(broker->tempDirectory()) || std::filesystem::is_empty(broker->tempDirectory(), ec);
+    };
+
+    struct Case {
+        const char* name;
+        std::optional<std::string> storedToken;
+        std::string messagePrefix;
+        bool pushed;
+        bool tokenKept;
+        bool serverAsked;
+    };
+    const Case cases[] = {
+        {"no token: sign-in message and no git", std::nullopt, "Push を実行するには GitHub にサインインしてください",
+         false, false, false},
+        {"wrong token: authentication failed and the token forgotten", std::string("gho_wrong"),
+         "Git 認証に失敗しました。再度 GitHub にサインインしてください。\n", false, false, true},
+        {"right token: pushed", token, "Push が完了しました", true, true, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        events->clear();
+        size_t requestsBefore = readFile(requestLog).size();
+        auth->token = c.storedToken ? std::optional<GitAuthToken>(GitAuthToken{*c.storedToken, "octo", std::nullopt})
+                                    : std::nullopt;
+        service->push(id);
+        ASSERT_TRUE(drain(*service, main.queue()));
+        EXPECT_EQ(lastResult().rfind(c.messagePrefix, 0), 0u) << lastResult();
+        EXPECT_EQ(auth->token.has_value(), c.tokenKept);
+        EXPECT_EQ(readFile(requestLog).size() > requestsBefore, c.serverAsked);
+        EXPECT_EQ(git(serverRoot + "/repo.git", {"rev-parse", "--verify", "-q", "main"}, c.pushed ? 0 : 1).empty(),
+                  !c.pushed);
+        EXPECT_TRUE(askpassDirectoryIsEmpty());
+        if (c.storedToken && !c.tokenKept) {
+            auto status = events->eventsOfType("github/oauth/status");
+            ASSERT_EQ(status.size(), 1u);
+            EXPECT_EQ(status[0].payload["status"], "disconnected");
+            EXPECT_EQ(status[0].payload["reason"], "tokenInvalid");
+            EXPECT_EQ(status[0].payload["account"]["login"], "octo");
+        }
+        for (const auto& e : events->events()) {
+            EXPECT_EQ(dumpJson(e.payload).find(token), std::string::npos) << e.type;
+            EXPECT_EQ(dumpJson(e.payload).find("gho_wrong"), std::string::npos) << e.type;
+        }
+    }
+
+    // Nothing on disk holds the token: not the user's credential store, not the
+    // askpass folder, not the repositories, caches or data of this HOME.
+    EXPECT_FALSE(treeContains(home.home(), token));
+    EXPECT_FALSE(treeContains(home.home(), "gho_wrong"));
+    EXPECT_FALSE(treeContains(base.path(), token));
+    std::string stored = readFile(home.home() + "/.git-credentials");
+    EXPECT_EQ(stored.find(token), std::string::npos);
+}

@@ -1,0 +1,140 @@
+// The git runner and the credential broker with real processes and files.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "core/Paths.h"
+#include "git/GitCredentialBroker.h"
+#include "git/GitProcessRunner.h"
+#include "support/TestSupport.h"
+
+using namespace velko;
+using namespace velko::test;
+
+namespace {
+
+GitEnvironment plainEnvironment() { return {{"PATH", "/usr/bin:/bin"}, {"LC_ALL", "C"}}; }
+
+}  // namespace
+
+TEST(GitProcessRunner, DrainsBothPipesAndReportsHowTheChildEnded) {
+    TempDir dir;
+    struct Case {
+        const char* name;
+        std::vector<std::string> arguments;
+        std::string directory;
+        int status;
+        size_t stdoutSize;
+        std::string stdoutText;  // checked when stdoutSize is 0
+        std::string stderrText;
+    };
+    const std::string both =
+        // 2 MiB on each pipe, interleaved: a runner that reads one pipe to its end
+        // first deadlocks here once the other pipe's buffer is full.
+        "i=0; while [ $i -lt 32 ]; do head -c 65536 /dev/zero | tr '\\0' a; head -c 65536 /dev/zero | tr '\\0' b >&2; "
+        "i=$((i+1)); done";
+    const Case cases[] = {
+        {"both pipes full", {"sh", "-c", both + " 2>/dev/null; " + both + " >/dev/null; " + both}, dir.path(), 0,
+         4u << 20, "", ""},
+        {"exit status", {"sh", "-c", "echo out; echo err >&2; exit 3"}, dir.path(), 3, 0, "out\n", "err\n"},
+        {"invalid UTF-8 gives empty text", {"sh", "-c", "printf 'a\\377b'; printf 'caf\\303\\251' >&2"}, dir.path(),
+         0, 0, "", "caf\xc3\xa9"},
+        {"standard input is the null device", {"sh", "-c", "cat; readlink /proc/self/fd/0"}, dir.path(), 0, 0,
+         "/dev/null\n", ""},
+        {"no controlling terminal", {"sh", "-c", "(exec 3</dev/tty) 2>/dev/null && echo tty || echo none"},
+         dir.path(), 0, 0, "none\n", ""},
+        {"no inherited descriptors", {"sh", "-c", "ls /proc/$$/fd | tr '\\n' ' '"}, dir.path(), 0, 0, "0 1 2 ", ""},
+        {"broken pipes end the writer quietly", {"sh", "-c", "yes | head -n 1"}, dir.path(), 0, 0, "y\n", ""},
+        {"working directory", {"pwd"}, dir.path(), 0, 0, std::filesystem::canonical(dir.path()).string() + "\n", ""},
+        {"environment is exactly the given one", {"env"}, dir.path(), 0, 0, "LC_ALL=C\nPATH=/usr/bin:/bin\n", ""},
+        {"missing program", {"velko-no-such-program"}, dir.path(), 127, 0, "", ""},
+    };
+    ProcessGitProcessRunner runner;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto result = runner.run(c.arguments, c.directory, plainEnvironment());
+        EXPECT_EQ(result.status, c.status) << result.stderr;
+        if (c.stdoutSize) {
+            EXPECT_EQ(result.stdout.size(), c.stdoutSize);
+            continue;
+        }
+        EXPECT_EQ(result.stdout, c.stdoutText);
+        if (c.status != 127) {
+            EXPECT_EQ(result.stderr, c.stderrText);
+        }
+    }
+}
+
+TEST(GitProcessRunner, MissingDirectoryIsALaunchFailure) {
+    ProcessGitProcessRunner runner;
+    auto result = runner.run({"git", "status"}, "/nonexistent/velko-test", plainEnvironment());
+    EXPECT_EQ(result.status, -1);
+    EXPECT_EQ(result.stdout, "");
+    EXPECT_EQ(result.stderr, "No such file or directory");
+}
+
+TEST(GitEnvironment, PromptsOffAndUserChoicesKept) {
+    auto env = gitEnvironment({{"PATH", "/bin"}, {"GIT_TERMINAL_PROMPT", "1"}});
+    EXPECT_EQ(env.at("GIT_TERMINAL_PROMPT"), "0");
+    EXPECT_EQ(env.at("SSH_ASKPASS_REQUIRE"), "never");
+    EXPECT_EQ(env.at("PATH"), "/bin");
+    EXPECT_EQ(gitEnvironment({{"SSH_ASKPASS_REQUIRE", "force"}}).at("SSH_ASKPASS_REQUIRE"), "force");
+}
+
+TEST(GitCredentialBroker, WritesOneScriptThatAnswersFromTheEnvironment) {
+    IsolatedHome home;
+    GitCredentialBroker broker;
+    const std::string dir = home.home() + "/tmp/velko-git-credentials";
+    EXPECT_EQ(broker.tempDirectory(), dir);
+    // Something in the way of the directory is replaced.
+    std::filesystem::create_directories(home.home() + "/tmp");
+    writeFileAtomically(dir, "not a directory");
+
+    auto first = broker.prepareEnvironment("tok-1");
+    ASSERT_TRUE(first.ok()) << first.error();
+    auto second = broker.prepareEnvironment("tok-2");
+    ASSERT_TRUE(second.ok());
+    EXPECT_FALSE(std::filesystem::exists(first->at("GIT_ASKPASS")));
+    const std::string script = second->at("GIT_ASKPASS");
+    EXPECT_EQ(std::filesystem::path(script).parent_path(), dir);
+    EXPECT_EQ(std::filesystem::path(script).filename().string().rfind("velko-askpass-", 0), 0u);
+    EXPECT_EQ(second->size(), 3u);
+    EXPECT_EQ(second->at("GIT_ASKPASS_REQUIRE"), "force");
+    EXPECT_EQ(second->at("VELKO_GITHUB_TOKEN"), "tok-2");
+
+    struct stat info;
+    ASSERT_EQ(stat(script.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0700u);
+    EXPECT_EQ(readFile(script), kAskpassScript);
+    EXPECT_EQ(readFile(script).find("tok-2"), std::string::npos);
+    const std::string text = kAskpassScript;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 13);  // fourteen lines, none after the last
+    EXPECT_NE(text.back(), '\n');
+
+    struct Case {
+        const char* prompt;
+        std::optional<std::string> token;
+        std::string answer;
+    };
+    const Case cases[] = {
+        {"Username for 'https://github.com': ", "secret", "x-access-token\n"},
+        {"Password for 'https://x-access-token@github.com': ", "secret", "secret\n"},
+        {"anything else", "secret", "secret\n"},
+        {"Password for 'https://github.com': ", std::nullopt, "\n"},
+    };
+    ProcessGitProcessRunner runner;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.prompt);
+        GitEnvironment env = plainEnvironment();
+        if (c.token) env["VELKO_GITHUB_TOKEN"] = *c.token;
+        auto result = runner.run({script, c.prompt}, home.home(), env);
+        EXPECT_EQ(result.status, 0);
+        EXPECT_EQ(result.stdout, c.answer);
+    }
+
+    broker.cleanup();
+    EXPECT_FALSE(std::filesystem::exists(script));
+    EXPECT_TRUE(std::filesystem::is_empty(dir));
+    broker.cleanup();  // nothing left: still fine
+}

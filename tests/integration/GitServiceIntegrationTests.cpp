@@ -1,0 +1,320 @@
+// GitService against real git on real temporary repositories.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "git/GitTestSupport.h"
+#include "integration/GitTestRepos.h"
+
+using namespace velko;
+using namespace velko::test;
+
+namespace {
+
+struct RealHarness {
+    IsolatedHome home;
+    ManualMain main;
+    TempDir base;
+    std::shared_ptr<FakeProjects> projects = std::make_shared<FakeProjects>();
+    std::shared_ptr<FakeAuth> auth = std::make_shared<FakeAuth>();
+    std::shared_ptr<EventRecorder> events = std::make_shared<EventRecorder>();
+    std::shared_ptr<GitService> service;
+
+    RealHarness() {
+        GitService::Dependencies deps;
+        deps.configProvider = projects;
+        deps.authProvider = auth;
+        deps.credentialBroker = std::make_shared<GitCredentialBroker>();
+        deps.processRunner = std::make_shared<ProcessGitProcessRunner>();
+        deps.environment = testGitEnvironment();
+        service = std::make_shared<GitService>(std::move(deps));
+        service->setEventSink(events);
+    }
+    void settle() { ASSERT_TRUE(drain(*service, main.queue())); }
+    Json only(const std::string& type) {
+        auto list = events->eventsOfType(type);
+        EXPECT_EQ(list.size(), 1u) << type;
+        return list.empty() ? Json() : list.back().payload;
+    }
+    std::vector<std::string> results() const {
+        std::vector<std::string> out;
+        for (const auto& e : events->eventsOfType("git/result"))
+            out.push_back(std::string(e.payload["success"].get<bool>() ? "ok: " : "fail: ") +
+                          e.payload["message"].get<std::string>());
+        return out;
+    }
+};
+
+void commitFile(const std::string& dir, const std::string& name, const std::string& text, const std::string& msg) {
+    std::filesystem::create_directories(std::filesystem::path(dir + "/" + name).parent_path());
+    writeFileAtomically(dir + "/" + name, text);
+    git(dir, {"add", "--", name});
+    git(dir, {"commit", "-q", "-m", msg});
+}
+
+void write(const std::string& dir, const std::string& name, const std::string& text) {
+    std::filesystem::create_directories(std::filesystem::path(dir + "/" + name).parent_path());
+    writeFileAtomically(dir + "/" + name, text);
+}
+
+std::vector<std::string> flat(const Json& list) {
+    std::vector<std::string> out;
+    for (const auto& f : list) out.push_back(f["status"].get<std::string>() + " " + f["path"].get<std::string>());
+    return out;
+}
+
+std::vector<std::string> sectionPaths(const Json& payload, size_t index) {
+    std::vector<std::string> out;
+    for (const auto& e : payload["sections"][index]["entries"]) out.push_back(e["path"]);
+    return out;
+}
+
+}  // namespace
+
+TEST(GitServiceIntegration, StatusAndWorkingTreeOfRealRepositories) {
+    using V = std::vector<std::string>;
+    struct Case {
+        const char* name;
+        std::function<void(const std::string&, const TempDir&)> setup;
+        std::string branch;
+        V staged, unstaged, untracked;
+        V wtStaged, wtUnstaged, wtUntracked, wtConflicted;
+    };
+    auto base = [](const std::string& d) { commitFile(d, "a.txt", "one\n", "init"); };
+    const Case cases[] = {
+        {"clean", [&](auto& d, auto&) { base(d); }, "main", {}, {}, {}, {}, {}, {}, {}},
+        {"modified", [&](auto& d, auto&) { base(d); write(d, "a.txt", "two\n"); }, "main", {}, V{" M a.txt"}, {},
+         {}, V{"a.txt"}, {}, {}},
+        {"staged and modified again",
+         [&](auto& d, auto&) { base(d); write(d, "a.txt", "two\n"); git(d, {"add", "a.txt"}); write(d, "a.txt", "3\n"); },
+         "main", V{"MM a.txt"}, V{"MM a.txt"}, {}, V{"a.txt"}, V{"a.txt"}, {}, {}},
+        {"untracked in a folder", [&](auto& d, auto&) { base(d); write(d, "dir/u.txt", "u"); }, "main", {}, {},
+         V{"? dir/u.txt"}, {}, {}, V{"dir/u.txt"}, {}},
+        {"renamed", [&](auto& d, auto&) { base(d); git(d, {"mv", "a.txt", "b.txt"}); }, "main", V{"R  b.txt"}, {}, {},
+         V{"b.txt"}, {}, {}, {}},
+        {"deleted", [&](auto& d, auto&) { base(d); std::filesystem::remove(d + "/a.txt"); }, "main", {},
+         V{" D a.txt"}, {}, {}, V{"a.txt"}, {}, {}},
+        {"conflicted",
+         [&](auto& d, auto&) {
+             base(d);
+             git(d, {"checkout", "-q", "-b", "other"});
+             commitFile(d, "a.txt", "theirs\n", "theirs");
+             git(d, {"checkout", "-q", "main"});
+             commitFile(d, "a.txt", "ours\n", "ours");
+             git(d, {"merge", "-q", "other"}, 1);
+         },
+         "main", V{"UU a.txt"}, V{"UU a.txt"}, {}, {}, {}, {}, V{"a.txt"}},
+        {"detached head", [&](auto& d, auto&) { base(d); git(d, {"checkout", "-q", "--detach"}); },
+         "HEAD (no branch)", {}, {}, {}, {}, {}, {}, {}},
+        {"no commits yet", [&](auto& d, auto&) { write(d, "new.txt", "n"); }, "No commits yet on main", {}, {},
+         V{"? new.txt"}, {}, {}, V{"new.txt"}, {}},
+        {"submodule with new commits inside",
+         [&](auto& d, const TempDir& t) {
+             std::string lib = initRepo(t, "lib");
+             commitFile(lib, "l.txt", "l", "lib");
+             base(d);
+             git(d, {"-c", "protocol.file.allow=always", "submodule", "-q", "add", lib, "sub"});
+             git(d, {"commit", "-q", "-m", "sub"});
+             commitFile(d + "/sub", "l.txt", "changed", "inside");
+         },
+         "main", {}, V{" M sub"}, {}, {}, V{"sub"}, {}, {}},
+        {"names git quotes",
+         [&](auto& d, auto&) {
+             base(d);
+             write(d, "with space.txt", "s");
+             write(d, "quo\"te.txt", "q");
+             write(d, "new\nline.txt", "n");
+             write(d, "raw\xff.txt", "r");
+         },
+         "main", {}, {},
+         // porcelain v1 quotes names with blanks too; v2 does not
+         V{"? \"new\\nline.txt\"", "? \"quo\\\"te.txt\"", "? \"raw\\377.txt\"", "? \"with space.txt\""}, {}, {},
+         V{"new\nline.txt", "quo\"te.txt", "raw377.txt", "with space.txt"}, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        RealHarness h;
+        std::string dir = initRepo(h.base, "repo");
+        c.setup(dir, h.base);
+        Uuid id = h.projects->add(dir);
+        h.service->refreshStatus(id);
+        h.service->fetchWorkingTree(id);
+        h.settle();
+        Json status = h.only("git/status");
+        EXPECT_EQ(status["branch"], c.branch);
+        EXPECT_EQ(flat(status["staged"]), c.staged);
+        EXPECT_EQ(flat(status["unstaged"]), c.unstaged);
+        EXPECT_EQ(flat(status["untracked"]), c.untracked);
+        EXPECT_EQ(status["pending"], c.staged.size() + c.unstaged.size() + c.untracked.size());
+        Json tree = h.only("git/working-tree");
+        EXPECT_EQ(sectionPaths(tree, 0), c.wtStaged);
+        EXPECT_EQ(sectionPaths(tree, 1), c.wtUnstaged);
+        EXPECT_EQ(sectionPaths(tree, 2), c.wtUntracked);
+        EXPECT_EQ(sectionPaths(tree, 3), c.wtConflicted);
+        EXPECT_TRUE(h.results().empty());
+    }
+}
+
+TEST(GitServiceIntegration, StatusDetailBuildsTheChangeTreeWithHead) {
+    RealHarness h;
+    std::string dir = initRepo(h.base, "repo");
+    Uuid id = h.projects->add(dir);
+    write(dir, "src/app/main.cpp", "x");
+    h.service->fetchStatusDetail(id);  // unborn branch: no HEAD yet
+    h.settle();
+    Json unborn = h.only("git/status/detail");
+    EXPECT_EQ(unborn["headSha"], "--");
+    EXPECT_EQ(unborn["untracked"][0]["path"], "src");
+    EXPECT_EQ(unborn["untracked"][0]["status"], "directory");
+    EXPECT_EQ(unborn["untracked"][0]["children"][0]["children"][0]["status"], "untracked");
+
+    git(dir, {"add", "-A"});
+    git(dir, {"commit", "-q", "-m", "init"});
+    h.events->clear();
+    h.service->fetchStatusDetail(id);
+    h.settle();
+    Json detail = h.only("git/status/detail");
+    EXPECT_EQ(detail["branch"], "main");
+    EXPECT_EQ(detail["headSha"], git(dir, {"rev-parse", "HEAD"}).substr(0, 40));
+    EXPECT_FALSE(detail.contains("remote"));
+}
+
+TEST(GitServiceIntegration, DiffsOfModifiedBinaryAndUntrackedFiles) {
+    RealHarness h;
+    std::string dir = initRepo(h.base, "repo");
+    commitFile(dir, "a.txt", "one\ntwo\n", "init");
+    commitFile(dir, "b.bin", std::string("\0\1\2", 3), "bin");
+    write(dir, "a.txt", "one\nTWO\nthree\n");
+    write(dir, "b.bin", std::string("\0\3\4", 3));
+    write(dir, "new file.txt", "fresh\n");
+    Uuid id = h.projects->add(dir);
+    h.service->fetchDiff(id, {{"a.txt", GitDiffStage::Unstaged},
+                              {"b.bin", GitDiffStage::Unstaged},
+                              {"new file.txt", GitDiffStage::Unstaged},
+                              {"a.txt", GitDiffStage::Staged}});
+    h.settle();
+    Json files = h.only("git/diff")["files"];
+    ASSERT_EQ(files.size(), 3u);
+    EXPECT_EQ(files[0]["path"], "a.txt");
+    EXPECT_EQ(files[0]["additions"], 2);
+    EXPECT_EQ(files[0]["deletions"], 1);
+    EXPECT_NE(files[0]["patch"].get<std::string>().find("+TWO"), std::string::npos);
+    EXPECT_EQ(files[1]["isBinary"], true);
+    EXPECT_EQ(files[1]["additions"], 0);
+    EXPECT_EQ(files[2]["path"], "new file.txt");
+    EXPECT_EQ(files[2]["additions"], 1);
+    EXPECT_NE(files[2]["patch"].get<std::string>().find("+fresh"), std::string::npos);
+    EXPECT_TRUE(h.results().empty());
+}
+
+TEST(GitServiceIntegration, CommitDiffsOfRootRenameAndMergeCommits) {
+    RealHarness h;
+    std::string dir = initRepo(h.base, "repo");
+    commitFile(dir, "src/a/f.txt", "f\n", "root");
+    std::string root = git(dir, {"rev-parse", "HEAD"}).substr(0, 40);
+    git(dir, {"mv", "src/a", "src/b"});
+    git(dir, {"commit", "-q", "-m", "move"});
+    std::string move = git(dir, {"rev-parse", "HEAD"}).substr(0, 40);
+    git(dir, {"checkout", "-q", "-b", "side"});
+    commitFile(dir, "side.txt", "s\n", "side");
+    git(dir, {"checkout", "-q", "main"});
+    commitFile(dir, "main.txt", "m\n", "main");
+    git(dir, {"merge", "-q", "--no-edit", "side"});
+    std::string merge = git(dir, {"rev-parse", "HEAD"}).substr(0, 40);
+    Uuid id = h.projects->add(dir);
+
+    h.service->fetchCommitDiff(id, root, std::string("src/a/f.txt"));
+    h.service->fetchCommitDiff(id, move, std::nullopt);
+    h.service->fetchCommitDiff(id, merge, std::string("side.txt"));
+    h.settle();
+    auto diffs = h.events->eventsOfType("git/commit/diff");
+    ASSERT_EQ(diffs.size(), 3u);
+    const Json& rootFile = diffs[0].payload["files"][0];
+    EXPECT_EQ(rootFile["additions"], 1);
+    EXPECT_NE(rootFile["patch"].get<std::string>().find("+f"), std::string::npos);
+    EXPECT_EQ(diffs[1].payload["files"][0]["path"], "src/b/f.txt");
+    EXPECT_EQ(diffs[1].payload["files"][0]["resolved"], false);
+    const Json& mergeFile = diffs[2].payload["files"][0];
+    EXPECT_EQ(mergeFile["path"], "side.txt");
+    EXPECT_NE(mergeFile["patch"].get<std::string>().find("+s"), std::string::npos);
+    EXPECT_TRUE(h.results().empty());
+}
+
+TEST(GitServiceIntegration, CommitPushFetchPullAndTrackingAgainstABareOrigin) {
+    RealHarness h;
+    std::string origin = h.base.file("origin.git");
+    git(h.base.path(), {"init", "-q", "--bare", "-b", "main", origin});
+    std::string dir = initRepo(h.base, "repo");
+    commitFile(dir, "a.txt", "1\n", "init");
+    git(dir, {"remote", "add", "origin", origin});
+    git(dir, {"push", "-q", "-u", "origin", "main"});
+    Uuid id = h.projects->add(dir);
+
+    write(dir, "a.txt", "2\n");
+    h.service->commit(id, "\nsecond\n");
+    h.service->push(id);
+    h.settle();
+    EXPECT_EQ(h.results(), (std::vector<std::string>{"ok: コミットしました", "ok: Push が完了しました"}));
+    EXPECT_EQ(git(dir, {"log", "-1", "--format=%s"}), "second\n");
+    EXPECT_EQ(git(origin, {"rev-parse", "main"}), git(dir, {"rev-parse", "HEAD"}));
+
+    // Someone else pushes; we fetch, see we are behind, commit locally, pull with rebase.
+    std::string other = h.base.file("other");
+    git(h.base.path(), {"clone", "-q", origin, other});
+    commitFile(other, "b.txt", "b\n", "theirs");
+    git(other, {"push", "-q"});
+    h.events->clear();
+    h.service->fetch(id);
+    h.service->fetchRemoteTracking(id);
+    h.settle();
+    EXPECT_EQ(h.results(), std::vector<std::string>{"ok: Fetch が完了しました"});
+    Json tracking = h.only("git/remote/tracking");
+    EXPECT_EQ(tracking["remote"], "origin/main");
+    EXPECT_EQ(tracking["behind"], 1);
+    EXPECT_EQ(tracking["ahead"], 0);
+
+    commitFile(dir, "c.txt", "c\n", "ours");
+    h.events->clear();
+    h.service->pull(id);
+    h.service->fetchRemoteTracking(id);
+    h.settle();
+    EXPECT_EQ(h.results(), std::vector<std::string>{"ok: Pull が完了しました"});
+    tracking = h.only("git/remote/tracking");
+    EXPECT_EQ(tracking["ahead"], 1);
+    EXPECT_EQ(tracking["behind"], 0);
+    EXPECT_EQ(git(dir, {"rev-list", "--count", "HEAD"}), "4\n");  // rebased, no merge commit
+    auto statuses = h.events->eventsOfType("git/status");
+    ASSERT_FALSE(statuses.empty());
+    EXPECT_EQ(statuses.back().payload["ahead"], 1);
+}
+
+TEST(GitServiceIntegration, ProjectWithoutRemoteGetsTheMessageOnce) {
+    RealHarness h;
+    std::string dir = initRepo(h.base, "repo");
+    commitFile(dir, "a.txt", "1\n", "init");
+    Uuid id = h.projects->add(dir);
+    h.service->push(id);
+    h.service->pull(id);
+    h.service->fetchRemoteTracking(id);
+    h.settle();
+    EXPECT_EQ(h.results(), std::vector<std::string>{"fail: リモートリポジトリがないプロジェクトです"});
+    Json tracking = h.only("git/remote/tracking");
+    EXPECT_EQ(tracking["branch"], "main");
+    EXPECT_FALSE(tracking.contains("remote"));
+    EXPECT_EQ(tracking["ahead"], 0);
+}
+
+TEST(GitServiceIntegration, FolderThatIsNoRepositoryStillGetsAnEmptyStatus) {
+    RealHarness h;
+    std::string dir = h.base.file("plain");
+    std::filesystem::create_directories(dir);
+    Uuid id = h.projects->add(dir);
+    h.service->refreshStatus(id);
+    h.service->fetchWorkingTree(id);
+    h.service->fetchDiff(id, {});
+    h.settle();
+    EXPECT_EQ(h.results(), std::vector<std::string>{"fail: リモートリポジトリがないプロジェクトです"});
+    EXPECT_EQ(h.only("git/status")["branch"], "--");
+    EXPECT_EQ(h.only("git/working-tree")["summary"]["total"], 0);
+    EXPECT_TRUE(h.only("git/diff")["files"].empty());
+}

@@ -1,0 +1,50 @@
+#pragma once
+// Real repositories for integration tests: a git of the test's own with a
+// known identity and no system or user configuration of the machine.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "core/Paths.h"
+#include "git/GitProcessRunner.h"
+#include "support/TestSupport.h"
+
+namespace velko::test {
+
+// The environment of git children in these tests: the isolated HOME of the
+// test, a fixed identity, no /etc/gitconfig.
+inline GitEnvironment testGitEnvironment() {
+    GitEnvironment env = currentProcessEnvironment();
+    env["GIT_CONFIG_NOSYSTEM"] = "1";
+    env["GIT_AUTHOR_NAME"] = "Velko Test";
+    env["GIT_AUTHOR_EMAIL"] = "test@velko.invalid";
+    env["GIT_COMMITTER_NAME"] = "Velko Test";
+    env["GIT_COMMITTER_EMAIL"] = "test@velko.invalid";
+    env["GIT_CONFIG_GLOBAL"] = env["HOME"] + "/.gitconfig";
+    // Everything of a test lives under its HOME; git must not find a repository above it.
+    env["GIT_CEILING_DIRECTORIES"] = env["HOME"];
+    return gitEnvironment(env);
+}
+
+// Runs git in `dir` and fails the test when it fails.
+inline std::string git(const std::string& dir, std::vector<std::string> args, int expectedStatus = 0) {
+    args.insert(args.begin(), "git");
+    ProcessGitProcessRunner runner;
+    auto result = runner.run(args, dir, testGitEnvironment());
+    std::string joined;
+    for (const auto& a : args) joined += a + " ";
+    EXPECT_EQ(result.status, expectedStatus) << joined << "\n" << result.stderr;
+    return result.stdout;
+}
+
+inline std::string initRepo(const TempDir& base, const std::string& name) {
+    std::string dir = base.file(name);
+    std::filesystem::create_directories(dir);
+    git(dir, {"init", "-q", "-b", "main"});
+    return dir;
+}
+
+}  // namespace velko::test
