@@ -6,7 +6,14 @@
 #include "git/GitService.h"
 #include "shell/ContentView.h"
 #include "shell/WebBridge.h"
+#include "terminal/CodexShimInstaller.h"
+#include "terminal/TerminalCoordinator.h"
+#include "terminal/TerminalDebugDumpStore.h"
+#include "terminal/TerminalProcess.h"
+#include "terminal/TerminalService.h"
 #include "workspace/ConfigStore.h"
+
+#include <thread>
 
 namespace velko {
 
@@ -20,6 +27,18 @@ VelkoApp::VelkoApp(Options options) {
     m_bridge = std::make_shared<WebBridge>(m_explorerService);
 
     // --- terminal: coordinator and service, first snapshot into the pending queue ---
+    {
+        TerminalCoordinator::Options terminalOptions;
+        terminalOptions.logger = TerminalLogger::create();
+        terminalOptions.dumpStore = TerminalDebugDumpStore::create();
+        auto coordinator = std::make_shared<TerminalCoordinator>(std::move(terminalOptions));
+        m_terminalService =
+            TerminalService::create(m_configStore, coordinator, std::make_shared<CodexShimInstaller>());
+        m_terminalService->setBridge(m_bridge);
+        m_terminalService->dispatchSnapshot(m_configStore->config().cliSessions,
+                                            m_terminalService->isTerminalV2Enabled());
+        m_bridge->setTerminalService(m_terminalService);
+    }
 
     // --- git: runner, credential broker, service ---
     {
@@ -45,6 +64,12 @@ VelkoApp::VelkoApp(Options options) {
     });
 
     // --- terminal: wiring that needs the content view (first snapshot after bootstrap) ---
+    {
+        std::weak_ptr<TerminalService> terminal = m_terminalService;
+        m_contentView->afterBootstrap = [terminal] {
+            if (auto service = terminal.lock()) service->bootstrapIfNeeded();
+        };
+    }
 
     // --- desktop: command center, gestures ---
 }
@@ -55,6 +80,17 @@ void VelkoApp::contentDidAppear() { m_contentView->bootstrap(); }
 
 void VelkoApp::shutdown(std::function<void()> done) {
     // --- terminal: end every session ---
+    // Shells get their hang-up now; a helper thread waits (bounded) until the
+    // monitors reaped them, so no zsh outlives the program and the main thread never blocks.
+    if (m_terminalService) m_terminalService->shutdown();
+    done = [done = std::move(done)]() mutable {
+        auto shared = std::make_shared<std::function<void()>>(std::move(done));
+        std::thread([shared] {
+            (void)TerminalProcess::waitForAbandonedChildren(TerminalProcess::kAbandonGracePeriod +
+                                                            std::chrono::seconds(1));
+            mainQueue().post([shared] { (*shared)(); });
+        }).detach();
+    };
 
     // --- git: a commit or push in flight finishes before the files step ---
     if (m_gitService) {

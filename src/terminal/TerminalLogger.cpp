@@ -1,0 +1,145 @@
+#include "terminal/TerminalLogger.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "core/Base64.h"
+#include "core/Json.h"
+#include "core/Paths.h"
+#include "core/SerialQueue.h"
+#include "core/Time.h"
+
+namespace velko {
+
+namespace {
+
+// Appends `bytes` to the file, creating it when it is missing. False on any failure.
+bool appendToFile(const std::string& path, const std::string& bytes) {
+    int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    const char* data = bytes.data();
+    size_t left = bytes.size();
+    bool ok = true;
+    while (left > 0) {
+        ssize_t n = ::write(fd, data, left);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            ok = false;
+            break;
+        }
+        data += n;
+        left -= static_cast<size_t>(n);
+    }
+    ::close(fd);
+    return ok;
+}
+
+}  // namespace
+
+const char* TerminalLogEvent::rawValue(Event event) {
+    switch (event) {
+        case Event::Spawn: return "spawn";
+        case Event::Ready: return "ready";
+        case Event::Output: return "output";
+        case Event::Input: return "input";
+        case Event::Resize: return "resize";
+        case Event::Signal: return "signal";
+        case Event::Exit: return "exit";
+        case Event::Error: return "error";
+    }
+    return "error";
+}
+
+std::shared_ptr<TerminalLogger> TerminalLogger::create(std::optional<std::string> filePath, uint64_t maxFileSize) {
+    std::string path;
+    if (filePath) {
+        path = *filePath;
+    } else {
+        std::string directory = cacheDirectory();
+        if (directory.empty()) directory = temporaryDirectory() + "/velko";
+        (void)createDirectories(directory);  // a failure shows up as unwritable lines, which are dropped
+        path = directory + "/velko-terminal.log";
+    }
+    return std::shared_ptr<TerminalLogger>(new TerminalLogger(std::move(path), maxFileSize));
+}
+
+TerminalLogger::TerminalLogger(std::string filePath, uint64_t maxFileSize)
+    : m_filePath(std::move(filePath)),
+      m_maxFileSize(maxFileSize),
+      m_queue(std::make_unique<SerialQueue>("app.velko.terminal.logger")) {}
+
+TerminalLogger::~TerminalLogger() = default;
+
+std::string TerminalLogger::encodeLine(const TerminalLogEvent& event, const std::string& timestamp) {
+    OrderedJson line;
+    line["ts"] = timestamp;
+    line["session"] = event.sessionID.toString();
+    line["event"] = TerminalLogEvent::rawValue(event.event);
+    if (event.chunk) line["chunkBase64"] = base64Encode(*event.chunk);
+    if (event.message) line["message"] = *event.message;
+    if (event.metadata) {
+        OrderedJson metadata = OrderedJson::object();
+        for (const auto& [key, value] : *event.metadata) metadata[key] = value;
+        line["metadata"] = std::move(metadata);
+    }
+    return dumpJson(line);
+}
+
+void TerminalLogger::record(TerminalLogEvent event) {
+    bool schedule;
+    {
+        std::lock_guard lock(m_mutex);
+        schedule = m_pending.empty();
+        m_pendingBytes += event.chunk ? event.chunk->size() : 0;
+        m_pending.push_back(std::move(event));
+    }
+    if (!schedule) return;
+    std::weak_ptr<TerminalLogger> weak = weak_from_this();
+    m_queue->post([weak] {
+        if (auto self = weak.lock()) self->writePending();
+    });
+}
+
+uint64_t TerminalLogger::pendingBytes() const {
+    std::lock_guard lock(m_mutex);
+    return m_pendingBytes;
+}
+
+void TerminalLogger::drainForTesting() { m_queue->drainForTesting(); }
+
+void TerminalLogger::writePending() {
+    std::vector<TerminalLogEvent> events;
+    {
+        std::lock_guard lock(m_mutex);
+        events.swap(m_pending);
+        m_pendingBytes = 0;
+    }
+    // One open and close per batch; the size check still runs before each
+    // line, so the line that crosses the limit starts the new file.
+    struct stat info {};
+    uint64_t size = ::stat(m_filePath.c_str(), &info) == 0 ? static_cast<uint64_t>(info.st_size) : 0;
+    std::string batch;
+    auto flush = [&] {
+        if (!batch.empty()) (void)appendToFile(m_filePath, batch);
+        batch.clear();
+    };
+    for (const auto& event : events) {
+        std::string line = encodeLine(event, iso8601Now());
+        line.push_back('\n');
+        if (size > m_maxFileSize) {
+            flush();
+            std::string rotated = m_filePath + ".1";
+            ::unlink(rotated.c_str());
+            if (::rename(m_filePath.c_str(), rotated.c_str()) == 0) size = 0;
+        }
+        batch.append(line);
+        size += line.size();
+    }
+    flush();
+}
+
+}  // namespace velko

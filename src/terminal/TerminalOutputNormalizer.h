@@ -1,0 +1,59 @@
+#pragma once
+// TerminalOutputNormalizer: the byte filter between a PTY master and every
+// reader of terminal output. It drops NUL bytes, collapses runs of carriage
+// returns, shrinks zsh's partial-line marker (the reverse-video "%" padded
+// with spaces) to one CR, and holds operating-system-command sequences
+// (ESC ] ... BEL or ESC ] ... ESC \) back until they are complete, so that
+// no title or marker reaches the page split across two events.
+//
+// A value owned by one session; used by its reader thread only. Never fails.
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace velko {
+
+struct OSCSequenceState {
+    enum class Stage { Idle, ExpectingBracket, ReadingCommand, ReadingBody, ExpectingStringTerminator };
+    enum class Outcome { NotActive, Emit, PassThrough, Waiting, Filtered };
+
+    Stage stage = Stage::Idle;
+    std::string buffer;                  // the sequence so far, ESC included
+    std::vector<uint8_t> commandDigits;  // the OSC number, kept for a future drop list
+    bool shouldFilter = false;
+    bool shouldFilterDetermined = false;
+
+    // Emit and PassThrough leave their bytes in `out` (replacing its contents).
+    Outcome consume(uint8_t byte, std::string& out);
+    // Starts a sequence at an ESC byte.
+    void begin();
+    void reset();
+};
+
+class TerminalOutputNormalizer {
+public:
+    using DebugSink = std::function<void(std::string_view raw, std::string_view normalized)>;
+
+    // The 22 bytes zsh prints ahead of a prompt when output lacked a final newline.
+    static const std::string_view kPromptFiller;
+
+    std::string normalize(std::string_view chunk, const DebugSink* debugSink = nullptr);
+    // Same, appending to `out` (the hot path reuses one buffer).
+    void normalizeInto(std::string_view chunk, std::string& out);
+
+    bool previousWasCarriageReturn() const { return m_previousWasCarriageReturn; }
+    const OSCSequenceState& osc() const { return m_osc; }
+
+private:
+    std::optional<size_t> consumePromptFiller(std::string_view chunk, size_t index, std::string& out);
+
+    bool m_previousWasCarriageReturn = false;
+    OSCSequenceState m_osc;
+    std::string m_scratch;
+};
+
+}  // namespace velko
