@@ -3,6 +3,8 @@
 #include "core/SerialQueue.h"
 #include "core/TaskQueue.h"
 #include "shell/ContentView.h"
+#include "shell/GestureBridge.h"
+#include "shell/InputCommandCenter.h"
 #include "shell/WebBridge.h"
 #include "workspace/ConfigStore.h"
 
@@ -33,6 +35,16 @@ VelkoApp::VelkoApp(Options options) {
     // --- terminal: wiring that needs the content view (first snapshot after bootstrap) ---
 
     // --- desktop: command center, gestures ---
+    m_gestureBridge = std::make_shared<GestureBridge>();
+    m_pinchDispatcher = std::make_shared<ColumnPinchDispatcher>(m_bridge);
+    m_gestureBridge->setDelegate(m_pinchDispatcher);
+    m_commandCenter = std::make_shared<InputCommandCenter>();
+    m_commandCenter->onNextProject = [view] {
+        if (auto v = view.lock()) v->moveToNextProject();
+    };
+    m_commandCenter->onPreviousProject = [view] {
+        if (auto v = view.lock()) v->moveToPreviousProject();
+    };
 }
 
 VelkoApp::~VelkoApp() = default;
