@@ -346,29 +346,6 @@ public:
         if (script) m_webViewHost->evaluateScript(*script);
     }
 
-    bool saveScreenshot(const std::string& pngPath) override {
-        GtkWidget* widget = m_window;
-        int width = gtk_widget_get_width(widget), height = gtk_widget_get_height(widget);
-        GtkNative* native = gtk_widget_get_native(widget);
-        if (width <= 0 || height <= 0 || !native) return false;
-        GdkPaintable* paintable = gtk_widget_paintable_new(widget);
-        GtkSnapshot* snapshot = gtk_snapshot_new();
-        gdk_paintable_snapshot(paintable, snapshot, width, height);
-        GskRenderNode* node = gtk_snapshot_free_to_node(snapshot);
-        bool ok = false;
-        if (node) {
-            graphene_rect_t bounds = GRAPHENE_RECT_INIT(0, 0, static_cast<float>(width), static_cast<float>(height));
-            GdkTexture* texture = gsk_renderer_render_texture(gtk_native_get_renderer(native), node, &bounds);
-            if (texture) {
-                ok = gdk_texture_save_to_png(texture, pngPath.c_str());
-                g_object_unref(texture);
-            }
-            gsk_render_node_unref(node);
-        }
-        g_object_unref(paintable);
-        return ok;
-    }
-
 private:
     void buildWindow(GtkApplication* application) {
         m_window = application ? gtk_application_window_new(application) : gtk_window_new();

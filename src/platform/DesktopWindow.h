@@ -43,8 +43,6 @@ public:
     virtual bool handleKeyPress(unsigned keyval, unsigned gdkModifierState) = 0;
     // What the window does with files dropped on it.
     virtual void handleFileDrop(const std::vector<std::string>& paths) = 0;
-    // Writes what the window shows as a PNG; false on failure.
-    virtual bool saveScreenshot(const std::string& pngPath) = 0;
 };
 
 }  // namespace velko
