@@ -5,6 +5,8 @@
 #include "files/ExplorerService.h"
 #include "git/GitService.h"
 #include "shell/ContentView.h"
+#include "shell/GestureBridge.h"
+#include "shell/InputCommandCenter.h"
 #include "shell/WebBridge.h"
 #include "terminal/CodexShimInstaller.h"
 #include "terminal/TerminalCoordinator.h"
@@ -72,6 +74,16 @@ VelkoApp::VelkoApp(Options options) {
     }
 
     // --- desktop: command center, gestures ---
+    m_gestureBridge = std::make_shared<GestureBridge>();
+    m_pinchDispatcher = std::make_shared<ColumnPinchDispatcher>(m_bridge);
+    m_gestureBridge->setDelegate(m_pinchDispatcher);
+    m_commandCenter = std::make_shared<InputCommandCenter>();
+    m_commandCenter->onNextProject = [view] {
+        if (auto v = view.lock()) v->moveToNextProject();
+    };
+    m_commandCenter->onPreviousProject = [view] {
+        if (auto v = view.lock()) v->moveToPreviousProject();
+    };
 }
 
 VelkoApp::~VelkoApp() = default;

@@ -20,6 +20,9 @@ class ContentView;
 class TerminalService;
 class GitService;
 class ExplorerService;
+class InputCommandCenter;
+class GestureBridge;
+class GestureBridgeDelegate;
 
 class VelkoApp {
 public:
@@ -52,6 +55,14 @@ private:
     std::shared_ptr<GitService> m_gitService;
     // --- files ---
     std::shared_ptr<ExplorerService> m_explorerService;
+    // --- desktop ---
+    std::shared_ptr<InputCommandCenter> m_commandCenter;
+    std::shared_ptr<GestureBridge> m_gestureBridge;
+    std::shared_ptr<GestureBridgeDelegate> m_pinchDispatcher;
+
+public:
+    InputCommandCenter& commandCenter() { return *m_commandCenter; }
+    GestureBridge& gestureBridge() { return *m_gestureBridge; }
 };
 
 }  // namespace velko

@@ -1,0 +1,163 @@
+#include "platform/DesktopHost.h"
+
+#include <gtk/gtk.h>
+#include <unistd.h>
+
+#include <climits>
+#include <memory>
+#include <string>
+
+#include "core/Log.h"
+#include "core/MainQueue.h"
+#include "platform/DesktopWindow.h"
+#include "shell/AppBundleSchemeHandler.h"
+#include "shell/InputCommandCenter.h"
+#include "shell/VelkoApp.h"
+
+namespace velko {
+
+namespace {
+
+const Logger kLog("app.velko", "app");
+
+struct DesktopState {
+    std::unique_ptr<VelkoApp> app;
+    std::unique_ptr<DesktopWindow> window;
+};
+
+std::optional<std::string> resourceDirectory() {
+    char buffer[PATH_MAX];
+    ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof buffer - 1);
+    if (n <= 0) return std::nullopt;
+    return locateResourceDirectory(std::string(buffer, static_cast<size_t>(n)));
+}
+
+void addAction(GtkApplication* application, const char* name, GCallback callback, DesktopState* state,
+               bool enabled = true) {
+    GSimpleAction* action = g_simple_action_new(name, nullptr);
+    g_simple_action_set_enabled(action, enabled);
+    g_signal_connect(action, "activate", callback, state);
+    g_action_map_add_action(G_ACTION_MAP(application), G_ACTION(action));
+    g_object_unref(action);
+}
+
+void buildMenus(GtkApplication* application, DesktopState* state) {
+    addAction(application, "next-project", G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer data) {
+                  auto* s = static_cast<DesktopState*>(data);
+                  if (s->app && s->app->commandCenter().onNextProject) s->app->commandCenter().onNextProject();
+              }),
+              state);
+    addAction(application, "previous-project", G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer data) {
+                  auto* s = static_cast<DesktopState*>(data);
+                  if (s->app && s->app->commandCenter().onPreviousProject)
+                      s->app->commandCenter().onPreviousProject();
+              }),
+              state);
+    addAction(application, "reload", G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer data) {
+                  auto* s = static_cast<DesktopState*>(data);
+                  if (s->window) s->window->reloadPage();
+              }),
+              state);
+    // Enabled once an update feed exists.
+    addAction(application, "check-for-updates", G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer) {}), state,
+              false);
+    addAction(application, "quit", G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer data) {
+                  auto* s = static_cast<DesktopState*>(data);
+                  if (s->window) gtk_window_close(GTK_WINDOW(s->window->window()));
+              }),
+              state);
+
+    // Ctrl+Shift for the program's own commands: plain Ctrl+letter belongs to the shells.
+    const char* next[] = {"<Control><Alt>Right", nullptr};
+    const char* previous[] = {"<Control><Alt>Left", nullptr};
+    const char* reload[] = {"<Control><Shift>r", nullptr};
+    const char* quit[] = {"<Control><Shift>q", nullptr};
+    gtk_application_set_accels_for_action(application, "app.next-project", next);
+    gtk_application_set_accels_for_action(application, "app.previous-project", previous);
+    gtk_application_set_accels_for_action(application, "app.reload", reload);
+    gtk_application_set_accels_for_action(application, "app.quit", quit);
+
+    GMenu* menubar = g_menu_new();
+    GMenu* appMenu = g_menu_new();
+    GMenu* updates = g_menu_new();
+    g_menu_append(updates, "Check for Updates...", "app.check-for-updates");
+    g_menu_append_section(appMenu, nullptr, G_MENU_MODEL(updates));
+    GMenu* pageSection = g_menu_new();
+    g_menu_append(pageSection, "Reload Page", "app.reload");
+    g_menu_append_section(appMenu, nullptr, G_MENU_MODEL(pageSection));
+    GMenu* quitSection = g_menu_new();
+    g_menu_append(quitSection, "Quit velko", "app.quit");
+    g_menu_append_section(appMenu, nullptr, G_MENU_MODEL(quitSection));
+    g_menu_append_submenu(menubar, "velko", G_MENU_MODEL(appMenu));
+
+    GMenu* projects = g_menu_new();
+    g_menu_append(projects, "Next Project", "app.next-project");
+    g_menu_append(projects, "Previous Project", "app.previous-project");
+    g_menu_append_submenu(menubar, "Projects", G_MENU_MODEL(projects));
+
+    gtk_application_set_menubar(application, G_MENU_MODEL(menubar));
+    for (GMenu* menu : {updates, pageSection, quitSection, appMenu, projects, menubar}) g_object_unref(menu);
+}
+
+void showWindow(GtkApplication* application, DesktopState* state) {
+    if (!state->window) {
+        state->window = DesktopWindow::create(*state->app, application, {});
+        // Closing the one window ends the program.
+        g_signal_connect(state->window->window(), "close-request",
+                         G_CALLBACK(+[](GtkWindow*, gpointer data) -> gboolean {
+                             g_application_quit(G_APPLICATION(data));
+                             return FALSE;
+                         }),
+                         application);
+    }
+    state->window->present();
+}
+
+}  // namespace
+
+int runDesktop(int argc, char** argv) {
+    GtkApplication* application = gtk_application_new("app.velko.Velko", G_APPLICATION_HANDLES_OPEN);
+    DesktopState state;
+
+    g_signal_connect(application, "startup", G_CALLBACK(+[](GApplication* app, gpointer data) {
+                         auto* s = static_cast<DesktopState*>(data);
+                         setMainQueue(std::make_shared<GlibMainQueue>());
+                         if (auto resources = resourceDirectory()) {
+                             // The icon is found from the resources both in the build tree and installed.
+                             gtk_icon_theme_add_search_path(gtk_icon_theme_get_for_display(gdk_display_get_default()),
+                                                            (*resources + "/icons").c_str());
+                         }
+                         gtk_window_set_default_icon_name("velko");
+                         s->app = std::make_unique<VelkoApp>();
+                         buildMenus(GTK_APPLICATION(app), s);
+                     }),
+                     &state);
+    g_signal_connect(application, "activate", G_CALLBACK(+[](GApplication* app, gpointer data) {
+                         showWindow(GTK_APPLICATION(app), static_cast<DesktopState*>(data));
+                     }),
+                     &state);
+    g_signal_connect(application, "open",
+                     G_CALLBACK(+[](GApplication* app, GFile** files, gint count, gchar*, gpointer data) {
+                         // velko:// links (the sign-in redirect) bring the window forward.
+                         for (gint i = 0; i < count; ++i) {
+                             char* uri = g_file_get_uri(files[i]);
+                             kLog.info(std::string("opened with ") + (g_str_has_prefix(uri, "velko:") ? "a velko link" : "a file"));
+                             g_free(uri);
+                         }
+                         showWindow(GTK_APPLICATION(app), static_cast<DesktopState*>(data));
+                     }),
+                     &state);
+    g_signal_connect(application, "shutdown", G_CALLBACK(+[](GApplication*, gpointer data) {
+                         auto* s = static_cast<DesktopState*>(data);
+                         s->window.reset();
+                     }),
+                     &state);
+
+    int status = g_application_run(G_APPLICATION(application), argc, argv);
+    state.window.reset();
+    state.app.reset();
+    g_object_unref(application);
+    return status;
+}
+
+}  // namespace velko

@@ -1,0 +1,213 @@
+#include <gtest/gtest.h>
+
+#include "core/Json.h"
+#include "shell/InputCommandCenter.h"
+
+using namespace velko;
+
+namespace {
+constexpr uint32_t kCtrl = kModifierControl, kShift = kModifierShift, kAlt = kModifierAlt;
+}  // namespace
+
+TEST(KeyCommand, ZoomKeysBecomeThePagesKeysWithCtrlAndNeverWithAlt) {
+    struct Case {
+        uint32_t keyval;
+        uint32_t modifiers;
+        std::optional<SyntheticKey> expected;
+    };
+    const Case cases[] = {
+        {Keyval::kEqual, kCtrl, SyntheticKey{"=", "Equal", false}},
+        // Shift turns "=" into "+" on the same key
+        {Keyval::kPlus, kCtrl | kShift, SyntheticKey{"+", "Equal", true}},
+        {Keyval::kMinus, kCtrl, SyntheticKey{"-", "Minus", false}},
+        {Keyval::kUnderscore, kCtrl | kShift, SyntheticKey{"_", "Minus", true}},
+        {Keyval::k0, kCtrl, SyntheticKey{"0", "Digit0", false}},
+        {Keyval::kParenRight, kCtrl | kShift, SyntheticKey{"0", "Digit0", true}},
+        {Keyval::kSemicolon, kCtrl, SyntheticKey{";", "Semicolon", false}},
+        // Shift+";" is zoom in, not a colon
+        {Keyval::kColon, kCtrl | kShift, SyntheticKey{"+", "Semicolon", true}},
+        {Keyval::kKPAdd, kCtrl, SyntheticKey{"+", "NumpadAdd", false}},
+        {Keyval::kKPSubtract, kCtrl | kShift, SyntheticKey{"-", "NumpadSubtract", true}},
+        {Keyval::kKP0, kCtrl, SyntheticKey{"0", "Numpad0", false}},
+        {Keyval::kKPInsert, kCtrl, SyntheticKey{"0", "Numpad0", false}},
+        {Keyval::kEqual, kCtrl | kAlt, std::nullopt},
+        {Keyval::kEqual, 0, std::nullopt},
+        {Keyval::kEqual, kShift, std::nullopt},
+        {Keyval::kLowerR, kCtrl, std::nullopt},
+        {Keyval::kRight, kCtrl, std::nullopt},
+        {0x061 /* a */, kCtrl, std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << std::hex << c.keyval << " mods " << c.modifiers);
+        EXPECT_EQ(zoomShortcut(KeyPress{c.keyval, c.modifiers, {}}), c.expected);
+    }
+}
+
+TEST(KeyCommand, CommandsTakeOnlyTheirExactChords) {
+    struct Case {
+        uint32_t keyval;
+        uint32_t modifiers;
+        KeyCommand command;
+    };
+    const Case cases[] = {
+        {Keyval::kRight, kCtrl | kAlt, KeyCommand::NextProject},
+        {Keyval::kKPRight, kCtrl | kAlt, KeyCommand::NextProject},
+        {Keyval::kLeft, kCtrl | kAlt, KeyCommand::PreviousProject},
+        {Keyval::kRight, kCtrl | kAlt | kShift, KeyCommand::None},
+        {Keyval::kRight, kCtrl, KeyCommand::None},  // word motion in the shell
+        {Keyval::kRight, kAlt, KeyCommand::None},
+        {Keyval::kUpperR, kCtrl | kShift, KeyCommand::ReloadPage},
+        {Keyval::kLowerR, kCtrl | kShift, KeyCommand::ReloadPage},
+        {Keyval::kLowerR, kCtrl, KeyCommand::None},  // reverse history search stays with the shell
+        {Keyval::kEqual, kCtrl, KeyCommand::Zoom},
+        {Keyval::kEqual, kCtrl | kAlt, KeyCommand::None},
+        {Keyval::kEisuToggle, 0, KeyCommand::None},
+        {0x063 /* c */, kCtrl, KeyCommand::None},  // interrupt must reach the terminal
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << std::hex << c.keyval << " mods " << c.modifiers);
+        EXPECT_EQ(commandForKey(KeyPress{c.keyval, c.modifiers, {}}), c.command);
+    }
+}
+
+TEST(KeyCommand, SyntheticKeyScriptSendsKeydownThenKeyupWithCommandSemantics) {
+    std::string script = syntheticKeyScript(SyntheticKey{"+", "Equal", true});
+    EXPECT_EQ(script,
+              "(function() {\n  const eventInit = { key: \"+\", code: \"Equal\", metaKey: true, shiftKey: true, "
+              "ctrlKey: false, altKey: false, bubbles: true };\n"
+              "  window.dispatchEvent(new KeyboardEvent(\"keydown\", eventInit));\n"
+              "  window.dispatchEvent(new KeyboardEvent(\"keyup\", eventInit));\n})();");
+    EXPECT_NE(syntheticKeyScript(SyntheticKey{"0", "Digit0", false}).find("shiftKey: false,"), std::string::npos);
+}
+
+TEST(KeyCommand, DropScriptCarriesStandardisedAbsolutePathsInOrder) {
+    struct Case {
+        std::vector<std::string> paths;
+        std::optional<std::vector<std::string>> expected;
+    };
+    const Case cases[] = {
+        {{"/home/u/a.txt", "/home/u/b dir/"}, std::vector<std::string>{"/home/u/a.txt", "/home/u/b dir"}},
+        {{"/home/u/./x/../y.txt"}, std::vector<std::string>{"/home/u/y.txt"}},
+        {{"/it's \"quoted\"\\path\u2028"}, std::vector<std::string>{"/it's \"quoted\"\\path\u2028"}},
+        {{"relative.txt", ""}, std::nullopt},
+        {{}, std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.paths.empty() ? "none" : c.paths.front());
+        auto script = nativeDropScript(c.paths, 1700000000.5);
+        ASSERT_EQ(script.has_value(), c.expected.has_value());
+        if (!script) continue;
+        const std::string prefix = "(function() {\n  window.__velkoNativeDropPayload = ";
+        const std::string suffix =
+            ";\n  window.dispatchEvent(new CustomEvent('velko:native-drop', { detail: "
+            "window.__velkoNativeDropPayload }));\n})();";
+        ASSERT_EQ(script->rfind(prefix, 0), 0u);
+        ASSERT_GT(script->size(), prefix.size() + suffix.size());
+        ASSERT_EQ(script->substr(script->size() - suffix.size()), suffix);
+        auto payload = parseJson(script->substr(prefix.size(), script->size() - prefix.size() - suffix.size()));
+        ASSERT_TRUE(payload.has_value());
+        EXPECT_EQ((*payload)["paths"].get<std::vector<std::string>>(), *c.expected);
+        EXPECT_DOUBLE_EQ((*payload)["timestamp"].get<double>(), 1700000000.5);
+    }
+}
+
+namespace {
+
+class FakeMonitoring final : public EventMonitoring {
+public:
+    std::optional<MonitorHandle> installKeyDownMonitor(std::function<bool(const KeyPress&)> handler) override {
+        keys.push_back(std::move(handler));
+        return static_cast<int>(keys.size() + swipes.size());
+    }
+    std::optional<MonitorHandle> installSwipeMonitor(std::function<void(double)> handler) override {
+        swipes.push_back(std::move(handler));
+        return static_cast<int>(keys.size() + swipes.size());
+    }
+    void removeMonitor(MonitorHandle handle) override { removed.push_back(handle); }
+    std::vector<std::function<bool(const KeyPress&)>> keys;
+    std::vector<std::function<void(double)>> swipes;
+    std::vector<int> removed;
+};
+
+class FakeNativeKeys final : public NativeKeyHandling {
+public:
+    bool handleNativeKeyDown(const KeyPress& press) override {
+        seen.push_back(press.keyval);
+        return press.keyval == consumes;
+    }
+    uint32_t consumes = 0;
+    std::vector<uint32_t> seen;
+};
+
+struct CenterFixture {
+    std::shared_ptr<InputCommandCenter> center = std::make_shared<InputCommandCenter>();
+    std::shared_ptr<FakeMonitoring> monitoring = std::make_shared<FakeMonitoring>();
+    std::vector<std::string> calls;
+    CenterFixture() {
+        center->setEventMonitoring(monitoring);
+        center->onNextProject = [this] { calls.push_back("next"); };
+        center->onPreviousProject = [this] { calls.push_back("previous"); };
+        center->onZoomShortcut = [this](const SyntheticKey& key) { calls.push_back("zoom " + key.code); };
+        center->onReloadPage = [this] { calls.push_back("reload"); };
+    }
+};
+
+}  // namespace
+
+TEST(KeyCommand, MonitorsInstallOnceAndRouteKeysAndSwipes) {
+    CenterFixture f;
+    f.center->activateGestureMonitoring();
+    f.center->activateGestureMonitoring();
+    ASSERT_EQ(f.monitoring->keys.size(), 1u);
+    ASSERT_EQ(f.monitoring->swipes.size(), 1u);
+
+    struct Case {
+        uint32_t keyval;
+        uint32_t modifiers;
+        bool consumed;
+        std::vector<std::string> calls;
+    };
+    const Case cases[] = {
+        {Keyval::kRight, kCtrl | kAlt, true, {"next"}},
+        {Keyval::kLeft, kCtrl | kAlt, true, {"previous"}},
+        {Keyval::kMinus, kCtrl, true, {"zoom Minus"}},
+        {Keyval::kUpperR, kCtrl | kShift, true, {"reload"}},
+        {0x061, 0, false, {}},
+        {Keyval::kRight, 0, false, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << std::hex << c.keyval);
+        f.calls.clear();
+        EXPECT_EQ(f.monitoring->keys[0](KeyPress{c.keyval, c.modifiers, {}}), c.consumed);
+        EXPECT_EQ(f.calls, c.calls);
+    }
+
+    f.calls.clear();
+    for (double delta : {-3.0, 0.0, 2.5}) f.monitoring->swipes[0](delta);
+    EXPECT_EQ(f.calls, (std::vector<std::string>{"previous", "next"}));
+
+    f.center->deactivateGestureMonitoring();
+    EXPECT_EQ(f.monitoring->removed, (std::vector<int>{1, 2}));
+    EXPECT_FALSE(f.center->isMonitoring());
+    f.center->activateGestureMonitoring();
+    EXPECT_EQ(f.monitoring->keys.size(), 2u);
+}
+
+TEST(KeyCommand, TheTerminalSeesKeysFirstAndAConsumedKeyGoesNoFurther) {
+    CenterFixture f;
+    auto native = std::make_shared<FakeNativeKeys>();
+    native->consumes = Keyval::kRight;
+    f.center->setNativeKeyHandler(native);
+    EXPECT_TRUE(f.center->handleKeyDown(KeyPress{Keyval::kRight, kCtrl | kAlt, {}}));
+    EXPECT_TRUE(f.calls.empty());
+    EXPECT_TRUE(f.center->handleKeyDown(KeyPress{Keyval::kLeft, kCtrl | kAlt, {}}));
+    EXPECT_EQ(f.calls, std::vector<std::string>{"previous"});
+    EXPECT_EQ(native->seen, (std::vector<uint32_t>{Keyval::kRight, Keyval::kLeft}));
+
+    // A terminal that is gone no longer takes keys; unset callbacks do nothing.
+    native.reset();
+    f.center->onNextProject = nullptr;
+    f.calls.clear();
+    EXPECT_TRUE(f.center->handleKeyDown(KeyPress{Keyval::kRight, kCtrl | kAlt, {}}));
+    EXPECT_TRUE(f.calls.empty());
+}

@@ -1,0 +1,241 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "shell/AppBundleSchemeHandler.h"
+#include "shell/WebViewLogger.h"
+#include "support/TestSupport.h"
+
+using namespace velko;
+
+namespace {
+
+// A resource folder with a page, built assets, a secret beside the page's
+// folder and a sibling folder whose name starts like the page's.
+struct BundleFixture {
+    test::TempDir dir;
+    std::string web;
+    BundleFixture() {
+        web = dir.path() + "/res/web";
+        dir.write("res/web/index.html", "<html>page</html>");
+        dir.write("res/web/a.js", "export const a = 1;");
+        dir.write("res/web/assets/b.css", "body{}");
+        dir.write("res/web/logo.PNG", "\x89PNG");
+        dir.write("res/web/font.woff2", "wOF2");
+        dir.write("res/web/LICENSE", "MIT");
+        dir.write("res/web/my file.js", "1");
+        dir.write("res/web/secret", "inside");
+        dir.write("res/secret", "outside");
+        dir.write("res/web-private/key.txt", "private");
+        ::mkdir((web + "/folder.js").c_str(), 0755);
+    }
+};
+
+}  // namespace
+
+TEST(SchemeHandler, ResolvesRequestsInsideThePageFolderOnly) {
+    BundleFixture f;
+    AppBundleSchemeHandler handler(f.web);
+    struct Case {
+        const char* uri;
+        const char* expected;  // relative to the page folder; nullptr: nothing
+    };
+    const Case cases[] = {
+        {"app://bundle/", "index.html"},
+        {"app://bundle", "index.html"},
+        {"app://bundle/index.html", "index.html"},
+        {"app://bundle/a.js", "a.js"},
+        {"app://bundle/a.js?v=3#top", "a.js"},
+        {"app://bundle/assets/b.css", "assets/b.css"},
+        {"app://bundle//a.js//", "a.js"},
+        // a rewritten page keeps "assets/" while the file sits at the top
+        {"app://bundle/assets/a.js", "a.js"},
+        {"app://bundle/deep/er/a.js", "a.js"},
+        // ".." never leaves the folder; the last component is tried inside
+        {"app://bundle/../secret", "secret"},
+        {"app://bundle/../../../../etc/passwd", "passwd"},  // resolved, but no such file: 404 below
+        {"app://bundle/../web-private/key.txt", "key.txt"},
+        {"app://bundle/./assets/../a.js", "a.js"},
+        {"app://bundle/..", nullptr},
+        {"app://bundle/assets/..", nullptr},
+        // names stay percent-encoded
+        {"app://bundle/my%20file.js", "my%20file.js"},
+        {"not a url", nullptr},
+        {"", nullptr},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.uri);
+        auto path = handler.resolvedFilePath(c.uri);
+        if (!c.expected) {
+            EXPECT_FALSE(path.has_value()) << *path;
+        } else {
+            ASSERT_TRUE(path.has_value());
+            EXPECT_EQ(*path, standardizePath(f.web + "/" + c.expected));
+        }
+    }
+}
+
+TEST(SchemeHandler, AnswersFilesWithTheirTypeAndEverythingElseWith404) {
+    BundleFixture f;
+    AppBundleSchemeHandler handler(f.web);
+    using Kind = SchemeResponse::Kind;
+    struct Case {
+        const char* uri;
+        Kind kind;
+        const char* body;
+        const char* contentType;
+    };
+    const Case cases[] = {
+        {"app://bundle/", Kind::File, "<html>page</html>", "text/html; charset=utf-8"},
+        {"app://bundle/assets/a.js", Kind::File, "export const a = 1;", "application/javascript"},
+        {"app://bundle/assets/b.css", Kind::File, "body{}", "text/css; charset=utf-8"},
+        {"app://bundle/logo.PNG", Kind::File, "\x89PNG", "image/png"},
+        {"app://bundle/font.woff2", Kind::File, "wOF2", "font/woff2"},
+        {"app://bundle/LICENSE", Kind::File, "MIT", "application/octet-stream"},
+        {"app://bundle/../secret", Kind::File, "inside", "application/octet-stream"},
+        {"app://bundle/../web-private/key.txt", Kind::NotFound, "Not found", "text/plain; charset=utf-8"},
+        {"app://bundle/../../../../etc/passwd", Kind::NotFound, "Not found", "text/plain; charset=utf-8"},
+        {"app://bundle/missing.js", Kind::NotFound, "Not found", "text/plain; charset=utf-8"},
+        {"app://bundle/my%20file.js", Kind::NotFound, "Not found", "text/plain; charset=utf-8"},
+        {"app://bundle/folder.js", Kind::NotFound, "Not found", "text/plain; charset=utf-8"},
+        {"app://bundle/..", Kind::NotFound, "Not found", "text/plain; charset=utf-8"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.uri);
+        SchemeResponse response = handler.respond(c.uri);
+        EXPECT_EQ(response.kind, c.kind);
+        EXPECT_EQ(response.status, c.kind == Kind::File ? 200 : 404);
+        EXPECT_EQ(response.body, c.body);
+        EXPECT_EQ(response.contentType(), c.contentType);
+    }
+    EXPECT_EQ(handler.respond("").kind, Kind::BadRequest);
+}
+
+TEST(SchemeHandler, AnUnreadableFileFailsInsteadOfAnsweringPartly) {
+    if (::geteuid() == 0) GTEST_SKIP() << "root reads files whatever their mode";
+    BundleFixture f;
+    std::string locked = f.dir.write("res/web/locked.js", "x");
+    ASSERT_EQ(::chmod(locked.c_str(), 0), 0);
+    SchemeResponse response = AppBundleSchemeHandler(f.web).respond("app://bundle/locked.js");
+    EXPECT_EQ(response.kind, SchemeResponse::Kind::ReadFailed);
+    EXPECT_TRUE(response.body.empty());
+    EXPECT_FALSE(response.error.empty());
+}
+
+TEST(SchemeHandler, MimeTypesFollowTheExtensionWhateverItsCase) {
+    struct Case {
+        const char* path;
+        const char* type;
+        bool text;
+    };
+    const Case cases[] = {
+        {"index.html", "text/html", true},       {"x/INDEX.HTML", "text/html", true},
+        {"a.js", "application/javascript", false}, {"a.css", "text/css", true},
+        {"i.svg", "image/svg+xml", false},       {"d.json", "application/json", false},
+        {"p.png", "image/png", false},           {"P.PNG", "image/png", false},
+        {"j.jpg", "image/jpeg", false},          {"j.JPEG", "image/jpeg", false},
+        {"f.woff", "font/woff", false},          {"f.woff2", "font/woff2", false},
+        {"LICENSE", "application/octet-stream", false}, {"a.map", "application/octet-stream", false},
+        {"dir.js/file", "application/octet-stream", false}, {"trailing.", "application/octet-stream", false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        EXPECT_EQ(mimeTypeForPath(c.path), c.type);
+        EXPECT_EQ(textEncodingForMimeType(mimeTypeForPath(c.path)).has_value(), c.text);
+    }
+}
+
+TEST(SchemeHandler, RewritesRelativeReferencesToTheAppScheme) {
+    struct Case {
+        const char* html;
+        const char* expected;
+    };
+    const Case cases[] = {
+        {R"(<script type="module" src="./assets/index-1.js"></script>)",
+         R"(<script type="module" src="app://bundle/index-1.js"></script>)"},
+        {R"(<link href="./assets/a.css"><link href="./favicon.svg">)",
+         R"(<link href="app://bundle/a.css"><link href="app://bundle/favicon.svg">)"},
+        {R"(<img src="./a.png"><img src="./b.png">)", R"(<img src="app://bundle/a.png"><img src="app://bundle/b.png">)"},
+        {R"(<a href="https://example.invalid/">x</a><img src="/abs.png">)",
+         R"(<a href="https://example.invalid/">x</a><img src="/abs.png">)"},
+        {"", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.html);
+        EXPECT_EQ(rewritePageHtml(c.html), c.expected);
+    }
+}
+
+TEST(SchemeHandler, FindsResourcesBesideTheProgramOrInstalled) {
+    test::TempDir dir;
+    dir.write("build/resources/web/index.html", "<html></html>");
+    dir.write("prefix/share/velko/index.html", "<html></html>");
+    ::mkdir((dir.path() + "/prefix/bin").c_str(), 0755);
+    ::mkdir((dir.path() + "/bare").c_str(), 0755);
+    struct Case {
+        std::string executable;
+        std::optional<std::string> resources;
+        std::optional<std::string> page;
+    };
+    const Case cases[] = {
+        {dir.path() + "/build/velko", dir.path() + "/build/resources", dir.path() + "/build/resources/web/index.html"},
+        {dir.path() + "/prefix/bin/velko", dir.path() + "/prefix/share/velko",
+         dir.path() + "/prefix/share/velko/index.html"},
+        {dir.path() + "/bare/velko", std::nullopt, std::nullopt},
+        {"velko", std::nullopt, std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.executable);
+        auto resources = locateResourceDirectory(c.executable);
+        EXPECT_EQ(resources, c.resources);
+        if (resources) {
+            EXPECT_EQ(locatePageFile(*resources), c.page);
+        }
+    }
+}
+
+TEST(WebViewLog, TakesOnlyLogMessagesAndFillsTheirDefaults) {
+    struct Case {
+        const char* body;
+        std::optional<std::string> text;
+    };
+    const Case cases[] = {
+        {R"({"type":"webview/log","message":"hello"})", "[web] [info] hello"},
+        {R"({"type":"webview/log","level":"warn","source":"editor","message":"m"})", "[editor] [warn] m"},
+        {R"({"type":"webview/log","level":3,"source":null,"message":"m"})", "[web] [info] m"},
+        {R"({"type":"webview/log","message":"only this","payload":{"a":1}})", "[web] [info] only this"},
+        {R"({"type":"webview/log","message":"","payload":{"a":1}})", "[web] [info] {\n  \"a\": 1\n}"},
+        {R"({"type":"webview/log","payload":[1,"x"]})", "[web] [info] [\n  1,\n  \"x\"\n]"},
+        {R"({"type":"webview/log","payload":"plain"})", "[web] [info] plain"},
+        {R"({"type":"webview/log","payload":42})", "[web] [info] 42"},
+        {R"({"type":"webview/log"})", "[web] [info]"},
+        {R"({"type":"terminal/input","payload":{}})", std::nullopt},
+        {R"({"type":"webview/logs"})", std::nullopt},
+        {R"({"type":["webview/log"]})", std::nullopt},
+        {R"(["webview/log"])", std::nullopt},
+        {R"("webview/log")", std::nullopt},
+        {R"({})", std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.body);
+        auto body = parseJson(c.body);
+        ASSERT_TRUE(body.has_value());
+        EXPECT_EQ(webViewLogText(*body), c.text);
+    }
+}
+
+TEST(WebViewLog, AppendsDatedLinesAndCreatesTheFileAndFolder) {
+    test::IsolatedHome home;
+    std::string path = webViewLogPath();
+    EXPECT_EQ(path, home.cacheDir() + "/velko-webview.log");
+    appendWebViewLogLine(path, "[web] [info] first");
+    appendWebViewLogLine(path, "[web] [error] second\u2028line");
+    std::string contents = test::readFile(path);
+    size_t newline = contents.find('\n');
+    ASSERT_NE(newline, std::string::npos);
+    std::string first = contents.substr(0, newline), second = contents.substr(newline + 1);
+    EXPECT_EQ(first.front(), '[');
+    EXPECT_NE(first.find("Z] [web] [info] first"), std::string::npos) << first;
+    EXPECT_NE(second.find("Z] [web] [error] second\u2028line\n"), std::string::npos) << second;
+    EXPECT_EQ(second.back(), '\n');
+    EXPECT_EQ(second.find('\n'), second.size() - 1);
+}
