@@ -13,6 +13,7 @@
 #include <variant>
 
 #include "core/Result.h"
+#include "core/Utf8.h"
 #include "workspace/Models.h"
 
 namespace velko {
@@ -59,9 +60,6 @@ std::optional<std::string> imageMimeType(std::string_view path);
 // "このファイルは約 N MB あり、…" for a file of `fileSize` bytes over `maxBytes`.
 std::string tooLargeMessage(int64_t fileSize, int64_t maxBytes);
 
-// True when `bytes` is well-formed UTF-8 (no overlongs, surrogates or values
-// above U+10FFFF).
-bool isValidUtf8(std::string_view bytes);
 // Each byte as the code point of the same value, encoded as UTF-8.
 std::string latin1ToUtf8(std::string_view bytes);
 
