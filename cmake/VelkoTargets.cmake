@@ -22,6 +22,11 @@ function(velko_test_suite dir label)
   add_executable(${target} ${sources})
   target_include_directories(${target} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
   target_link_libraries(${target} PRIVATE ${ARG_DEPS} velko_testsupport GTest::gtest GTest::gmock)
+  # One target per label, so a build can stop at what it is going to run.
+  if(NOT TARGET velko_${label}_tests)
+    add_custom_target(velko_${label}_tests)
+  endif()
+  add_dependencies(velko_${label}_tests ${target})
   gtest_discover_tests(${target}
     DISCOVERY_MODE PRE_TEST
     PROPERTIES LABELS ${label} ENVIRONMENT "VELKO_BINARY_DIR=${CMAKE_BINARY_DIR};VELKO_SOURCE_DIR=${CMAKE_SOURCE_DIR}")
