@@ -37,6 +37,8 @@ export class App {
   private shownSessionId: string | undefined;
   private shownProjectId: string | undefined;
   private readonly gitRefreshTimers = new Map<string, ReturnType<typeof setTimeout>>();
+  /** The size last asked for per session until the native side confirms one; every resize makes the shell redraw its prompt. */
+  private readonly pendingResize = new Map<string, string>();
   readonly output: OutputQueue;
   private toastCounter = 0;
 
@@ -64,6 +66,12 @@ export class App {
       if (message) this.toast('error', message);
     });
     for (const type of TERMINAL_EVENTS) b.on(type, (p) => this.terminals.update((s) => term.applyTerminalEvent(s, type, p)));
+    for (const type of ['terminal/created', 'terminal/resize']) {
+      b.on(type, (p) => {
+        const id = uuid(p, 'sessionId');
+        if (id) this.pendingResize.delete(id);
+      });
+    }
     b.on('terminal/output', (p) => this.onOutput(p));
     b.on('terminal/activity', (p) => {
       const id = uuid(p, 'sessionId');
@@ -222,6 +230,9 @@ export class App {
   }
 
   resizeTerminal(sessionId: string, cols: number, rows: number): void {
+    const size = `${cols}x${rows}`;
+    if (this.pendingResize.get(sessionId) === size) return;
+    this.pendingResize.set(sessionId, size);
     if (cols < 1 || rows < 1) return;
     this.bridge.post('terminal/resize', { sessionId, cols, rows });
   }

@@ -7,6 +7,7 @@ import { fileURLToPath } from 'node:url';
 import fs from 'node:fs';
 import { serve, launch, installChannel } from './harness.mjs';
 import { FakeNative } from './fakeNative.mjs';
+import { RecordedNative, loadRecording } from './recordedNative.mjs';
 import { eventScript, dropScript } from '../injectedScript.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
@@ -388,6 +389,113 @@ test('without a native channel the page loads and logs instead of crashing', asy
   await native.send('app/config', native.config());
   await page.waitForSelector('.empty-workspace >> text=プロジェクトが開かれていません');
   assert.ok(logs.some((t) => t.includes('no native channel')), logs.join('\n'));
+  assert.deepEqual(errors, []);
+  await page.close();
+});
+
+// The same journeys against the program's own recorded answers.
+async function openRecorded(ctx) {
+  const native = new RecordedNative(loadRecording());
+  const page = await ctx.context.newPage();
+  const errors = [];
+  page.on('pageerror', (e) => errors.push(e));
+  native.attach(page);
+  await installChannel(page, (m) => native.handle(m));
+  // The program's start-up events wait in the pending queue until the page is there.
+  for (const script of native.startupScripts()) await page.addInitScript(script);
+  await page.goto(ctx.url);
+  await page.waitForSelector('.topbar');
+  await page.waitForSelector('.empty-workspace >> text=プロジェクトを開く');
+  await page.click('.add-project');
+  await page.waitForSelector('.project-tab.active >> text=demo');
+  const config = native.recording.steps.find((s) => s.message.type === 'project/open').events.find((e) => e.type === 'app/config').payload;
+  return { page, native, errors, projectId: config.projects[0].id, sessionId: config.cliSessions[0].id };
+}
+
+test('recorded: open a project, see its tree, prompt and git status, run a command', async (ctx) => {
+  const { page, native, errors, sessionId } = await openRecorded(ctx);
+  await page.waitForSelector('.tree-row >> text=README.md');
+  await page.waitForSelector('.tree-row >> text=staged.txt');
+  await page.waitForSelector('.session-tab >> text=CLI #1');
+  await page.waitForSelector('.session-tab .status-badge >> text=実行中');
+  await page.waitForSelector('.git-branch >> text=main');
+  await page.waitForSelector('.git-group >> text=ステージ済み (1)');
+  await page.waitForSelector('.git-group >> text=未ステージ (1)');
+  await waitForTerminalText(page, sessionId, '# ');
+  await page.click('.term-host:not([hidden]) .xterm');
+  await page.keyboard.type('echo velko-$((6*7))');
+  await page.keyboard.press('Enter');
+  await waitForTerminalText(page, sessionId, 'velko-42');
+  await page.click('.tree-row:has-text("src")');
+  await page.waitForSelector('.tree-row >> text=main.ts');
+  assert.deepEqual(errors, []);
+  assert.deepEqual(native.unanswered.filter((t) => !['terminal/resize', 'terminal/focus'].includes(t)), []);
+  // Each resize makes the shell redraw its prompt: one request when the view first fits and one
+  // when the shell reports its own size, not one per re-render while the answer is outstanding.
+  const sizes = native.messages.filter((m) => m.type === 'terminal/resize').map((m) => `${m.payload.cols}x${m.payload.rows}`);
+  assert.ok(sizes.length >= 1 && sizes.length <= 2, sizes.join());
+  await page.close();
+});
+
+test('recorded: files open, save, rename, ask before a large file, show images and errors', async (ctx) => {
+  const { page, native, errors, projectId } = await openRecorded(ctx);
+  await page.click('.tree-row:has-text("README.md")');
+  await page.waitForSelector('.cm-content >> text=changed line');
+  await page.click('.tree-row:has-text("src")');
+  await page.dblclick('.tree-row:has-text("main.ts")');
+  await page.waitForSelector('.cm-content >> text=export const answer = 42;');
+  await page.waitForSelector('.cm-editor.cm-focused');
+  await page.keyboard.press('Control+End');
+  await page.keyboard.press('ArrowUp');
+  await page.keyboard.press('End');
+  await page.keyboard.press('ArrowLeft');
+  await page.keyboard.press('Backspace');
+  await page.keyboard.type('3');
+  await page.waitForSelector('.doc-tab.dirty >> text=main.ts');
+  await page.keyboard.press('Control+s');
+  const save = await native.waitFor((m) => m.type === 'project/file/save', 'save');
+  assert.equal(save.payload.content, 'export const answer = 43;\n');
+  await page.waitForSelector('.doc-tab:not(.dirty) >> text=main.ts');
+  await page.click('.tree-row:has-text("dot.png")');
+  await page.waitForSelector('.column-preview img[src^="data:image/png;base64,iVBOR"]');
+  await page.click('.tree-row:has-text("big.log")');
+  await page.waitForSelector('.dialog >> text=big.log');
+  await page.click('.dialog [data-action="cancel"]');
+  assert.ok(!native.messages.some((m) => m.type === 'project/file/open' && m.payload.allowLargeFile === true));
+  await page.evaluate((id) => window.__velkoDebug.app.openFile(id, 'nope.txt'), projectId);
+  await page.waitForSelector('.column-editor .doc-message.error >> text=ファイルが見つかりませんでした');
+  await page.click('.tree-row:has-text("old.ts")');
+  await page.press('.tree-row:has-text("old.ts")', 'F2');
+  await page.fill('.rename-input', 'renamed.ts');
+  await page.press('.rename-input', 'Enter');
+  await native.waitFor((m) => m.type === 'project/file/rename', 'rename');
+  await page.waitForSelector('.git-group >> text=未追跡 (4)');
+  assert.deepEqual(errors, []);
+  await page.close();
+});
+
+test('recorded: diff, commit, push without a remote, a terminal that exits, closing the project', async (ctx) => {
+  const { page, native, errors } = await openRecorded(ctx);
+  await page.click('.git-file:has-text("README.md")');
+  await page.waitForSelector('.diff-line.add >> text=+changed line');
+  await page.fill('.commit-message', 'Add staged file');
+  await page.click('.commit-button');
+  await page.waitForSelector('.toast.success >> text=コミットしました');
+  await page.waitForSelector('.git-groups >> text=変更はありません');
+  await page.waitForSelector('.commit-button:not([disabled])');
+  await page.click('button[data-action="push"]');
+  await page.waitForSelector('.toast.error >> text=リモートリポジトリがないプロジェクトです');
+  await page.click('.column-terminal .column-header button[aria-label="新しいターミナル"]');
+  await page.waitForSelector('.session-tab.active >> text=CLI #2');
+  await page.waitForSelector('.session-tab.active .status-badge >> text=実行中');
+  await page.keyboard.type('exit 3');
+  await page.keyboard.press('Enter');
+  await page.waitForSelector('.session-tab.active .status-badge >> text=終了コード 3');
+  await page.click('.session-tab.active .tab-close');
+  await native.waitFor((m) => m.type === 'terminal/close', 'terminal/close');
+  await page.waitForFunction(() => document.querySelectorAll('.session-tab').length === 1);
+  await page.click('.project-tab.active .tab-close');
+  await page.waitForSelector('.resume-list >> text=demo');
   assert.deepEqual(errors, []);
   await page.close();
 });
