@@ -110,6 +110,25 @@ await page.evaluate(
         await finished;
         return { ms: performance.now() - t0, clicks: window.__clickDelays };
       },
+      // Where the per-event time goes: the same loop of tasks doing only one part of the work.
+      async parts() {
+        const envelopes = scripts.map((sc) => sc.slice(scriptHead.indexOf("JSON.parse('") + 12, sc.length - scriptTail.length + scriptTail.indexOf("');")));
+        const payloads = envelopes.map((e) => JSON.parse(e).payload.chunk);
+        const time = async (step) => {
+          const t0 = performance.now();
+          await eachTask(scripts.length, step);
+          return performance.now() - t0;
+        };
+        const real = window.__velko__.dispatch;
+        window.__velko__.dispatch = () => undefined;
+        const out = {};
+        out.tasks = await time(() => undefined);
+        out.evalScript = (await time((i) => (0, eval)(scripts[i]))) - out.tasks;
+        window.__velko__.dispatch = real;
+        out.jsonParse = (await time((i) => JSON.parse(envelopes[i]))) - out.tasks;
+        out.base64 = (await time((i) => Uint8Array.fromBase64(payloads[i]))) - out.tasks;
+        return out;
+      },
       // The floor the event protocol sets: the same scripts, each decoded and
       // written straight to the terminal by a dispatcher with no page logic.
       async protocolFloor() {
@@ -155,6 +174,7 @@ for (let r = 0; r < ROUNDS; r++) {
   result.floor.push(await measure('protocolFloor'));
 }
 
+const parts = await page.evaluate(() => window.__bench.parts());
 await browser.close();
 server.close();
 
@@ -168,4 +188,6 @@ console.log(`events:   ${ev.toFixed(0)} ms (${(mib / (ev / 1000)).toFixed(1)} Mi
 console.log(`baseline: ${base.toFixed(0)} ms (${(mib / (base / 1000)).toFixed(1)} MiB/s); slowest click ${worstClick(result.baseline).toFixed(0)} ms of ${clickCount(result.baseline)}`);
 const floor = median(result.floor.map((r) => r.ms));
 console.log(`protocol floor (same scripts, decode + write, no page logic): ${floor.toFixed(0)} ms, ratio ${(floor / base).toFixed(2)}`);
+const perEvent = (ms) => `${((ms * 1000) / (TOTAL / CHUNK)).toFixed(0)} µs/event`;
+console.log(`per event: task ${perEvent(parts.tasks)}, script eval incl. its JSON.parse ${perEvent(parts.evalScript)}, JSON.parse alone ${perEvent(parts.jsonParse)}, base64 ${perEvent(parts.base64)}`);
 console.log(`ratio events/baseline: ${(ev / base).toFixed(2)} (goal <= 1.5; median of ${ROUNDS} rounds after a warm-up)`);

@@ -3,7 +3,7 @@
 // read the stores and call the intents below.
 
 import { Bridge } from './bridge';
-import { str, uuid } from './json';
+import { num, str, uuid } from './json';
 import { Store } from './store';
 import { newRequestId } from './ui/dom';
 import * as ws from './state/workspace';
@@ -39,6 +39,8 @@ export class App {
   private readonly gitRefreshTimers = new Map<string, ReturnType<typeof setTimeout>>();
   /** The size last asked for per session until the native side confirms one; every resize makes the shell redraw its prompt. */
   private readonly pendingResize = new Map<string, string>();
+  /** Sessions whose shell size the output stream has carried. */
+  private readonly sizedSessions = new Set<string>();
   readonly output: OutputQueue;
   private toastCounter = 0;
 
@@ -66,12 +68,28 @@ export class App {
       if (message) this.toast('error', message);
     });
     for (const type of TERMINAL_EVENTS) b.on(type, (p) => this.terminals.update((s) => term.applyTerminalEvent(s, type, p)));
+    // The shell's size, in the order of its output: the view parses what the shell wrote at the size it wrote it for.
     for (const type of ['terminal/created', 'terminal/resize']) {
       b.on(type, (p) => {
         const id = uuid(p, 'sessionId');
-        if (id) this.pendingResize.delete(id);
+        const cols = num(p, 'cols');
+        const rows = num(p, 'rows');
+        if (!id) return;
+        this.pendingResize.delete(id);
+        if (cols === undefined || rows === undefined || cols <= 0 || rows <= 0) return;
+        this.sizedSessions.add(id);
+        this.output.resize(id, cols, rows);
       });
     }
+    b.on('terminal/snapshot', () => {
+      // A page loaded while shells run learns their sizes here.
+      for (const s of this.terminals.get().sessions) {
+        if ((s.status === 'booting' || s.status === 'ready') && s.cols && s.rows && !this.sizedSessions.has(s.id)) {
+          this.sizedSessions.add(s.id);
+          this.output.resize(s.id, s.cols, s.rows);
+        }
+      }
+    });
     b.on('terminal/output', (p) => this.onOutput(p));
     b.on('terminal/activity', (p) => {
       const id = uuid(p, 'sessionId');

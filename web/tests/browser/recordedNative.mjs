@@ -35,7 +35,8 @@ function answers(recorded, posted) {
     case 'git/refresh/barrier':
       return r.projectId === p.projectId;
     case 'terminal/resize':
-      return r.sessionId === p.sessionId && r.cols === p.cols && r.rows === p.rows;
+      // The program confirms every size it gives a shell; any size is answered like the recorded one.
+      return true;
     case 'terminal/input':
     case 'terminal/focus':
       // Input is matched as a whole line in `handle`.
@@ -53,6 +54,10 @@ function tailor(events, posted) {
       return { ...e, payload: { ...e.payload, requestId: p.requestId, directories: e.payload.directories.filter((d) => p.paths.includes(d.path)) } };
     }
     if (e.type === 'git/refresh/barrier') return { ...e, payload: { ...e.payload, requestId: p.requestId } };
+    if (posted.type === 'terminal/resize') {
+      // The confirmation, and the shell's redraw, belong to the session that was resized.
+      return e.payload?.sessionId === undefined ? e : { ...e, payload: { ...e.payload, sessionId: p.sessionId, ...(e.type === 'terminal/resize' ? { cols: p.cols, rows: p.rows } : {}) } };
+    }
     if (e.type === 'git/diff' && Array.isArray(p.targets)) {
       return { ...e, payload: { ...e.payload, files: e.payload.files.filter((f) => p.targets.some((t) => t.path === f.path && t.stage === f.stage)) } };
     }

@@ -422,6 +422,12 @@ test('recorded: open a project, see its tree, prompt and git status, run a comma
   await page.waitForSelector('.git-group >> text=ステージ済み (1)');
   await page.waitForSelector('.git-group >> text=未ステージ (1)');
   await waitForTerminalText(page, sessionId, '# ');
+  // The shell started at its own size and wrote its end-of-line mark (a reverse-video '#' padded to
+  // that width, then wiped); parsed at that width nothing of it stays on screen. The view then takes
+  // its own size once the program confirms it.
+  await page.waitForFunction((id) => window.__velkoDebug.terminal(id)?.cols < 120, sessionId);
+  const screen = await page.evaluate((id) => window.__velkoDebug.terminalText(id), sessionId);
+  assert.deepEqual(screen.split('\n').map((l) => l.trimEnd()).filter(Boolean), ['#'], JSON.stringify(screen));
   await page.click('.term-host:not([hidden]) .xterm');
   await page.keyboard.type('echo velko-$((6*7))');
   await page.keyboard.press('Enter');
