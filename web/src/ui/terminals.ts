@@ -85,6 +85,8 @@ export function mountTerminals(app: App, column: HTMLElement): TerminalsView {
   /** The session shown per project ('' for no project). */
   const chosen = new Map<string, string>();
   let activeId: string | undefined;
+  /** The project whose terminals were last on screen, to notice a switch. */
+  let shownProject: string | undefined;
   let fontSize = 13;
 
   const makePane = (s: TerminalSession): Pane => {
@@ -269,7 +271,10 @@ export function mountTerminals(app: App, column: HTMLElement): TerminalsView {
     if (current) {
       const pane = panes.get(current);
       if (pane) requestAnimationFrame(() => fitPane(current!, pane));
-      if (hadFocus || created) focusActive();
+      // A project brought forward (by its tab, a key or at start) is there to be typed into.
+      const focusIdle = !document.activeElement || document.activeElement === document.body || document.activeElement.closest('.topbar') !== null;
+      if (hadFocus || created || (key !== shownProject && focusIdle)) focusActive();
+      shownProject = key;
     }
   };
 

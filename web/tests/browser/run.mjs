@@ -91,6 +91,9 @@ test('tabs activate, close and reorder by dragging', async (ctx) => {
   const act = await native.waitFor((m) => m.type === 'project/activate', 'project/activate');
   assert.deepEqual(act.payload, { id: a.id });
   await page.waitForSelector('.project-tab.active >> text=one');
+  // The project brought forward gets the keyboard in its terminal, not the tab that was clicked.
+  const oneSession = native.sessions.find((s) => s.projectId === a.id).id;
+  await page.waitForFunction((id) => document.activeElement?.closest('.term-host')?.dataset.session === id, oneSession);
   // Coming back to a project reloads its tree: changes made while it was in the background were not watched.
   const treeRequests = () => native.messages.filter((m) => m.type === 'project/explorer/directories/request' && m.payload.projectId === b.id).length;
   assert.equal(treeRequests(), 1);
