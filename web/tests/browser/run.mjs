@@ -351,6 +351,27 @@ test('commits from the git panel and shows the result', async (ctx) => {
   await page.close();
 });
 
+test('a pinch on the touchpad widens or narrows the column under the fingers', async (ctx) => {
+  const { page, native } = await openPage(ctx, (n) => n.addProject('pi'));
+  await page.waitForSelector('.project-tab.active >> text=pi');
+  const geometry = () =>
+    page.evaluate(() => {
+      const root = document.querySelector('.columns').getBoundingClientRect();
+      const col = document.querySelector('.column-editor').getBoundingClientRect();
+      return { width: col.width, centre: (col.left + col.width / 2 - root.left) / root.width };
+    });
+  const pinch = (direction, normalizedX) =>
+    native.send('layout/column-pinch', { direction, magnitude: direction === 'expand' ? 0.3 : -0.3, normalizedX, normalizedY: 0.5, locationX: 1, locationY: 1, scaleFactor: 1, timestamp: 1700000000 });
+  const start = await geometry();
+  for (const [direction, x] of [['sideways', start.centre], ['expand', 'middle'], ['expand', 7]]) await pinch(direction, x);
+  assert.equal((await geometry()).width, start.width);
+  await pinch('expand', start.centre);
+  await page.waitForFunction((w) => Math.abs(document.querySelector('.column-editor').getBoundingClientRect().width - w * 1.25) < 2, start.width);
+  await pinch('collapse', (await geometry()).centre);
+  await page.waitForFunction((w) => Math.abs(document.querySelector('.column-editor').getBoundingClientRect().width - w) < 2, start.width);
+  await page.close();
+});
+
 test('malformed events are ignored and the page keeps working', async (ctx) => {
   const { page, native, errors } = await openPage(ctx, (n) => n.addProject('mu'));
   await page.waitForSelector('.project-tab.active >> text=mu');
