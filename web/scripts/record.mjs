@@ -26,8 +26,13 @@ for (const dir of [home, path.join(root, 'data'), path.join(root, 'cache'), path
   fs.mkdirSync(dir, { recursive: true });
 }
 
+// A stand-in for the codex tool, found on PATH behind velko's wrapper, which marks its start and end.
+const bin = path.join(home, 'bin');
+fs.mkdirSync(bin, { recursive: true });
+fs.writeFileSync(path.join(bin, 'codex'), '#!/bin/sh\necho "codex stand-in"\nexit 2\n', { mode: 0o755 });
+
 const env = {
-  PATH: process.env.PATH ?? '/usr/bin:/bin',
+  PATH: `${bin}:${process.env.PATH ?? '/usr/bin:/bin'}`,
   HOME: home,
   XDG_DATA_HOME: path.join(root, 'data'),
   XDG_CACHE_HOME: path.join(root, 'cache'),
@@ -145,6 +150,8 @@ try {
   await step({ type: 'terminal/resize', payload: { sessionId, cols: 100, rows: 30 } });
   const before = events.length;
   await step({ type: 'terminal/input', payload: { sessionId, data: 'echo velko-$((6*7))\r' } }, () => decodedOutput(sessionId, before).includes('velko-42'), 'echo output');
+  const beforeCodex = events.length;
+  await step({ type: 'terminal/input', payload: { sessionId, data: 'codex\r' } }, () => decodedOutput(sessionId, beforeCodex).includes('velko-codex:end'), 'codex end marker');
   await step({ type: 'terminal/focus', payload: { sessionId, focused: true } });
   await step({ type: 'project/explorer/directories/request', payload: { projectId, paths: [''], requestId: 'rec-1' } }, (e) => e.type === 'project/explorer/directories');
   await step({ type: 'project/explorer/directories/request', payload: { projectId, paths: ['src', 'missing'], requestId: 'rec-2' } }, (e) => e.type === 'project/explorer/directories');

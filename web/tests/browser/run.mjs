@@ -456,6 +456,11 @@ test('recorded: open a project, see its tree, prompt and git status, run a comma
   await page.keyboard.type('echo velko-$((6*7))');
   await page.keyboard.press('Enter');
   await waitForTerminalText(page, sessionId, 'velko-42');
+  // velko's wrapper around the codex tool marks its run; the tab shows how it ended.
+  await page.keyboard.type('codex');
+  await page.keyboard.press('Enter');
+  await waitForTerminalText(page, sessionId, 'codex stand-in');
+  await page.waitForSelector('.session-tab .codex-badge >> text=codex 終了 (2)');
   await page.click('.tree-row:has-text("src")');
   await page.waitForSelector('.tree-row >> text=main.ts');
   assert.deepEqual(errors, []);
