@@ -182,6 +182,35 @@ test('output is decoded and written in order, with status, exit code and the cod
   await page.close();
 });
 
+test('a running shell keeps its size in the view until the program confirms the new one', async (ctx) => {
+  let session;
+  const { page, native } = await openPage(ctx, (n) => {
+    n.addProject('omicron');
+    session = n.sessions[0];
+  });
+  await page.waitForSelector('.term-host:not([hidden]) .xterm');
+  const size = () => page.evaluate((id) => { const t = window.__velkoDebug.terminal(id); return `${t.cols}x${t.rows}`; }, session.id);
+  // A page loaded while the shell runs learns its size from the snapshot.
+  const entry = { id: session.id, title: session.title, workingDirectory: session.workingDirectory, projectId: session.projectId, status: 'ready', cols: 120, rows: 40, pid: 7 };
+  await native.send('terminal/snapshot', { sessions: [entry] });
+  await page.waitForFunction((id) => window.__velkoDebug.terminal(id).cols === 120, session.id);
+  const asked = await native.waitFor((m) => m.type === 'terminal/resize' && m.payload.sessionId === session.id && m.payload.cols !== 120, 'resize to the view');
+  const fitted = `${asked.payload.cols}x${asked.payload.rows}`;
+  // Output the shell wrote for 120 columns: a full-width line that wraps only at 120.
+  await native.send('terminal/output', { sessionId: session.id, chunk: b64(`${'x'.repeat(100)}END\r\n`), encoding: 'base64' });
+  await waitForTerminalText(page, session.id, 'END');
+  assert.equal(await size(), '120x40');
+  assert.ok((await page.evaluate((id) => window.__velkoDebug.terminalText(id), session.id)).includes(`${'x'.repeat(100)}END`));
+  await native.send('terminal/resize', { sessionId: session.id, cols: asked.payload.cols, rows: asked.payload.rows });
+  await page.waitForFunction(([id, want]) => { const t = window.__velkoDebug.terminal(id); return `${t.cols}x${t.rows}` === want; }, [session.id, fitted]);
+  // Once the shell has ended, the view simply takes its space again.
+  await native.send('terminal/status', { sessionId: session.id, status: 'terminated', exitCode: 0 });
+  await native.send('terminal/resize', { sessionId: session.id, cols: 60, rows: 10 });
+  await page.setViewportSize({ width: 1500, height: 900 });
+  await page.waitForFunction(([id, was]) => { const t = window.__velkoDebug.terminal(id); return `${t.cols}x${t.rows}` !== '60x10' && `${t.cols}x${t.rows}` !== was; }, [session.id, fitted]);
+  await page.close();
+});
+
 test('new terminal and close terminal post their messages', async (ctx) => {
   let project;
   const { page, native } = await openPage(ctx, (n) => {
