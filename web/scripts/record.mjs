@@ -174,6 +174,7 @@ try {
     await step({ type: 'terminal/close', payload: { sessionId: created.payload.sessionId } });
   }
   await step({ type: 'project/close', payload: { projectId } }, (e) => e.type === 'app/config');
+  await step({ type: 'project/resume' }, (e) => e.type === 'app/config' || e.type === 'project/resume/error');
   child.stdin.end();
   await new Promise((resolve) => child.on('exit', resolve));
 

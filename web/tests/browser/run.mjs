@@ -560,6 +560,9 @@ test('recorded: diff, commit, push without a remote, a terminal that exits, clos
   await page.waitForFunction(() => document.querySelectorAll('.session-tab').length === 1);
   await page.click('.project-tab.active .tab-close');
   await page.waitForSelector('.resume-list >> text=demo');
+  await page.click('.resume-button');
+  await page.waitForSelector('.project-tab.active >> text=demo');
+  await page.waitForSelector('.tree-row >> text=README.md');
   assert.deepEqual(errors, []);
   await page.close();
 });
