@@ -175,6 +175,8 @@ try {
   }
   await step({ type: 'project/close', payload: { projectId } }, (e) => e.type === 'app/config');
   await step({ type: 'project/resume' }, (e) => e.type === 'app/config' || e.type === 'project/resume/error');
+  // The page starts a shell for a resumed project that has none.
+  await step({ type: 'terminal/create', payload: { projectId } }, (e) => e.type === 'terminal/status' && e.payload.status === 'ready');
   child.stdin.end();
   await new Promise((resolve) => child.on('exit', resolve));
 

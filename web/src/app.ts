@@ -41,6 +41,8 @@ export class App {
   private readonly pendingResize = new Map<string, string>();
   /** Sessions whose shell size the output stream has carried. */
   private readonly sizedSessions = new Set<string>();
+  /** A resume was asked for; its snapshot brings projects back without their shells. */
+  private resumeRequested = false;
   readonly output: OutputQueue;
   private toastCounter = 0;
 
@@ -64,6 +66,7 @@ export class App {
       this.onActiveProjectShown();
     });
     b.on('project/resume/error', (p) => {
+      this.resumeRequested = false;
       const message = str(p, 'message');
       if (message) this.toast('error', message);
     });
@@ -135,6 +138,12 @@ export class App {
       return out;
     });
     this.onActiveProjectShown();
+    if (this.resumeRequested && next.projects.length > 0) {
+      this.resumeRequested = false;
+      // A workspace brought back should be ready to type into, as a freshly opened project is.
+      const id = next.activeProjectId;
+      if (id && !next.cliSessions.some((c) => c.projectId === id)) this.createTerminal();
+    }
   }
 
   /**
@@ -215,6 +224,7 @@ export class App {
   }
 
   resumeWorkspace(): void {
+    this.resumeRequested = true;
     this.bridge.post('project/resume');
   }
 
@@ -248,10 +258,10 @@ export class App {
   }
 
   resizeTerminal(sessionId: string, cols: number, rows: number): void {
+    if (cols < 1 || rows < 1) return;
     const size = `${cols}x${rows}`;
     if (this.pendingResize.get(sessionId) === size) return;
     this.pendingResize.set(sessionId, size);
-    if (cols < 1 || rows < 1) return;
     this.bridge.post('terminal/resize', { sessionId, cols, rows });
   }
 

@@ -121,6 +121,25 @@ test('resume is offered when the workspace is empty but saved', async (ctx) => {
   await page.click('.resume-button');
   await native.waitFor((m) => m.type === 'project/resume', 'project/resume');
   await page.waitForSelector('.project-tab.active >> text=gamma');
+  // Its shell is still configured: nothing new is started.
+  await page.waitForSelector('.session-tab >> text=CLI #1');
+  assert.ok(!native.messages.some((m) => m.type === 'terminal/create'));
+  await page.close();
+});
+
+test('a resumed project without a shell gets a new terminal', async (ctx) => {
+  let project;
+  const { page, native } = await openPage(ctx, (n) => {
+    project = n.addProject('delta-2');
+    n.projects = [];
+    n.sessions = [];
+    n.activeProjectId = undefined;
+  });
+  await page.click('.resume-button');
+  const create = await native.waitFor((m) => m.type === 'terminal/create', 'terminal/create after resume');
+  assert.deepEqual(create.payload, { projectId: project.id });
+  await page.waitForSelector('.session-tab >> text=CLI #1');
+  assert.equal(native.messages.filter((m) => m.type === 'terminal/create').length, 1);
   await page.close();
 });
 
@@ -563,6 +582,7 @@ test('recorded: diff, commit, push without a remote, a terminal that exits, clos
   await page.click('.resume-button');
   await page.waitForSelector('.project-tab.active >> text=demo');
   await page.waitForSelector('.tree-row >> text=README.md');
+  await page.waitForSelector('.session-tab.active .status-badge >> text=実行中');
   assert.deepEqual(errors, []);
   await page.close();
 });
