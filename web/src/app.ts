@@ -3,7 +3,7 @@
 // read the stores and call the intents below.
 
 import { Bridge } from './bridge';
-import { str, uuid } from './json';
+import { num, str, uuid } from './json';
 import { Store } from './store';
 import { newRequestId } from './ui/dom';
 import * as ws from './state/workspace';
@@ -37,6 +37,12 @@ export class App {
   private shownSessionId: string | undefined;
   private shownProjectId: string | undefined;
   private readonly gitRefreshTimers = new Map<string, ReturnType<typeof setTimeout>>();
+  /** The size last asked for per session until the native side confirms one; every resize makes the shell redraw its prompt. */
+  private readonly pendingResize = new Map<string, string>();
+  /** Sessions whose shell size the output stream has carried. */
+  private readonly sizedSessions = new Set<string>();
+  /** A resume was asked for; its snapshot brings projects back without their shells. */
+  private resumeRequested = false;
   readonly output: OutputQueue;
   private toastCounter = 0;
 
@@ -60,10 +66,33 @@ export class App {
       this.onActiveProjectShown();
     });
     b.on('project/resume/error', (p) => {
+      this.resumeRequested = false;
       const message = str(p, 'message');
       if (message) this.toast('error', message);
     });
     for (const type of TERMINAL_EVENTS) b.on(type, (p) => this.terminals.update((s) => term.applyTerminalEvent(s, type, p)));
+    // The shell's size, in the order of its output: the view parses what the shell wrote at the size it wrote it for.
+    for (const type of ['terminal/created', 'terminal/resize']) {
+      b.on(type, (p) => {
+        const id = uuid(p, 'sessionId');
+        const cols = num(p, 'cols');
+        const rows = num(p, 'rows');
+        if (!id) return;
+        this.pendingResize.delete(id);
+        if (cols === undefined || rows === undefined || cols <= 0 || rows <= 0) return;
+        this.sizedSessions.add(id);
+        this.output.resize(id, cols, rows);
+      });
+    }
+    b.on('terminal/snapshot', () => {
+      // A page loaded while shells run learns their sizes here.
+      for (const s of this.terminals.get().sessions) {
+        if ((s.status === 'booting' || s.status === 'ready') && s.cols && s.rows && !this.sizedSessions.has(s.id)) {
+          this.sizedSessions.add(s.id);
+          this.output.resize(s.id, s.cols, s.rows);
+        }
+      }
+    });
     b.on('terminal/output', (p) => this.onOutput(p));
     b.on('terminal/activity', (p) => {
       const id = uuid(p, 'sessionId');
@@ -109,6 +138,12 @@ export class App {
       return out;
     });
     this.onActiveProjectShown();
+    if (this.resumeRequested && next.projects.length > 0) {
+      this.resumeRequested = false;
+      // A workspace brought back should be ready to type into, as a freshly opened project is.
+      const id = next.activeProjectId;
+      if (id && !next.cliSessions.some((c) => c.projectId === id)) this.createTerminal();
+    }
   }
 
   /**
@@ -189,6 +224,7 @@ export class App {
   }
 
   resumeWorkspace(): void {
+    this.resumeRequested = true;
     this.bridge.post('project/resume');
   }
 
@@ -223,6 +259,9 @@ export class App {
 
   resizeTerminal(sessionId: string, cols: number, rows: number): void {
     if (cols < 1 || rows < 1) return;
+    const size = `${cols}x${rows}`;
+    if (this.pendingResize.get(sessionId) === size) return;
+    this.pendingResize.set(sessionId, size);
     this.bridge.post('terminal/resize', { sessionId, cols, rows });
   }
 

@@ -4,11 +4,26 @@
 // pieces as parsing catches up, so the page keeps answering clicks. Output for
 // a session whose view does not exist yet waits here. Byte order per session
 // is kept exactly; sessions are independent.
+//
+// Size changes of the shell's PTY travel in the same stream: output the shell
+// wrote for 120 columns must be parsed at 120 columns, or its line wrapping
+// (zsh's end-of-line mark, full-width redraws) lands in the wrong places.
 
 export interface OutputSink {
   /** Writes bytes; calls `done` once the terminal has parsed them. */
   write(bytes: Uint8Array, done: () => void): void;
+  /** Takes the new size after everything written before has been parsed, and before anything written after. */
+  resize(cols: number, rows: number): void;
 }
+
+interface SizeMark {
+  cols: number;
+  rows: number;
+}
+
+type Item = Uint8Array | SizeMark;
+
+const isBytes = (item: Item): item is Uint8Array => item instanceof Uint8Array;
 
 export type Scheduler = (flush: () => void) => void;
 
@@ -23,7 +38,7 @@ const MAX_WRITE = 128 * 1024;
 const DETACHED_LIMIT = 8 * 1024 * 1024;
 
 interface Lane {
-  chunks: Uint8Array[];
+  chunks: Item[];
   bytes: number;
   sink?: OutputSink;
   inFlight: number;
@@ -52,6 +67,13 @@ export class OutputQueue {
     if (lane.inFlight === 0) this.writeSome(lane, lane.sink);
   }
 
+  /** The shell's terminal has this size from here on in the session's output. */
+  resize(sessionId: string, cols: number, rows: number): void {
+    const lane = this.lane(sessionId);
+    lane.chunks.push({ cols, rows });
+    if (lane.sink && lane.inFlight === 0) this.pump(lane, lane.sink);
+  }
+
   attach(sessionId: string, sink: OutputSink): void {
     this.lane(sessionId).sink = sink;
     this.requestFlush();
@@ -78,24 +100,36 @@ export class OutputQueue {
     for (const lane of this.lanes.values()) {
       const sink = lane.sink;
       if (!sink) continue;
-      while (lane.chunks.length > 0 && lane.inFlight < HIGH_WATER) this.writeSome(lane, sink);
+      this.pump(lane, sink);
     }
   }
 
+  private pump(lane: Lane, sink: OutputSink): void {
+    while (lane.chunks.length > 0 && lane.inFlight < HIGH_WATER) this.writeSome(lane, sink);
+  }
+
   private writeSome(lane: Lane, sink: OutputSink): void {
+    const head = lane.chunks[0]!;
+    if (!isBytes(head)) {
+      lane.chunks.shift();
+      sink.resize(head.cols, head.rows);
+      return;
+    }
     let count = 0;
     let size = 0;
-    while (count < lane.chunks.length && (count === 0 || size + lane.chunks[count]!.length <= MAX_WRITE)) {
-      size += lane.chunks[count]!.length;
+    while (count < lane.chunks.length) {
+      const item = lane.chunks[count]!;
+      if (!isBytes(item) || (count > 0 && size + item.length > MAX_WRITE)) break;
+      size += item.length;
       count += 1;
     }
-    const bytes = concat(lane.chunks.splice(0, count), size);
+    const bytes = concat(lane.chunks.splice(0, count) as Uint8Array[], size);
     lane.bytes -= size;
     lane.inFlight += size;
     sink.write(bytes, () => {
       lane.inFlight -= size;
       // Refill at once: waiting for the next frame would leave the parser idle during a flood.
-      if (lane.sink === sink) while (lane.chunks.length > 0 && lane.inFlight < HIGH_WATER) this.writeSome(lane, sink);
+      if (lane.sink === sink) this.pump(lane, sink);
       if (lane.chunks.length === 0 && lane.inFlight === 0) for (const cb of lane.idle.splice(0)) cb();
     });
   }
@@ -116,10 +150,14 @@ export class OutputQueue {
   }
 
   private trimDetached(lane: Lane): void {
+    let size: SizeMark | undefined;
     while (lane.bytes > DETACHED_LIMIT && lane.chunks.length > 1) {
       const dropped = lane.chunks.shift()!;
-      lane.bytes -= dropped.length;
+      if (isBytes(dropped)) lane.bytes -= dropped.length;
+      else size = dropped;
     }
+    // What is left was written at the last size given before it.
+    if (size) lane.chunks.unshift(size);
   }
 }
 

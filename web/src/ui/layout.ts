@@ -3,6 +3,7 @@
 // that leaves it out still gets it as the last column.
 
 import type { App } from '../app';
+import { num, str } from '../json';
 import type { ColumnKind } from '../state/workspace';
 import { h } from './dom';
 
@@ -41,7 +42,34 @@ export function mountLayout(app: App, root: HTMLElement): Record<ColumnKind, HTM
     if (s.columnLayout !== prev.columnLayout) render();
   });
   render();
+
+  // A finished pinch on the touchpad widens (spread) or narrows (pinch) the column under the fingers.
+  app.bridge.on('layout/column-pinch', (p) => {
+    const direction = str(p, 'direction');
+    const x = num(p, 'normalizedX');
+    if ((direction !== 'expand' && direction !== 'collapse') || x === undefined || x < 0 || x > 1) return;
+    const box = root.getBoundingClientRect();
+    const at = box.left + x * box.width;
+    const kind = columnOrder(app.workspace.get().columnLayout).find((k) => {
+      const r = columns[k].getBoundingClientRect();
+      return at >= r.left && at <= r.right;
+    });
+    if (!kind) return;
+    const width = pinchedWidth(columns[kind].getBoundingClientRect().width, direction, box.width);
+    widths[kind] = width;
+    applyWidth(columns[kind], width);
+    saveWidths(widths);
+  });
   return columns;
+}
+
+const PINCH_STEP = 1.25;
+
+/** The column's width after one pinch: a step wider or narrower, never below the minimum or beyond most of the window. */
+export function pinchedWidth(current: number, direction: 'expand' | 'collapse', available: number): number {
+  const next = direction === 'expand' ? current * PINCH_STEP : current / PINCH_STEP;
+  const max = Math.max(MIN_WIDTH, available * 0.8);
+  return Math.round(Math.min(max, Math.max(MIN_WIDTH, next)));
 }
 
 const STORAGE_KEY = 'velko.columnWidths';

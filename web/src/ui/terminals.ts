@@ -42,7 +42,12 @@ interface Pane {
   fit: FitAddon;
   host: HTMLElement;
   opened: boolean;
+  /** The size of the shell's PTY as its output stream last said; the view keeps it while the shell runs. */
+  pty?: { cols: number; rows: number };
+  resizeTimer?: number;
 }
+
+const EMPTY = new Uint8Array(0);
 
 export interface TerminalsView {
   /** Focuses the visible terminal; false when there is none. */
@@ -80,6 +85,8 @@ export function mountTerminals(app: App, column: HTMLElement): TerminalsView {
   /** The session shown per project ('' for no project). */
   const chosen = new Map<string, string>();
   let activeId: string | undefined;
+  /** The project whose terminals were last on screen, to notice a switch. */
+  let shownProject: string | undefined;
   let fontSize = 13;
 
   const makePane = (s: TerminalSession): Pane => {
@@ -103,12 +110,6 @@ export function mountTerminals(app: App, column: HTMLElement): TerminalsView {
       if (data === '\x03') app.interrupt(id);
     });
     term.onBinary((data) => app.sendInput(id, binaryStringToBase64(data), 'base64'));
-    // Dragging a column resizes continuously; the shell only needs the size it ends at.
-    let resizeTimer: number | undefined;
-    term.onResize(({ cols, rows }) => {
-      window.clearTimeout(resizeTimer);
-      resizeTimer = window.setTimeout(() => app.resizeTerminal(id, cols, rows), 80);
-    });
     term.parser.registerOscHandler(633, (data) => app.codexMarker(id, data));
     term.attachCustomKeyEventHandler((ev) => {
       // Ctrl+Shift+C copies the selection instead of reaching the shell.
@@ -126,7 +127,16 @@ export function mountTerminals(app: App, column: HTMLElement): TerminalsView {
     });
     const pane: Pane = { term, fit, host, opened: false };
     panes.set(id, pane);
-    app.output.attach(id, { write: (bytes, done) => term.write(bytes, done) });
+    app.output.attach(id, {
+      write: (bytes, done) => term.write(bytes, done),
+      // Queued behind the bytes already written, so they are parsed at the old size.
+      resize: (cols, rows) =>
+        term.write(EMPTY, () => {
+          pane.pty = { cols, rows };
+          if (term.cols !== cols || term.rows !== rows) term.resize(cols, rows);
+          fitPane(id, pane);
+        }),
+    });
     return pane;
   };
 
@@ -140,27 +150,43 @@ export function mountTerminals(app: App, column: HTMLElement): TerminalsView {
     fitPane(id, pane);
   };
 
+  /**
+   * Matches the view to its place on screen. While the shell runs, the view
+   * keeps the shell's size and asks the native side for the new one; the
+   * answer comes back in the output stream (see `resize` above). Without a
+   * running shell the view simply takes the space.
+   */
   const fitPane = (id: string, pane: Pane) => {
     if (!pane.opened || pane.host.hidden || pane.host.clientWidth === 0) return;
-    const before = `${pane.term.cols}x${pane.term.rows}`;
+    let dims: { cols: number; rows: number } | undefined;
     try {
-      pane.fit.fit();
+      dims = pane.fit.proposeDimensions();
     } catch {
       return;
     }
-    // A fit that changes nothing fires no resize event, but a new session still needs its size once.
-    if (`${pane.term.cols}x${pane.term.rows}` === before) {
-      const s = app.terminals.get().sessions.find((x) => x.id === id);
-      if (s && (s.cols !== pane.term.cols || s.rows !== pane.term.rows) && acceptsInput(s)) {
-        app.resizeTerminal(id, pane.term.cols, pane.term.rows);
-      }
+    if (!dims || !(dims.cols > 0) || !(dims.rows > 0)) return;
+    const { cols, rows } = dims;
+    const s = app.terminals.get().sessions.find((x) => x.id === id);
+    const running = s !== undefined && (s.status === 'booting' || s.status === 'ready');
+    if (!running || !pane.pty) {
+      if (pane.term.cols !== cols || pane.term.rows !== rows) pane.term.resize(cols, rows);
     }
+    if (!running) return;
+    const shellSize = pane.pty ?? (s.cols && s.rows ? { cols: s.cols, rows: s.rows } : undefined);
+    if (shellSize && shellSize.cols === cols && shellSize.rows === rows) {
+      window.clearTimeout(pane.resizeTimer);
+      return;
+    }
+    // Dragging a column resizes continuously; the shell only needs the size it ends at.
+    window.clearTimeout(pane.resizeTimer);
+    pane.resizeTimer = window.setTimeout(() => app.resizeTerminal(id, cols, rows), 60);
   };
 
   const disposePane = (id: string) => {
     const pane = panes.get(id);
     if (!pane) return;
     app.output.detach(id);
+    window.clearTimeout(pane.resizeTimer);
     pane.term.dispose();
     pane.host.remove();
     panes.delete(id);
@@ -245,7 +271,10 @@ export function mountTerminals(app: App, column: HTMLElement): TerminalsView {
     if (current) {
       const pane = panes.get(current);
       if (pane) requestAnimationFrame(() => fitPane(current!, pane));
-      if (hadFocus || created) focusActive();
+      // A project brought forward (by its tab, a key or at start) is there to be typed into.
+      const focusIdle = !document.activeElement || document.activeElement === document.body || document.activeElement.closest('.topbar') !== null;
+      if (hadFocus || created || (key !== shownProject && focusIdle)) focusActive();
+      shownProject = key;
     }
   };
 

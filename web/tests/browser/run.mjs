@@ -7,6 +7,7 @@ import { fileURLToPath } from 'node:url';
 import fs from 'node:fs';
 import { serve, launch, installChannel } from './harness.mjs';
 import { FakeNative } from './fakeNative.mjs';
+import { RecordedNative, loadRecording } from './recordedNative.mjs';
 import { eventScript, dropScript } from '../injectedScript.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
@@ -90,6 +91,9 @@ test('tabs activate, close and reorder by dragging', async (ctx) => {
   const act = await native.waitFor((m) => m.type === 'project/activate', 'project/activate');
   assert.deepEqual(act.payload, { id: a.id });
   await page.waitForSelector('.project-tab.active >> text=one');
+  // The project brought forward gets the keyboard in its terminal, not the tab that was clicked.
+  const oneSession = native.sessions.find((s) => s.projectId === a.id).id;
+  await page.waitForFunction((id) => document.activeElement?.closest('.term-host')?.dataset.session === id, oneSession);
   // Coming back to a project reloads its tree: changes made while it was in the background were not watched.
   const treeRequests = () => native.messages.filter((m) => m.type === 'project/explorer/directories/request' && m.payload.projectId === b.id).length;
   assert.equal(treeRequests(), 1);
@@ -117,6 +121,25 @@ test('resume is offered when the workspace is empty but saved', async (ctx) => {
   await page.click('.resume-button');
   await native.waitFor((m) => m.type === 'project/resume', 'project/resume');
   await page.waitForSelector('.project-tab.active >> text=gamma');
+  // Its shell is still configured: nothing new is started.
+  await page.waitForSelector('.session-tab >> text=CLI #1');
+  assert.ok(!native.messages.some((m) => m.type === 'terminal/create'));
+  await page.close();
+});
+
+test('a resumed project without a shell gets a new terminal', async (ctx) => {
+  let project;
+  const { page, native } = await openPage(ctx, (n) => {
+    project = n.addProject('delta-2');
+    n.projects = [];
+    n.sessions = [];
+    n.activeProjectId = undefined;
+  });
+  await page.click('.resume-button');
+  const create = await native.waitFor((m) => m.type === 'terminal/create', 'terminal/create after resume');
+  assert.deepEqual(create.payload, { projectId: project.id });
+  await page.waitForSelector('.session-tab >> text=CLI #1');
+  assert.equal(native.messages.filter((m) => m.type === 'terminal/create').length, 1);
   await page.close();
 });
 
@@ -175,6 +198,35 @@ test('output is decoded and written in order, with status, exit code and the cod
   await native.send('terminal/status', { sessionId: session.id, status: 'failed' });
   await native.send('terminal/error', { sessionId: session.id, message: 'write_failed: EIO', recoverable: true });
   await page.waitForSelector('.session-banner >> text=write_failed: EIO');
+  await page.close();
+});
+
+test('a running shell keeps its size in the view until the program confirms the new one', async (ctx) => {
+  let session;
+  const { page, native } = await openPage(ctx, (n) => {
+    n.addProject('omicron');
+    session = n.sessions[0];
+  });
+  await page.waitForSelector('.term-host:not([hidden]) .xterm');
+  const size = () => page.evaluate((id) => { const t = window.__velkoDebug.terminal(id); return `${t.cols}x${t.rows}`; }, session.id);
+  // A page loaded while the shell runs learns its size from the snapshot.
+  const entry = { id: session.id, title: session.title, workingDirectory: session.workingDirectory, projectId: session.projectId, status: 'ready', cols: 120, rows: 40, pid: 7 };
+  await native.send('terminal/snapshot', { sessions: [entry] });
+  await page.waitForFunction((id) => window.__velkoDebug.terminal(id).cols === 120, session.id);
+  const asked = await native.waitFor((m) => m.type === 'terminal/resize' && m.payload.sessionId === session.id && m.payload.cols !== 120, 'resize to the view');
+  const fitted = `${asked.payload.cols}x${asked.payload.rows}`;
+  // Output the shell wrote for 120 columns: a full-width line that wraps only at 120.
+  await native.send('terminal/output', { sessionId: session.id, chunk: b64(`${'x'.repeat(100)}END\r\n`), encoding: 'base64' });
+  await waitForTerminalText(page, session.id, 'END');
+  assert.equal(await size(), '120x40');
+  assert.ok((await page.evaluate((id) => window.__velkoDebug.terminalText(id), session.id)).includes(`${'x'.repeat(100)}END`));
+  await native.send('terminal/resize', { sessionId: session.id, cols: asked.payload.cols, rows: asked.payload.rows });
+  await page.waitForFunction(([id, want]) => { const t = window.__velkoDebug.terminal(id); return `${t.cols}x${t.rows}` === want; }, [session.id, fitted]);
+  // Once the shell has ended, the view simply takes its space again.
+  await native.send('terminal/status', { sessionId: session.id, status: 'terminated', exitCode: 0 });
+  await native.send('terminal/resize', { sessionId: session.id, cols: 60, rows: 10 });
+  await page.setViewportSize({ width: 1500, height: 900 });
+  await page.waitForFunction(([id, was]) => { const t = window.__velkoDebug.terminal(id); return `${t.cols}x${t.rows}` !== '60x10' && `${t.cols}x${t.rows}` !== was; }, [session.id, fitted]);
   await page.close();
 });
 
@@ -347,6 +399,27 @@ test('commits from the git panel and shows the result', async (ctx) => {
   await page.close();
 });
 
+test('a pinch on the touchpad widens or narrows the column under the fingers', async (ctx) => {
+  const { page, native } = await openPage(ctx, (n) => n.addProject('pi'));
+  await page.waitForSelector('.project-tab.active >> text=pi');
+  const geometry = () =>
+    page.evaluate(() => {
+      const root = document.querySelector('.columns').getBoundingClientRect();
+      const col = document.querySelector('.column-editor').getBoundingClientRect();
+      return { width: col.width, centre: (col.left + col.width / 2 - root.left) / root.width };
+    });
+  const pinch = (direction, normalizedX) =>
+    native.send('layout/column-pinch', { direction, magnitude: direction === 'expand' ? 0.3 : -0.3, normalizedX, normalizedY: 0.5, locationX: 1, locationY: 1, scaleFactor: 1, timestamp: 1700000000 });
+  const start = await geometry();
+  for (const [direction, x] of [['sideways', start.centre], ['expand', 'middle'], ['expand', 7]]) await pinch(direction, x);
+  assert.equal((await geometry()).width, start.width);
+  await pinch('expand', start.centre);
+  await page.waitForFunction((w) => Math.abs(document.querySelector('.column-editor').getBoundingClientRect().width - w * 1.25) < 2, start.width);
+  await pinch('collapse', (await geometry()).centre);
+  await page.waitForFunction((w) => Math.abs(document.querySelector('.column-editor').getBoundingClientRect().width - w) < 2, start.width);
+  await page.close();
+});
+
 test('malformed events are ignored and the page keeps working', async (ctx) => {
   const { page, native, errors } = await openPage(ctx, (n) => n.addProject('mu'));
   await page.waitForSelector('.project-tab.active >> text=mu');
@@ -388,6 +461,128 @@ test('without a native channel the page loads and logs instead of crashing', asy
   await native.send('app/config', native.config());
   await page.waitForSelector('.empty-workspace >> text=プロジェクトが開かれていません');
   assert.ok(logs.some((t) => t.includes('no native channel')), logs.join('\n'));
+  assert.deepEqual(errors, []);
+  await page.close();
+});
+
+// The same journeys against the program's own recorded answers.
+async function openRecorded(ctx) {
+  const native = new RecordedNative(loadRecording());
+  const page = await ctx.context.newPage();
+  const errors = [];
+  page.on('pageerror', (e) => errors.push(e));
+  native.attach(page);
+  await installChannel(page, (m) => native.handle(m));
+  // The program's start-up events wait in the pending queue until the page is there.
+  for (const script of native.startupScripts()) await page.addInitScript(script);
+  await page.goto(ctx.url);
+  await page.waitForSelector('.topbar');
+  await page.waitForSelector('.empty-workspace >> text=プロジェクトを開く');
+  await page.click('.add-project');
+  await page.waitForSelector('.project-tab.active >> text=demo');
+  const config = native.recording.steps.find((s) => s.message.type === 'project/open').events.find((e) => e.type === 'app/config').payload;
+  return { page, native, errors, projectId: config.projects[0].id, sessionId: config.cliSessions[0].id };
+}
+
+test('recorded: open a project, see its tree, prompt and git status, run a command', async (ctx) => {
+  const { page, native, errors, sessionId } = await openRecorded(ctx);
+  await page.waitForSelector('.tree-row >> text=README.md');
+  await page.waitForSelector('.tree-row >> text=staged.txt');
+  await page.waitForSelector('.session-tab >> text=CLI #1');
+  await page.waitForSelector('.session-tab .status-badge >> text=実行中');
+  await page.waitForSelector('.git-branch >> text=main');
+  await page.waitForSelector('.git-group >> text=ステージ済み (1)');
+  await page.waitForSelector('.git-group >> text=未ステージ (1)');
+  await waitForTerminalText(page, sessionId, '# ');
+  // The shell started at its own size and wrote its end-of-line mark (a reverse-video '#' padded to
+  // that width, then wiped); parsed at that width nothing of it stays on screen. The view then takes
+  // its own size once the program confirms it.
+  await page.waitForFunction((id) => window.__velkoDebug.terminal(id)?.cols < 120, sessionId);
+  const screen = await page.evaluate((id) => window.__velkoDebug.terminalText(id), sessionId);
+  assert.deepEqual(screen.split('\n').map((l) => l.trimEnd()).filter(Boolean), ['#'], JSON.stringify(screen));
+  await page.click('.term-host:not([hidden]) .xterm');
+  await page.keyboard.type('echo velko-$((6*7))');
+  await page.keyboard.press('Enter');
+  await waitForTerminalText(page, sessionId, 'velko-42');
+  // velko's wrapper around the codex tool marks its run; the tab shows how it ended.
+  await page.keyboard.type('codex');
+  await page.keyboard.press('Enter');
+  await waitForTerminalText(page, sessionId, 'codex stand-in');
+  await page.waitForSelector('.session-tab .codex-badge >> text=codex 終了 (2)');
+  await page.click('.tree-row:has-text("src")');
+  await page.waitForSelector('.tree-row >> text=main.ts');
+  assert.deepEqual(errors, []);
+  assert.deepEqual(native.unanswered.filter((t) => !['terminal/resize', 'terminal/focus'].includes(t)), []);
+  // Each resize makes the shell redraw its prompt: one request when the view first fits and one
+  // when the shell reports its own size, not one per re-render while the answer is outstanding.
+  const sizes = native.messages.filter((m) => m.type === 'terminal/resize').map((m) => `${m.payload.cols}x${m.payload.rows}`);
+  assert.ok(sizes.length >= 1 && sizes.length <= 2, sizes.join());
+  await page.close();
+});
+
+test('recorded: files open, save, rename, ask before a large file, show images and errors', async (ctx) => {
+  const { page, native, errors, projectId } = await openRecorded(ctx);
+  await page.click('.tree-row:has-text("README.md")');
+  await page.waitForSelector('.cm-content >> text=changed line');
+  await page.click('.tree-row:has-text("src")');
+  await page.dblclick('.tree-row:has-text("main.ts")');
+  await page.waitForSelector('.cm-content >> text=export const answer = 42;');
+  await page.waitForSelector('.cm-editor.cm-focused');
+  await page.keyboard.press('Control+End');
+  await page.keyboard.press('ArrowUp');
+  await page.keyboard.press('End');
+  await page.keyboard.press('ArrowLeft');
+  await page.keyboard.press('Backspace');
+  await page.keyboard.type('3');
+  await page.waitForSelector('.doc-tab.dirty >> text=main.ts');
+  await page.keyboard.press('Control+s');
+  const save = await native.waitFor((m) => m.type === 'project/file/save', 'save');
+  assert.equal(save.payload.content, 'export const answer = 43;\n');
+  await page.waitForSelector('.doc-tab:not(.dirty) >> text=main.ts');
+  await page.click('.tree-row:has-text("dot.png")');
+  await page.waitForSelector('.column-preview img[src^="data:image/png;base64,iVBOR"]');
+  await page.click('.tree-row:has-text("big.log")');
+  await page.waitForSelector('.dialog >> text=big.log');
+  await page.click('.dialog [data-action="cancel"]');
+  assert.ok(!native.messages.some((m) => m.type === 'project/file/open' && m.payload.allowLargeFile === true));
+  await page.evaluate((id) => window.__velkoDebug.app.openFile(id, 'nope.txt'), projectId);
+  await page.waitForSelector('.column-editor .doc-message.error >> text=ファイルが見つかりませんでした');
+  await page.click('.tree-row:has-text("old.ts")');
+  await page.press('.tree-row:has-text("old.ts")', 'F2');
+  await page.fill('.rename-input', 'renamed.ts');
+  await page.press('.rename-input', 'Enter');
+  await native.waitFor((m) => m.type === 'project/file/rename', 'rename');
+  await page.waitForSelector('.git-group >> text=未追跡 (4)');
+  assert.deepEqual(errors, []);
+  await page.close();
+});
+
+test('recorded: diff, commit, push without a remote, a terminal that exits, closing the project', async (ctx) => {
+  const { page, native, errors } = await openRecorded(ctx);
+  await page.click('.git-file:has-text("README.md")');
+  await page.waitForSelector('.diff-line.add >> text=+changed line');
+  await page.fill('.commit-message', 'Add staged file');
+  await page.click('.commit-button');
+  await page.waitForSelector('.toast.success >> text=コミットしました');
+  await page.waitForSelector('.git-groups >> text=変更はありません');
+  await page.waitForSelector('.commit-button:not([disabled])');
+  await page.click('button[data-action="push"]');
+  await page.waitForSelector('.toast.error >> text=リモートリポジトリがないプロジェクトです');
+  await page.click('.column-terminal .column-header button[aria-label="新しいターミナル"]');
+  await page.waitForSelector('.session-tab.active >> text=CLI #2');
+  await page.waitForSelector('.session-tab.active .status-badge >> text=実行中');
+  await page.keyboard.type('exit 3');
+  await page.keyboard.press('Enter');
+  await page.waitForSelector('.session-tab.active .status-badge >> text=終了コード 3');
+  await page.click('.session-tab.active .tab-close');
+  await native.waitFor((m) => m.type === 'terminal/close', 'terminal/close');
+  await page.waitForFunction(() => document.querySelectorAll('.session-tab').length === 1);
+  await page.click('.project-tab.active .tab-close');
+  await page.waitForSelector('.resume-list >> text=demo');
+  await page.click('.resume-button');
+  await page.waitForSelector('.project-tab.active >> text=demo');
+  await page.waitForSelector('.tree-row >> text=README.md');
+  await page.waitForSelector('.session-tab.active .status-badge >> text=実行中');
   assert.deepEqual(errors, []);
   await page.close();
 });

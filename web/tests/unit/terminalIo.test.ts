@@ -8,7 +8,10 @@ function harness() {
   const queue = new OutputQueue((f) => flushes.push(f));
   const writes: string[] = [];
   const pendingDone: (() => void)[] = [];
-  const sink = { write: (b: Uint8Array, done: () => void) => { writes.push(new TextDecoder().decode(b)); pendingDone.push(done); } };
+  const sink = {
+    write: (b: Uint8Array, done: () => void) => { writes.push(new TextDecoder().decode(b)); pendingDone.push(done); },
+    resize: (cols: number, rows: number) => { writes.push(`<${cols}x${rows}>`); },
+  };
   const runFlushes = () => { while (flushes.length) flushes.shift()!(); };
   return { queue, writes, sink, runFlushes, pendingDone };
 }
@@ -18,7 +21,7 @@ describe('OutputQueue', () => {
     const { queue, sink, runFlushes } = harness();
     const other: string[] = [];
     queue.attach('s', sink);
-    queue.attach('t', { write: (b, done) => { other.push(new TextDecoder().decode(b)); done(); } });
+    queue.attach('t', { write: (b, done) => { other.push(new TextDecoder().decode(b)); done(); }, resize: () => undefined });
     const writes: string[] = [];
     sink.write = (b, done) => { writes.push(new TextDecoder().decode(b)); done(); };
     for (const part of ['a', 'b', 'c']) {
@@ -62,6 +65,47 @@ describe('OutputQueue', () => {
     }
     expect(writes.join('')).toBe('A'.repeat(5 * 1024 * 1024) + 'tail');
     expect(idle).toBe(1);
+  });
+
+  // Output the shell wrote for one size must reach the terminal before the size changes, and never after.
+  const enc = (t: string) => new TextEncoder().encode(t);
+  type Step = ['out', string] | ['size', number, number] | ['attach'] | ['parsed'];
+  const cases: { name: string; steps: Step[]; expected: string[] }[] = [
+    { name: 'idle terminal takes the size at once', steps: [['attach'], ['size', 120, 40], ['out', 'a']], expected: ['<120x40>', 'a'] },
+    {
+      name: 'a size waits behind output the terminal is still parsing, and merging stops at it',
+      steps: [['attach'], ['out', 'a'], ['out', 'b'], ['size', 80, 24], ['out', 'c'], ['out', 'd'], ['parsed'], ['parsed'], ['parsed']],
+      expected: ['a', 'b', '<80x24>', 'cd'],
+    },
+    {
+      name: 'sizes and output held before the view exists keep their order',
+      steps: [['size', 120, 40], ['out', 'prompt'], ['size', 41, 52], ['out', 'redraw'], ['attach']],
+      expected: ['<120x40>', 'prompt', '<41x52>', 'redraw'],
+    },
+  ];
+  for (const c of cases) {
+    it(c.name, () => {
+      const { queue, writes, sink, runFlushes, pendingDone } = harness();
+      for (const step of c.steps) {
+        if (step[0] === 'out') queue.push('s', enc(step[1]));
+        else if (step[0] === 'size') queue.resize('s', step[1], step[2]);
+        else if (step[0] === 'attach') queue.attach('s', sink);
+        else pendingDone.shift()?.();
+        runFlushes();
+      }
+      while (pendingDone.length > 0) pendingDone.shift()!();
+      expect(writes).toEqual(c.expected);
+    });
+  }
+
+  it('keeps the size that applies to the output left after a flood for a missing view', () => {
+    const { queue, writes, sink, runFlushes } = harness();
+    queue.resize('s', 120, 40);
+    for (let i = 0; i < 3; i++) queue.push('s', new Uint8Array(4 * 1024 * 1024).fill(66));
+    queue.attach('s', sink);
+    runFlushes();
+    expect(writes[0]).toBe('<120x40>');
+    expect(queue.queued('s') + writes.slice(1).join('').length).toBeLessThanOrEqual(8 * 1024 * 1024);
   });
 });
 
