@@ -1,5 +1,7 @@
 #include "terminal/PTYDriver.h"
 
+#include "core/Utf8.h"
+
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -20,19 +22,6 @@ extern char** environ;
 namespace velko {
 
 namespace {
-
-bool isValidUtf8(const char* text) {
-    const auto* p = reinterpret_cast<const unsigned char*>(text);
-    while (*p) {
-        unsigned char c = *p;
-        int extra = c < 0x80 ? 0 : (c >> 5) == 6 ? 1 : (c >> 4) == 14 ? 2 : (c >> 3) == 30 ? 3 : -1;
-        if (extra < 0) return false;
-        ++p;
-        for (int i = 0; i < extra; ++i, ++p)
-            if ((*p & 0xC0) != 0x80) return false;
-    }
-    return true;
-}
 
 // Null-terminated array of C strings that lives as long as the vector it views.
 std::vector<char*> cStringArray(const std::vector<std::string>& strings) {
