@@ -236,3 +236,18 @@ TEST_F(TerminalServiceTest, KeepsFocusOnlyForTheSessionThatHasIt) {
     send("terminal/close", R"({"sessionId":")" + a.toString() + R"("})");
     EXPECT_FALSE(service->activeInputSessionID());
 }
+
+// A publication still queued when a session is created carries a list
+// without it; acting on that list would end the new shell right away.
+TEST_F(TerminalServiceTest, NeverSynchronisesWithAListOlderThanANewSession) {
+    (void)store->addCLISession("queued", std::nullopt);  // published, not yet delivered
+    service->createSession("new", std::nullopt);
+    queue->runUntilIdle();
+    const size_t sessions = store->config().cliSessions.size();
+    ASSERT_GE(sessions, 2u);
+    std::vector<std::string> synchronizations;
+    for (const auto& call : coordinator->calls)
+        if (call.rfind("synchronize", 0) == 0) synchronizations.push_back(call);
+    ASSERT_FALSE(synchronizations.empty());
+    for (const auto& call : synchronizations) EXPECT_EQ(call, "synchronize " + std::to_string(sessions));
+}
