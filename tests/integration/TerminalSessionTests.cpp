@@ -288,31 +288,48 @@ TEST_F(TerminalSessionTest, AShellThatExitsReportsItsCode) {
 }
 
 // The fake tool is first on the user's PATH; the shim still runs first and
-// wraps it in its markers, each of which reaches the page whole.
+// wraps it in its markers, each of which reaches the page whole. Without any
+// tool the shim says so and ends with 127.
 TEST_F(TerminalSessionTest, TheShimWrapsTheToolInWholeMarkers) {
     const std::string fake = home.home() + "/bin/codex";
-    std::ofstream(fake) << "#!/bin/sh\necho \"fake-codex $*\"\nexit 3\n";
-    ASSERT_EQ(::chmod(fake.c_str(), 0755), 0);
+    struct Case {
+        bool installed;
+        std::string text;
+        std::string end;
+    } cases[] = {
+        {true, "fake-codex one two", "\x1b]633;velko-codex:end;status=3\x07"},
+        {false, "velko codex shim: failed to locate real codex binary", "\x1b]633;velko-codex:end;status=127\x07"},
+    };
+    const std::string start = "\x1b]633;velko-codex:start\x07";
     const Uuid id = createSession();
     size_t at = waitForPrompt(id);
-    type(id, "codex one two\r");
-    const std::string start = "\x1b]633;velko-codex:start\x07";
-    const std::string end = "\x1b]633;velko-codex:end;status=3\x07";
-    at = waitForOutput(id, end, at);
-    waitForPrompt(id, at);
-    const std::string all = output(id);
-    const size_t startAt = all.find(start), textAt = all.find("fake-codex one two"), endAt = all.find(end);
-    ASSERT_NE(startAt, std::string::npos);
-    ASSERT_NE(textAt, std::string::npos);
-    EXPECT_LT(startAt, textAt);
-    EXPECT_LT(textAt, endAt);
-    bool startWhole = false, endWhole = false;
-    for (const auto& chunk : chunks(id)) {
-        startWhole |= chunk.find(start) != std::string::npos;
-        endWhole |= chunk.find(end) != std::string::npos;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        if (c.installed) {
+            std::ofstream(fake) << "#!/bin/sh\necho \"fake-codex $*\"\nexit 3\n";
+            ASSERT_EQ(::chmod(fake.c_str(), 0755), 0);
+        } else {
+            ::unlink(fake.c_str());
+        }
+        const size_t from = at;
+        type(id, "codex one two\r");
+        at = waitForOutput(id, c.end, at);
+        at = waitForPrompt(id, at);
+        const std::string seen = output(id).substr(from);
+        const size_t startAt = seen.find(start), textAt = seen.find(c.text), endAt = seen.find(c.end);
+        EXPECT_EQ(startAt == std::string::npos, !c.installed) << "the start marker comes only when a tool runs";
+        ASSERT_NE(textAt, std::string::npos);
+        if (c.installed) {
+            EXPECT_LT(startAt, textAt);
+        }
+        EXPECT_LT(textAt, endAt);
+        bool endWhole = false;
+        for (const auto& chunk : chunks(id)) endWhole |= chunk.find(c.end) != std::string::npos;
+        EXPECT_TRUE(endWhole);
     }
+    bool startWhole = false;
+    for (const auto& chunk : chunks(id)) startWhole |= chunk.find(start) != std::string::npos;
     EXPECT_TRUE(startWhole);
-    EXPECT_TRUE(endWhole);
 }
 
 TEST_F(TerminalSessionTest, ClosingEndsTheShellAndReapsIt) {
