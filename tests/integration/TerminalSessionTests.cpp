@@ -20,6 +20,7 @@
 #include "core/Paths.h"
 #include "support/TestSupport.h"
 #include "terminal/CodexShimInstaller.h"
+#include "terminal/TerminalDebugDumpStore.h"
 #include "terminal/TerminalCoordinator.h"
 #include "terminal/TerminalLogger.h"
 #include "terminal/TerminalProcess.h"
@@ -123,6 +124,7 @@ protected:
         TerminalCoordinator::Options options;
         options.logger = TerminalLogger::create(home.cacheDir() + "/velko-terminal.log");
         options.maxPendingOutputBytes = kCap;
+        options.dumpStore = TerminalDebugDumpStore::create(home.cacheDir() + "/terminal-dumps");
         coordinator = std::make_shared<TerminalCoordinator>(std::move(options));
         installer = std::make_shared<CodexShimInstaller>();
         service = TerminalService::create(store, coordinator, installer);
@@ -341,6 +343,11 @@ TEST_F(TerminalSessionTest, ClosingEndsTheShellAndReapsIt) {
     auto snapshot = page->eventsOfType("terminal/snapshot").back().payload["sessions"];
     for (const auto& entry : snapshot) EXPECT_NE(entry["id"], id.toString());
     EXPECT_TRUE(waitFor([&] { return !processExists(shell); })) << "zsh " << shell << " is still there";
+    // Closed on request: no exit is reported, and later input goes nowhere.
+    EXPECT_TRUE(page->eventsOfType("terminal/exit").empty());
+    const size_t events = page->events().size();
+    type(id, "echo late\r");
+    EXPECT_EQ(page->events().size(), events);
 }
 
 // A shell that ignores the hang-up and SIGTERM is killed after a grace
@@ -401,4 +408,58 @@ TEST_F(TerminalSessionTest, ManySessionsLeaveNoDescriptorOrChildBehind) {
         << childProcesses() << " children left";
     EXPECT_TRUE(waitFor([&] { return openDescriptors() <= descriptors; })) << openDescriptors() << " vs " << descriptors;
     EXPECT_EQ(coordinator->sessionCount(), 0u);
+}
+
+TEST_F(TerminalSessionTest, AShellThatCannotStartIsReportedAsFailed) {
+    CLISessionConfig config{Uuid::random(), "broken", home.home(), "/nonexistent/zsh", std::nullopt};
+    coordinator->startSession(config);
+    queue->runUntilIdle();
+    EXPECT_TRUE(page->eventsOfType("terminal/created").empty());
+    auto statuses = page->eventsOfType("terminal/status");
+    ASSERT_EQ(statuses.size(), 1u);
+    EXPECT_EQ(statuses[0].payload["status"], "failed");
+    auto errors = page->eventsOfType("terminal/error");
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].payload["message"], "spawnFailed(code: 2)");
+    EXPECT_EQ(errors[0].payload["recoverable"], true);
+    EXPECT_FALSE(coordinator->processID(config.id));
+    coordinator->logger()->drainForTesting();
+    std::ifstream log(home.cacheDir() + "/velko-terminal.log");
+    std::string text((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
+    EXPECT_NE(text.find(R"x("message":"spawn_failed","metadata":{"error":"spawnFailed(code: 2)"})x"), std::string::npos)
+        << text;
+}
+
+// With the dump on, every chunk the shell wrote is in the session's dump
+// file, before and after normalising, in the order it was read.
+TEST_F(TerminalSessionTest, TheDebugDumpHoldsEveryChunkOfASession) {
+    // The feature arrives with the configuration file, as a user turns it on.
+    const std::string configPath = home.dataDir() + "/config.json";
+    std::string text;
+    ASSERT_TRUE(readWholeFile(configPath, text));
+    auto config = parseJson(text);
+    ASSERT_TRUE(config);
+    (*config)["features"] = Json::array({"terminal.v2", "terminal.debugDump"});
+    ASSERT_TRUE(writeFileAtomically(configPath, config->dump()));
+    (void)store->bootstrap();
+    queue->runUntilIdle();
+    ASSERT_TRUE(coordinator->debugDumpEnabled());
+    const Uuid id = createSession();
+    size_t at = waitForPrompt(id);
+    type(id, "printf 'dump-%d\\r\\r\\n' 7\r");
+    waitForPrompt(id, waitForOutput(id, "dump-7\r\n", at));
+    coordinator->debugDumpStore()->drainForTesting();
+    std::ifstream dump(home.cacheDir() + "/terminal-dumps/" + id.toString() + ".jsonl");
+    std::string raw, normalized;
+    int64_t sequence = 0;
+    for (std::string line; std::getline(dump, line); ++sequence) {
+        auto entry = parseJson(line);
+        ASSERT_TRUE(entry) << line;
+        EXPECT_EQ((*entry)["sequence"], sequence);
+        raw += *base64Decode((*entry)["rawBase64"].get<std::string>());
+        normalized += *base64Decode((*entry)["normalizedBase64"].get<std::string>());
+    }
+    EXPECT_NE(raw.find("dump-7\r\r\r\n"), std::string::npos) << testing::PrintToString(raw);  // the terminal adds a CR before the LF
+    EXPECT_NE(normalized.find("dump-7\r\n"), std::string::npos);
+    EXPECT_EQ(normalized, output(id).substr(0, normalized.size()));
 }
