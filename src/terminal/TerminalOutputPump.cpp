@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "core/Base64.h"
@@ -96,9 +97,13 @@ void TerminalOutputPump::run() {
     auto shared = m_shared;
     char buffer[65536];
     std::string normalized;
+    // What finish() still reads is bounded: a background job that keeps the
+    // terminal open and writes without end must not hold up its caller.
+    uint64_t drainBudget = shared->cap;
     for (;;) {
         if (shared->stopping) return;
         const bool draining = shared->draining;
+        if (draining && drainBudget == 0) return;
         const bool paused = !draining && shared->pending.load() >= shared->cap;
         shared->paused = paused;
         // Re-check after announcing the pause: a delivery in between must not be missed.
@@ -117,6 +122,7 @@ void TerminalOutputPump::run() {
         }
         ssize_t n = ::read(m_fd, buffer, sizeof buffer);
         if (n > 0) {
+            if (draining) drainBudget -= std::min<uint64_t>(drainBudget, static_cast<uint64_t>(n));
             std::string_view chunk(buffer, static_cast<size_t>(n));
             normalized.clear();
             m_normalizer.normalizeInto(chunk, normalized);

@@ -48,7 +48,8 @@ public:
     TerminalOutputPump& operator=(const TerminalOutputPump&) = delete;
 
     void start();
-    // Reads what the master still holds, then ends the thread and joins it.
+    // Reads what the master still holds, at most the cap's worth more, then
+    // ends the thread and joins it.
     void finish();
     // Ends the thread now and joins it.
     void stop();

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <deque>
 #include <mutex>
@@ -128,6 +129,33 @@ TEST(TerminalOutputPump, FinishReadsWhatIsLeftThenEnds) {
     pump.start();
     pump.finish();  // must return although the write end is still open
     EXPECT_EQ(page->release(), "last words");
+    ::close(fds[1]);
+    ::close(fds[0]);
+}
+
+// A writer that never stops (a background job still holding the terminal)
+// cannot keep finish() from returning.
+TEST(TerminalOutputPump, FinishReturnsWhileAWriterKeepsWriting) {
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
+    auto page = std::make_shared<SlowPage>();
+    std::atomic<bool> writing{true};
+    std::thread writer([&] {
+        const std::string line(4000, 'y');
+        while (writing) {
+            if (::write(fds[1], line.data(), line.size()) < 0) std::this_thread::yield();
+        }
+    });
+    constexpr uint64_t kCap = 64 * 1024;
+    {
+        TerminalOutputPump pump(Uuid::random(), fds[0], nullptr, page, kCap);
+        pump.start();
+        while (page->held() == 0) std::this_thread::yield();
+        pump.finish();
+    }
+    writing = false;
+    writer.join();
+    EXPECT_GT(page->release().size(), 0u);
     ::close(fds[1]);
     ::close(fds[0]);
 }
