@@ -13,6 +13,10 @@
 
 namespace velko {
 
+namespace {
+constexpr int kLogBacklogRecheckMilliseconds = 5;
+}  // namespace
+
 struct TerminalOutputPump::Shared {
     FileHandle wake;  // eventfd: stop, finish, or room again below the cap
     std::atomic<uint64_t> pending{0};
@@ -104,12 +108,17 @@ void TerminalOutputPump::run() {
         if (shared->stopping) return;
         const bool draining = shared->draining;
         if (draining && drainBudget == 0) return;
-        const bool paused = !draining && shared->pending.load() >= shared->cap;
-        shared->paused = paused;
+        // The log is a second consumer that can fall behind (a slow disk); its
+        // backlog counts against the same cap. It sends no wake-up, so a pause
+        // for it looks again after a short wait.
+        const bool logBehind = !draining && m_logger && m_logger->pendingBytes() >= shared->cap;
+        const bool pageBehind = !draining && shared->pending.load() >= shared->cap;
+        const bool paused = pageBehind || logBehind;
+        shared->paused = pageBehind;
         // Re-check after announcing the pause: a delivery in between must not be missed.
-        if (paused && shared->pending.load() < shared->cap) continue;
+        if (pageBehind && !logBehind && shared->pending.load() < shared->cap) continue;
         pollfd fds[2] = {{paused ? -1 : m_fd, POLLIN, 0}, {shared->wake.get(), POLLIN, 0}};
-        int ready = ::poll(fds, 2, draining ? 0 : -1);
+        int ready = ::poll(fds, 2, draining ? 0 : logBehind ? kLogBacklogRecheckMilliseconds : -1);
         if (ready < 0 && errno != EINTR) return;
         if (fds[1].revents & POLLIN) {
             uint64_t value;

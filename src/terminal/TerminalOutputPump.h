@@ -7,6 +7,7 @@
 // Memory stays bounded under a flood: bytes handed to the page but not yet
 // delivered are counted, and at the cap the thread stops reading until
 // deliveries catch up, so the kernel's PTY buffer pushes back on the child.
+// Lines the terminal log has not written yet count against the same cap.
 // Nothing is dropped and order is kept.
 //
 // Owned by the session on the main thread; stop() and finish() join the

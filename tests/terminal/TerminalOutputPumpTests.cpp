@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -157,5 +158,69 @@ TEST(TerminalOutputPump, FinishReturnsWhileAWriterKeepsWriting) {
     writer.join();
     EXPECT_GT(page->release().size(), 0u);
     ::close(fds[1]);
+    ::close(fds[0]);
+}
+
+// A log that cannot keep up (here a FIFO nobody reads yet, as a stalled disk)
+// holds the reader back too: its backlog stays near the cap, and once the log
+// moves again every line arrives.
+TEST(TerminalOutputPump, AStalledLogHoldsTheReaderBack) {
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
+    test::TempDir dir;
+    const std::string fifo = dir.file("log");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    auto logger = TerminalLogger::create(fifo);
+    auto page = std::make_shared<test::EventRecorder>();
+    constexpr uint64_t kCap = 64 * 1024;
+    TerminalOutputPump pump(Uuid::random(), fds[0], logger, page, kCap);
+    pump.start();
+
+    std::atomic<bool> writing{true};
+    std::atomic<uint64_t> written{0};
+    std::thread writer([&] {
+        const std::string line(4000, 'y');
+        while (writing && written < 4 * 1024 * 1024) {
+            ssize_t n = ::write(fds[1], line.data(), line.size());
+            if (n > 0) written += static_cast<uint64_t>(n);
+            else std::this_thread::yield();
+        }
+    });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (logger->pendingBytes() < kCap && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    ASSERT_GE(logger->pendingBytes(), kCap);
+    // Parked: the backlog grows by at most one more read while the log stays stalled.
+    for (int i = 0; i < 200; ++i) {
+        EXPECT_LE(logger->pendingBytes(), kCap + 65536);
+        std::this_thread::yield();
+    }
+    EXPECT_LT(written.load(), 4u * 1024 * 1024) << "the writer was never held back";
+
+    // The log moves again: read the FIFO until the writer is done and the backlog gone.
+    std::atomic<bool> reading{true};
+    uint64_t logged = 0;
+    // Opened for reading and writing, the FIFO always has a reader and never
+    // reports an end, so the log's own opens and closes cannot race with it.
+    const int logEnd = ::open(fifo.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(logEnd, 0);
+    std::thread reader([&] {
+        char buffer[65536];
+        for (;;) {
+            ssize_t n = ::read(logEnd, buffer, sizeof buffer);
+            if (n > 0) logged += static_cast<uint64_t>(n);
+            else if (reading) std::this_thread::yield();
+            else break;
+        }
+    });
+    writing = false;
+    writer.join();
+    ::close(fds[1]);
+    pump.finish();
+    logger->drainForTesting();
+    reading = false;
+    reader.join();
+    ::close(logEnd);
+    EXPECT_GT(logged, written.load()) << "every line, base64 and all, reached the log";
+    EXPECT_EQ(logger->pendingBytes(), 0u);
     ::close(fds[0]);
 }
