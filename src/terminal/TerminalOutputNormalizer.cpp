@@ -221,6 +221,14 @@ void TerminalOutputNormalizer::normalizeInto(std::string_view chunk, std::string
         } else {  // ESC
             if (auto next = consumePromptFiller(chunk, i, out)) {
                 i = *next;
+            } else if (i + 1 < size && data[i + 1] != ']') {
+                // Not an OSC sequence (colours, cursor moves): the escape and
+                // the byte after it pass as they are, as the OSC state would
+                // pass them, without its bookkeeping.
+                out.push_back(kEsc);
+                out.push_back(data[i + 1]);
+                m_previousWasCarriageReturn = data[i + 1] == kCr;
+                i += 2;
             } else {
                 m_osc.begin();
                 ++i;
