@@ -11,9 +11,13 @@
 //   SessionStart    "terminal/create" → first output byte ÷ bare `zsh -l` on a
 //                   PTY to its first byte, same HOME. Goal ≤ 1.2.
 //   KeystrokeEcho   "terminal/input" handled → "terminal/output" holding the
-//                   echo, median and p99 over 1,000 keystrokes. Goal p99 < 2 ms.
+//                   echo, median and p99 over 1,000 keystrokes, in process and
+//                   through `velko --headless`. Goal p99 < 2 ms.
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/resource.h>
@@ -43,6 +47,8 @@
 #include "terminal/TerminalProcess.h"
 #include "terminal/TerminalService.h"
 #include "workspace/ConfigStore.h"
+
+extern char** environ;
 
 using namespace velko;
 using Clock = std::chrono::steady_clock;
@@ -367,11 +373,11 @@ void BM_KeystrokeEcho(benchmark::State& state) {
     for (auto _ : state) {
         for (int i = 0; i < 1000; ++i) {
             // Ctrl+U every so often keeps the line short, as typing does.
-            if (i % 50 == 0) {
+            if (i > 0 && i % 50 == 0) {
                 const size_t before = terminals.page->count();
                 auto json = parseJson("{\"sessionId\":\"" + id.toString() + "\",\"data\":\"\\u0015\"}");
                 terminals.service->handleMessage("terminal/input", &*json);
-                terminals.page->waitFor(before, "velko% ", std::chrono::milliseconds(2000));
+                terminals.page->waitFor(before, "", std::chrono::milliseconds(2000));  // the line is erased
             }
             const std::string key(1, keys[static_cast<size_t>(i) % keys.size()]);
             auto json = parseJson("{\"sessionId\":\"" + id.toString() + "\",\"data\":\"" + key + "\"}");
@@ -391,6 +397,107 @@ void BM_KeystrokeEcho(benchmark::State& state) {
     terminals.close(id);
 }
 
+// The same keystrokes through the whole program: `velko --headless`, its
+// standard input and output standing in for the page.
+void BM_KeystrokeEchoHeadless(benchmark::State& state) {
+    sandbox();
+    char self[4096] = {};
+    if (::readlink("/proc/self/exe", self, sizeof self - 1) <= 0) {
+        state.SkipWithError("no executable path");
+        return;
+    }
+    std::string binary = self;
+    binary = binary.substr(0, binary.rfind('/')) + "/../velko";
+    const std::string project = sandbox().root + "/project";
+    createDirectories(project);
+    int in[2], out[2];
+    if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) return;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    std::vector<std::string> args = {binary, "--headless", "--pick-folder", project};
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    const int spawned = posix_spawn(&pid, binary.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(in[0]);
+    ::close(out[1]);
+    if (spawned != 0) {
+        state.SkipWithError("velko did not start");
+        return;
+    }
+    std::string buffer;
+    auto send = [&](const std::string& line) { (void)!::write(in[1], line.data(), line.size()); };
+    // Reads events until `match` accepts one; nothing within two seconds fails.
+    auto waitFor = [&](const std::function<bool(const Json&)>& match) {
+        for (;;) {
+            size_t newline;
+            while ((newline = buffer.find('\n')) != std::string::npos) {
+                auto event = parseJson(std::string_view(buffer).substr(0, newline));
+                buffer.erase(0, newline + 1);
+                if (event && match(*event)) return true;
+            }
+            pollfd pfd{out[0], POLLIN, 0};
+            if (::poll(&pfd, 1, 2000) <= 0) return false;
+            char chunk[65536];
+            ssize_t n = ::read(out[0], chunk, sizeof chunk);
+            if (n <= 0) return false;
+            buffer.append(chunk, static_cast<size_t>(n));
+        }
+    };
+    std::string sessionId;
+    std::string seen;
+    auto outputHolds = [&](const std::string& needle) {
+        return [&, needle](const Json& e) {
+            if (e.value("type", "") != "terminal/output" || e["payload"].value("sessionId", "") != sessionId) return false;
+            seen += base64Decode(e["payload"].value("chunk", "")).value_or("");
+            return seen.find(needle) != std::string::npos;
+        };
+    };
+    send("{\"type\":\"project/open\",\"payload\":{}}\n");
+    send("{\"type\":\"terminal/create\",\"payload\":{\"title\":\"bench\"}}\n");
+    const bool ready = waitFor([&](const Json& e) {
+        if (e.value("type", "") != "terminal/created" || e["payload"].value("title", "") != "bench") return false;
+        sessionId = e["payload"].value("sessionId", "");
+        return true;
+    }) && waitFor(outputHolds("velko% "));
+    std::vector<double> latencies;
+    const std::string keys = "abcdefghijklmnopqrstuvwxyz";
+    for (auto _ : state) {
+        if (!ready) break;
+        for (int i = 0; i < 1000; ++i) {
+            if (i > 0 && i % 50 == 0) {
+                seen.clear();
+                send("{\"type\":\"terminal/input\",\"payload\":{\"sessionId\":\"" + sessionId +
+                     "\",\"data\":\"\\u0015\"}}\n");
+                waitFor(outputHolds(""));  // the line is erased
+            }
+            const std::string key(1, keys[static_cast<size_t>(i) % keys.size()]);
+            seen.clear();
+            auto start = Clock::now();
+            send("{\"type\":\"terminal/input\",\"payload\":{\"sessionId\":\"" + sessionId + "\",\"data\":\"" +
+                 key + "\"}}\n");
+            if (!waitFor(outputHolds(key))) break;
+            latencies.push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+        }
+    }
+    ::close(in[1]);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    ::close(out[0]);
+    if (latencies.size() < 1000) {
+        state.SkipWithError("echo missing");
+        return;
+    }
+    std::sort(latencies.begin(), latencies.end());
+    state.counters["median_ms"] = latencies[latencies.size() / 2];
+    state.counters["p99_ms"] = latencies[latencies.size() * 99 / 100];
+}
+
 }  // namespace
 
 BENCHMARK(BM_OutputPath)->Unit(benchmark::kMillisecond)->Iterations(9)->UseRealTime();
@@ -398,5 +505,6 @@ BENCHMARK(BM_NormalizerEscapeHeavy)->Unit(benchmark::kMillisecond)->Iterations(9
 BENCHMARK(BM_NormalizerPlain)->Unit(benchmark::kMillisecond)->Iterations(9);
 BENCHMARK(BM_SessionStart)->Unit(benchmark::kMillisecond)->Iterations(20)->UseRealTime();
 BENCHMARK(BM_KeystrokeEcho)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
+BENCHMARK(BM_KeystrokeEchoHeadless)->Unit(benchmark::kMillisecond)->Iterations(1)->UseRealTime();
 
 BENCHMARK_MAIN();
