@@ -117,33 +117,30 @@ void TerminalOutputPump::run() {
         shared->paused = pageBehind;
         // Re-check after announcing the pause: a delivery in between must not be missed.
         if (pageBehind && !logBehind && shared->pending.load() < shared->cap) continue;
+        if (!paused) {
+            // Read first and wait only when the master is empty: a poll on a
+            // terminal costs a flush of its buffer work, and a busy session
+            // has data ready again by the time a chunk was handed on.
+            ssize_t n = ::read(m_fd, buffer, sizeof buffer);
+            if (n > 0) {
+                if (draining) drainBudget -= std::min<uint64_t>(drainBudget, static_cast<uint64_t>(n));
+                std::string_view chunk(buffer, static_cast<size_t>(n));
+                normalized.clear();
+                m_normalizer.normalizeInto(chunk, normalized);
+                deliver(chunk, normalized);
+                continue;
+            }
+            if (n < 0 && errno == EINTR) continue;
+            if (n == 0 || errno != EAGAIN) return;  // 0 or EIO: the slave side is gone for good
+            if (draining) return;                    // nothing left to read
+        }
         pollfd fds[2] = {{paused ? -1 : m_fd, POLLIN, 0}, {shared->wake.get(), POLLIN, 0}};
-        int ready = ::poll(fds, 2, draining ? 0 : logBehind ? kLogBacklogRecheckMilliseconds : -1);
+        int ready = ::poll(fds, 2, logBehind ? kLogBacklogRecheckMilliseconds : -1);
         if (ready < 0 && errno != EINTR) return;
         if (fds[1].revents & POLLIN) {
             uint64_t value;
             (void)!::read(shared->wake.get(), &value, sizeof value);
         }
-        if (shared->stopping) return;
-        if (paused || !(fds[0].revents & (POLLIN | POLLHUP | POLLERR))) {
-            if (draining && ready == 0) return;  // nothing left to read
-            continue;
-        }
-        ssize_t n = ::read(m_fd, buffer, sizeof buffer);
-        if (n > 0) {
-            if (draining) drainBudget -= std::min<uint64_t>(drainBudget, static_cast<uint64_t>(n));
-            std::string_view chunk(buffer, static_cast<size_t>(n));
-            normalized.clear();
-            m_normalizer.normalizeInto(chunk, normalized);
-            deliver(chunk, normalized);
-            continue;
-        }
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0 && errno == EAGAIN) {
-            if (draining) return;
-            continue;
-        }
-        return;  // 0 or EIO: the slave side is gone for good
     }
 }
 
