@@ -123,8 +123,18 @@ void TerminalOutputPump::run() {
             // has data ready again by the time a chunk was handed on.
             ssize_t n = ::read(m_fd, buffer, sizeof buffer);
             if (n > 0) {
-                if (draining) drainBudget -= std::min<uint64_t>(drainBudget, static_cast<uint64_t>(n));
-                std::string_view chunk(buffer, static_cast<size_t>(n));
+                // A chunk is all that is available now. A terminal hands out
+                // at most 4,095 bytes per read; taking what else is already
+                // there spares an event, a log line and a wake-up per read.
+                size_t total = static_cast<size_t>(n);
+                while (total < sizeof buffer) {
+                    ssize_t more = ::read(m_fd, buffer + total, sizeof buffer - total);
+                    if (more > 0) total += static_cast<size_t>(more);
+                    else if (more < 0 && errno == EINTR) continue;
+                    else break;  // empty for now, or the end: the next turn sees it again
+                }
+                if (draining) drainBudget -= std::min<uint64_t>(drainBudget, total);
+                std::string_view chunk(buffer, total);
                 normalized.clear();
                 m_normalizer.normalizeInto(chunk, normalized);
                 deliver(chunk, normalized);
