@@ -125,8 +125,19 @@ uint64_t drainCounting(int master) {
     return total;
 }
 
+// Sleeps until the monitor reports the exit: a polling loop here would wake
+// thousands of times a second and take the core from the thread measured.
 void waitForExit(TerminalProcess& process) {
-    while (!process.terminated()) std::this_thread::sleep_for(std::chrono::microseconds(200));
+    std::mutex mutex;
+    std::condition_variable exited;
+    bool done = false;
+    process.setTerminationHandler([&](TerminalProcess&) {
+        std::lock_guard lock(mutex);
+        done = true;
+        exited.notify_all();
+    });
+    std::unique_lock lock(mutex);
+    exited.wait(lock, [&] { return done; });
 }
 
 // Stands in for the web view: builds the script the bridge would evaluate,
