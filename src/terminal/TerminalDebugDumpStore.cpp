@@ -14,27 +14,11 @@
 #include "core/Json.h"
 #include "core/Paths.h"
 #include "core/SerialQueue.h"
+#include "core/Utf8.h"
 
 namespace velko {
 
 namespace {
-
-bool validUtf8(std::string_view text) {
-    size_t i = 0;
-    while (i < text.size()) {
-        auto c = static_cast<unsigned char>(text[i]);
-        if (c < 0x80) {
-            ++i;
-            continue;
-        }
-        size_t extra = (c >> 5) == 6 ? 1 : (c >> 4) == 14 ? 2 : (c >> 3) == 30 ? 3 : 0;
-        if (extra == 0 || c < 0xC2 || c > 0xF4 || i + extra >= text.size()) return false;
-        for (size_t k = 1; k <= extra; ++k)
-            if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80) return false;
-        i += extra + 1;
-    }
-    return true;
-}
 
 bool appendAll(const std::string& path, const std::string& bytes) {
     int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
@@ -100,7 +84,7 @@ auto TerminalDebugDumpStore::runSync(F&& body) {
 std::optional<std::string> TerminalDebugDumpStore::previewString(std::string_view bytes) {
     if (bytes.empty()) return std::nullopt;
     auto prefix = bytes.substr(0, 120);
-    if (!validUtf8(prefix)) return std::nullopt;
+    if (!isValidUtf8(prefix)) return std::nullopt;
     return std::string(prefix);
 }
 

@@ -75,6 +75,23 @@ TerminalLogger::TerminalLogger(std::string filePath, uint64_t maxFileSize)
 TerminalLogger::~TerminalLogger() = default;
 
 std::string TerminalLogger::encodeLine(const TerminalLogEvent& event, const std::string& timestamp) {
+    if (!event.message && !event.metadata) {
+        // Output and input lines, the bulk of the log under a flood: fixed
+        // keys, a timestamp, a canonical UUID and base64 need no escaping, so
+        // the line is written directly, as the encoder below would write it.
+        std::string line;
+        line.reserve(96 + timestamp.size() + (event.chunk ? event.chunk->size() / 3 * 4 + 4 : 0));
+        line.append(R"({"ts":")").append(timestamp).append(R"(","session":")");
+        line.append(event.sessionID.toString()).append(R"(","event":")");
+        line.append(TerminalLogEvent::rawValue(event.event)).push_back('"');
+        if (event.chunk) {
+            line.append(R"(,"chunkBase64":")");
+            base64EncodeAppend(*event.chunk, line);
+            line.push_back('"');
+        }
+        line.push_back('}');
+        return line;
+    }
     OrderedJson line;
     line["ts"] = timestamp;
     line["session"] = event.sessionID.toString();

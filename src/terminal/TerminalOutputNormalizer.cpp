@@ -2,7 +2,11 @@
 
 #include <cstring>
 
-#if defined(__SSE2__)
+#include <cstdint>
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#elif defined(__SSE2__)
 #include <emmintrin.h>
 #endif
 
@@ -15,9 +19,9 @@ constexpr char kBel = 0x07;
 constexpr char kCr = 0x0D;
 
 // Length of the leading run of bytes that need no treatment (anything but
-// NUL, CR and ESC). Sixteen bytes at a time where the CPU allows.
-size_t plainRunLength(const char* data, size_t size) {
-    size_t i = 0;
+// NUL, CR and ESC): the hot loop of the whole output road, so it looks at 64
+// bytes per step with AVX2 where the CPU has it, 16 with SSE2 otherwise.
+size_t plainRunLengthPortable(const char* data, size_t size, size_t i) {
 #if defined(__SSE2__)
     const __m128i nul = _mm_setzero_si128();
     const __m128i cr = _mm_set1_epi8(kCr);
@@ -34,6 +38,40 @@ size_t plainRunLength(const char* data, size_t size) {
         if (c == 0 || c == kCr || c == kEsc) return i;
     }
     return size;
+}
+
+#if defined(__x86_64__) && defined(__GNUC__)
+__attribute__((target("avx2"))) size_t plainRunLengthAvx2(const char* data, size_t size) {
+    const __m256i nul = _mm256_setzero_si256();
+    const __m256i cr = _mm256_set1_epi8(kCr);
+    const __m256i esc = _mm256_set1_epi8(kEsc);
+    size_t i = 0;
+    for (; i + 64 <= size; i += 64) {
+        const __m256i x = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(data + i));
+        const __m256i y = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(data + i + 32));
+        const __m256i a =
+            _mm256_or_si256(_mm256_or_si256(_mm256_cmpeq_epi8(x, nul), _mm256_cmpeq_epi8(x, cr)), _mm256_cmpeq_epi8(x, esc));
+        const __m256i b =
+            _mm256_or_si256(_mm256_or_si256(_mm256_cmpeq_epi8(y, nul), _mm256_cmpeq_epi8(y, cr)), _mm256_cmpeq_epi8(y, esc));
+        if (_mm256_testz_si256(_mm256_or_si256(a, b), _mm256_or_si256(a, b))) continue;
+        uint64_t mask = static_cast<uint32_t>(_mm256_movemask_epi8(a)) |
+                        (static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(b))) << 32);
+        return i + static_cast<size_t>(__builtin_ctzll(mask));
+    }
+    return plainRunLengthPortable(data, size, i);
+}
+
+const bool kHasAvx2 = [] {
+    __builtin_cpu_init();  // static initialisation may run before the library's own
+    return __builtin_cpu_supports("avx2") != 0;
+}();
+#endif
+
+size_t plainRunLength(const char* data, size_t size) {
+#if defined(__x86_64__) && defined(__GNUC__)
+    if (kHasAvx2) return plainRunLengthAvx2(data, size);
+#endif
+    return plainRunLengthPortable(data, size, 0);
 }
 
 }  // namespace
@@ -183,6 +221,14 @@ void TerminalOutputNormalizer::normalizeInto(std::string_view chunk, std::string
         } else {  // ESC
             if (auto next = consumePromptFiller(chunk, i, out)) {
                 i = *next;
+            } else if (i + 1 < size && data[i + 1] != ']') {
+                // Not an OSC sequence (colours, cursor moves): the escape and
+                // the byte after it pass as they are, as the OSC state would
+                // pass them, without its bookkeeping.
+                out.push_back(kEsc);
+                out.push_back(data[i + 1]);
+                m_previousWasCarriageReturn = data[i + 1] == kCr;
+                i += 2;
             } else {
                 m_osc.begin();
                 ++i;

@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "core/Base64.h"
@@ -11,6 +12,10 @@
 #include "terminal/TerminalLogger.h"
 
 namespace velko {
+
+namespace {
+constexpr int kLogBacklogRecheckMilliseconds = 5;
+}  // namespace
 
 struct TerminalOutputPump::Shared {
     FileHandle wake;  // eventfd: stop, finish, or room again below the cap
@@ -96,39 +101,56 @@ void TerminalOutputPump::run() {
     auto shared = m_shared;
     char buffer[65536];
     std::string normalized;
+    // What finish() still reads is bounded: a background job that keeps the
+    // terminal open and writes without end must not hold up its caller.
+    uint64_t drainBudget = shared->cap;
     for (;;) {
         if (shared->stopping) return;
         const bool draining = shared->draining;
-        const bool paused = !draining && shared->pending.load() >= shared->cap;
-        shared->paused = paused;
+        if (draining && drainBudget == 0) return;
+        // The log is a second consumer that can fall behind (a slow disk); its
+        // backlog counts against the same cap. It sends no wake-up, so a pause
+        // for it looks again after a short wait.
+        const bool logBehind = !draining && m_logger && m_logger->pendingBytes() >= shared->cap;
+        const bool pageBehind = !draining && shared->pending.load() >= shared->cap;
+        const bool paused = pageBehind || logBehind;
+        shared->paused = pageBehind;
         // Re-check after announcing the pause: a delivery in between must not be missed.
-        if (paused && shared->pending.load() < shared->cap) continue;
+        if (pageBehind && !logBehind && shared->pending.load() < shared->cap) continue;
+        if (!paused) {
+            // Read first and wait only when the master is empty: a poll on a
+            // terminal costs a flush of its buffer work, and a busy session
+            // has data ready again by the time a chunk was handed on.
+            ssize_t n = ::read(m_fd, buffer, sizeof buffer);
+            if (n > 0) {
+                // A chunk is all that is available now. A terminal hands out
+                // at most 4,095 bytes per read; taking what else is already
+                // there spares an event, a log line and a wake-up per read.
+                size_t total = static_cast<size_t>(n);
+                while (total < sizeof buffer) {
+                    ssize_t more = ::read(m_fd, buffer + total, sizeof buffer - total);
+                    if (more > 0) total += static_cast<size_t>(more);
+                    else if (more < 0 && errno == EINTR) continue;
+                    else break;  // empty for now, or the end: the next turn sees it again
+                }
+                if (draining) drainBudget -= std::min<uint64_t>(drainBudget, total);
+                std::string_view chunk(buffer, total);
+                normalized.clear();
+                m_normalizer.normalizeInto(chunk, normalized);
+                deliver(chunk, normalized);
+                continue;
+            }
+            if (n < 0 && errno == EINTR) continue;
+            if (n == 0 || errno != EAGAIN) return;  // 0 or EIO: the slave side is gone for good
+            if (draining) return;                    // nothing left to read
+        }
         pollfd fds[2] = {{paused ? -1 : m_fd, POLLIN, 0}, {shared->wake.get(), POLLIN, 0}};
-        int ready = ::poll(fds, 2, draining ? 0 : -1);
+        int ready = ::poll(fds, 2, logBehind ? kLogBacklogRecheckMilliseconds : -1);
         if (ready < 0 && errno != EINTR) return;
         if (fds[1].revents & POLLIN) {
             uint64_t value;
             (void)!::read(shared->wake.get(), &value, sizeof value);
         }
-        if (shared->stopping) return;
-        if (paused || !(fds[0].revents & (POLLIN | POLLHUP | POLLERR))) {
-            if (draining && ready == 0) return;  // nothing left to read
-            continue;
-        }
-        ssize_t n = ::read(m_fd, buffer, sizeof buffer);
-        if (n > 0) {
-            std::string_view chunk(buffer, static_cast<size_t>(n));
-            normalized.clear();
-            m_normalizer.normalizeInto(chunk, normalized);
-            deliver(chunk, normalized);
-            continue;
-        }
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0 && errno == EAGAIN) {
-            if (draining) return;
-            continue;
-        }
-        return;  // 0 or EIO: the slave side is gone for good
     }
 }
 

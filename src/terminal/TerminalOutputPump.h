@@ -7,6 +7,7 @@
 // Memory stays bounded under a flood: bytes handed to the page but not yet
 // delivered are counted, and at the cap the thread stops reading until
 // deliveries catch up, so the kernel's PTY buffer pushes back on the child.
+// Lines the terminal log has not written yet count against the same cap.
 // Nothing is dropped and order is kept.
 //
 // Owned by the session on the main thread; stop() and finish() join the
@@ -48,7 +49,8 @@ public:
     TerminalOutputPump& operator=(const TerminalOutputPump&) = delete;
 
     void start();
-    // Reads what the master still holds, then ends the thread and joins it.
+    // Reads what the master still holds, at most the cap's worth more, then
+    // ends the thread and joins it.
     void finish();
     // Ends the thread now and joins it.
     void stop();

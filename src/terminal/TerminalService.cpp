@@ -21,10 +21,13 @@ std::shared_ptr<TerminalService> TerminalService::create(std::shared_ptr<ConfigS
         new TerminalService(std::move(configStore), std::move(coordinator), std::move(codexShimInstaller)));
     service->m_coordinator->setDelegate(service);
     std::weak_ptr<TerminalService> weak = service;
-    // Publications arrive on a later turn of the main queue, the current value too.
-    auto deliver = [weak](AppConfig config) {
-        mainQueue().post([weak, config = std::move(config)] {
-            if (auto self = weak.lock()) self->handleConfigChange(config);
+    // Publications arrive on a later turn of the main queue, the current value
+    // too. Each delivery reads the configuration as it is by then: a value
+    // captured at publication can be older than a session created since, and
+    // synchronising with it would end that session right after its birth.
+    auto deliver = [weak](const AppConfig&) {
+        mainQueue().post([weak] {
+            if (auto self = weak.lock()) self->handleConfigChange(self->m_configStore->config());
         });
     };
     service->m_subscription = service->m_configStore->subscribe(deliver);

@@ -1,0 +1,162 @@
+// The PTY driver and the process monitor with real children on real PTYs.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "support/TestSupport.h"
+#include "terminal/PTYDriver.h"
+#include "terminal/TerminalProcess.h"
+
+using namespace velko;
+using namespace std::chrono_literals;
+
+namespace {
+
+// Everything the child writes until the slave side closes (EIO).
+std::string readToEnd(int master, std::chrono::seconds limit = 10s) {
+    std::string out;
+    const auto end = std::chrono::steady_clock::now() + limit;
+    char buffer[4096];
+    while (std::chrono::steady_clock::now() < end) {
+        pollfd pfd{master, POLLIN, 0};
+        if (::poll(&pfd, 1, 100) <= 0) continue;
+        ssize_t n = ::read(master, buffer, sizeof buffer);
+        if (n > 0) out.append(buffer, static_cast<size_t>(n));
+        else if (n < 0 && errno == EAGAIN) continue;
+        else break;
+    }
+    return out;
+}
+
+bool waitUntil(const std::function<bool()>& done, std::chrono::seconds limit = 10s) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
+PTYProcess spawnShell(const std::string& script, const std::string& directory = "/",
+                      const std::map<std::string, std::string>& environment = {}, int cols = 120, int rows = 40) {
+    auto spawned = PTYDriver::spawn("/bin/sh", {"-c", script}, directory, environment, cols, rows);
+    EXPECT_TRUE(spawned) << (spawned ? "" : spawned.error().description());
+    return std::move(*spawned);
+}
+
+}  // namespace
+
+TEST(PTYDriver, StartsTheChildOnItsOwnTerminalWithNothingElseInherited) {
+    test::TempDir dir;
+    // A descriptor velko holds without close-on-exec must still not reach the child.
+    int leaky = ::open("/dev/null", O_RDONLY);
+    ASSERT_GE(leaky, 3);
+    auto child = spawnShell("tty; ls /proc/$$/fd | tr '\\n' ' '; echo; pwd; stty size; ps -o sid= -p $$; echo $$",
+                            dir.path(), {}, 65535, 65535);
+    std::string out = readToEnd(child.masterHandle.get());
+    ::close(leaky);
+    EXPECT_NE(out.find(child.slavePath + "\r\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("0 1 2 \r\n"), std::string::npos) << out;  // ls's own descriptor is opened after $$'s listing
+    EXPECT_NE(out.find(dir.path() + "\r\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("65535 65535\r\n"), std::string::npos) << out;
+    // The child leads its own session.
+    const std::string pid = std::to_string(child.process->pid());
+    EXPECT_NE(out.find(pid + "\r\n" + pid + "\r\n"), std::string::npos) << out;
+}
+
+TEST(PTYDriver, GivesTheChildVelkosEnvironmentWithTheOverrides) {
+    struct Case {
+        const char* name;
+        std::map<std::string, std::string> inherited, overrides, expected;
+    } cases[] = {
+        {"terminal variables default",
+         {{"HOME", "/h"}},
+         {},
+         {{"HOME", "/h"}, {"TERM", "xterm-256color"}, {"COLORTERM", "truecolor"}, {"VELKO_TERMINAL", "1"}}},
+        {"inherited TERM kept", {{"TERM", "screen"}, {"COLORTERM", "24bit"}}, {}, {{"TERM", "screen"}, {"COLORTERM", "24bit"}, {"VELKO_TERMINAL", "1"}}},
+        {"override replaces", {{"TERM", "screen"}}, {{"TERM", "vt100"}}, {{"TERM", "vt100"}, {"COLORTERM", "truecolor"}, {"VELKO_TERMINAL", "1"}}},
+        {"empty override keeps an inherited value", {{"LANG", "C.UTF-8"}}, {{"LANG", ""}}, {{"LANG", "C.UTF-8"}, {"TERM", "xterm-256color"}, {"COLORTERM", "truecolor"}, {"VELKO_TERMINAL", "1"}}},
+        {"empty override adds a new key", {}, {{"EMPTY", ""}}, {{"EMPTY", ""}, {"TERM", "xterm-256color"}, {"COLORTERM", "truecolor"}, {"VELKO_TERMINAL", "1"}}},
+        {"VELKO_TERMINAL cannot be overridden", {{"VELKO_TERMINAL", "0"}}, {{"VELKO_TERMINAL", "7"}}, {{"TERM", "xterm-256color"}, {"COLORTERM", "truecolor"}, {"VELKO_TERMINAL", "1"}}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(PTYDriver::childEnvironment(c.inherited, c.overrides), c.expected);
+    }
+    // And the real child sees them.
+    test::ScopedEnv term("TERM", "screen");
+    auto child = spawnShell("echo \"$TERM|$VELKO_TERMINAL|$EXTRA|\"", "/", {{"EXTRA", "x y"}});
+    EXPECT_NE(readToEnd(child.masterHandle.get()).find("screen|1|x y|"), std::string::npos);
+}
+
+TEST(PTYDriver, ReportsHowEachChildEnded) {
+    struct Case {
+        const char* script;
+        int expected;
+    } cases[] = {{"exit 0", 0}, {"exit 3", 3}, {"kill -9 $$", -9}, {"kill -TERM $$", -15}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.script);
+        auto child = spawnShell(c.script);
+        std::atomic<int> calls{0};
+        std::atomic<int> status{99};
+        child.process->setTerminationHandler([&](TerminalProcess& p) {
+            status = p.terminationStatus();
+            ++calls;
+        });
+        ASSERT_TRUE(waitUntil([&] { return calls.load() > 0; }));
+        EXPECT_EQ(status.load(), c.expected);
+        EXPECT_TRUE(child.process->terminated());
+        // Installed after the exit, a handler runs at once; the first one is not called again.
+        int late = 0;
+        child.process->setTerminationHandler([&](TerminalProcess&) { ++late; });
+        EXPECT_EQ(late, 0) << "the handler already ran once";
+        EXPECT_EQ(calls.load(), 1);
+    }
+    auto early = spawnShell("exit 5");
+    ASSERT_TRUE(waitUntil([&] { return early.process->terminated(); }));
+    int late = 0, seen = 0;
+    early.process->setTerminationHandler([&](TerminalProcess& p) {
+        seen = p.terminationStatus();
+        ++late;
+    });
+    EXPECT_EQ(late, 1);
+    EXPECT_EQ(seen, 5);
+}
+
+TEST(PTYDriver, FailsCleanlyWhereNothingCanRun) {
+    auto missing = PTYDriver::spawn("/nonexistent/zsh", {"-l"}, "/", {}, 80, 24);
+    ASSERT_FALSE(missing);
+    EXPECT_EQ(missing.error(), (PTYDriverError{PTYDriverError::Kind::SpawnFailed, ENOENT}));
+    EXPECT_EQ(missing.error().description(), "spawnFailed(code: 2)");
+
+    auto badDirectory = PTYDriver::spawn("/bin/sh", {"-c", "true"}, "/nonexistent-dir", {}, 80, 24);
+    ASSERT_FALSE(badDirectory);
+    EXPECT_EQ(badDirectory.error().kind, PTYDriverError::Kind::SpawnFailed);
+
+    // Signals to nobody succeed quietly.
+    EXPECT_TRUE(PTYDriver::sendSignal(0, SIGTERM));
+    EXPECT_TRUE(PTYDriver::sendSignal(-5, SIGTERM));
+    auto gone = spawnShell("exit 0");
+    const pid_t pid = gone.process->pid();
+    ASSERT_TRUE(waitUntil([&] { return gone.process->terminated(); }));
+    EXPECT_TRUE(PTYDriver::sendSignal(pid, SIGTERM));
+}
+
+TEST(PTYDriver, ResizeReachesTheChildAsAWindowChange) {
+    auto child = spawnShell("trap 'stty size; exit 0' WINCH; echo armed; while :; do sleep 0.05; done");
+    std::string out;
+    char buffer[256];
+    ASSERT_TRUE(waitUntil([&] {
+        ssize_t n = ::read(child.masterHandle.get(), buffer, sizeof buffer);
+        if (n > 0) out.append(buffer, static_cast<size_t>(n));
+        return out.find("armed") != std::string::npos;
+    }));
+    ASSERT_TRUE(PTYDriver::resize(child.masterHandle.get(), child.process->pid(), 91, 17));
+    EXPECT_NE(readToEnd(child.masterHandle.get()).find("17 91"), std::string::npos);
+}

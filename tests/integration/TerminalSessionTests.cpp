@@ -1,0 +1,465 @@
+// Terminal sessions end to end with a real login zsh on a real PTY: the
+// service, the coordinator, the shim and the output pump, driven the way the
+// page drives them, with a temporary HOME and ZDOTDIR.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <deque>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "core/Base64.h"
+#include "core/MainQueue.h"
+#include "core/Paths.h"
+#include "support/TestSupport.h"
+#include "terminal/CodexShimInstaller.h"
+#include "terminal/TerminalDebugDumpStore.h"
+#include "terminal/TerminalCoordinator.h"
+#include "terminal/TerminalLogger.h"
+#include "terminal/TerminalProcess.h"
+#include "terminal/TerminalService.h"
+#include "workspace/ConfigStore.h"
+
+using namespace velko;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto kDeadline = 15s;
+
+// Records every event; while holding, keeps the delivery callbacks of
+// "terminal/output" back, like a page that is slow to take them.
+class Page final : public EventDispatching {
+public:
+    void dispatchEvent(std::string_view type, const OrderedJson& payload) override {
+        m_recorder.dispatchEvent(type, payload);
+    }
+    void dispatchEncodedEvent(std::string_view type, std::string envelope, std::function<void()> onDelivered) override {
+        m_recorder.dispatchEncodedEvent(type, std::move(envelope), nullptr);
+        if (!onDelivered) return;
+        std::lock_guard lock(m_mutex);
+        if (m_holding) m_held.push_back(std::move(onDelivered));
+        else onDelivered();
+    }
+    void hold() {
+        std::lock_guard lock(m_mutex);
+        m_holding = true;
+    }
+    void release() {
+        std::deque<std::function<void()>> held;
+        {
+            std::lock_guard lock(m_mutex);
+            m_holding = false;
+            held.swap(m_held);
+        }
+        for (auto& done : held) done();
+    }
+    std::vector<test::RecordedEvent> events() const { return m_recorder.events(); }
+    std::vector<test::RecordedEvent> eventsOfType(std::string_view type) const { return m_recorder.eventsOfType(type); }
+
+private:
+    test::EventRecorder m_recorder;
+    std::mutex m_mutex;
+    bool m_holding = false;
+    std::deque<std::function<void()>> m_held;
+};
+
+int countEntries(const std::string& directory) {
+    int count = 0;
+    if (DIR* dir = ::opendir(directory.c_str())) {
+        while (dirent* entry = ::readdir(dir))
+            if (entry->d_name[0] != '.') ++count;
+        ::closedir(dir);
+    }
+    return count;
+}
+
+int openDescriptors() { return countEntries("/proc/self/fd") - 1; }  // minus the one opendir holds
+
+// Children of this process, zombies included.
+int childProcesses() {
+    int count = 0;
+    const pid_t self = ::getpid();
+    DIR* dir = ::opendir("/proc");
+    if (!dir) return -1;
+    while (dirent* entry = ::readdir(dir)) {
+        if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
+        std::ifstream stat(std::string("/proc/") + entry->d_name + "/stat");
+        std::string line;
+        if (!std::getline(stat, line)) continue;
+        auto close = line.rfind(')');
+        if (close == std::string::npos) continue;
+        char state = 0;
+        int ppid = 0;
+        if (std::sscanf(line.c_str() + close + 1, " %c %d", &state, &ppid) == 2 && ppid == self) ++count;
+    }
+    ::closedir(dir);
+    return count;
+}
+
+bool processExists(int pid) {
+    struct stat info {};
+    return ::stat(("/proc/" + std::to_string(pid)).c_str(), &info) == 0;
+}
+
+class TerminalSessionTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        setMainQueue(queue);
+        ASSERT_TRUE(createDirectories(zdotdir));
+        ASSERT_TRUE(createDirectories(home.home() + "/bin"));
+        // The user's own start-up file resets PATH, as many do; the prompt is
+        // plain so the tests can find it.
+        writeZshrc("");
+        store = std::make_shared<ConfigStore>(home.dataDir());
+        (void)store->bootstrap();
+        ASSERT_TRUE(store->config().hasFeature(Feature::TerminalV2));
+        TerminalCoordinator::Options options;
+        options.logger = TerminalLogger::create(home.cacheDir() + "/velko-terminal.log");
+        options.maxPendingOutputBytes = kCap;
+        options.dumpStore = TerminalDebugDumpStore::create(home.cacheDir() + "/terminal-dumps");
+        coordinator = std::make_shared<TerminalCoordinator>(std::move(options));
+        installer = std::make_shared<CodexShimInstaller>();
+        service = TerminalService::create(store, coordinator, installer);
+        service->setBridge(page);
+        queue->runUntilIdle();
+    }
+
+    void TearDown() override {
+        page->release();
+        service->shutdown();
+        queue->runUntilIdle();
+        EXPECT_TRUE(TerminalProcess::waitForAbandonedChildren(TerminalProcess::kAbandonGracePeriod + 5s));
+        service.reset();
+        coordinator.reset();
+        queue->runUntilIdle();
+    }
+
+    void writeZshrc(const std::string& extra) {
+        std::ofstream(zdotdir + "/.zshrc") << "PATH=\"$HOME/bin:/usr/bin:/bin\"\n"
+                                              "PROMPT='velko%% '\n"
+                                              "unsetopt BEEP\n"
+                                           << extra;
+    }
+
+    bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds limit = kDeadline) {
+        const auto end = std::chrono::steady_clock::now() + limit;
+        for (;;) {
+            queue->runUntilIdle();
+            if (done()) return true;
+            if (std::chrono::steady_clock::now() > end) return false;
+            std::this_thread::sleep_for(2ms);
+        }
+    }
+
+    void send(const std::string& type, const std::string& payload) {
+        auto json = parseJson(payload);
+        ASSERT_TRUE(json) << payload;
+        service->handleMessage(type, &*json);
+        queue->runUntilIdle();
+    }
+    void type(const Uuid& id, const std::string& text) {
+        send("terminal/input", OrderedJson{{"sessionId", id.toString()}, {"data", base64Encode(text)}, {"encoding", "base64"}}.dump());
+    }
+
+    Uuid createSession() {
+        service->createSession(std::string("test"), std::nullopt);
+        queue->runUntilIdle();
+        return store->config().cliSessions.back().id;
+    }
+
+    // Every byte the page was given for the session, decoded, in order.
+    std::string output(const Uuid& id) const {
+        std::string bytes;
+        for (const auto& event : page->eventsOfType("terminal/output"))
+            if (event.payload["sessionId"] == id.toString())
+                bytes += base64Decode(event.payload["chunk"].get<std::string>()).value_or("<bad base64>");
+        return bytes;
+    }
+    std::vector<std::string> chunks(const Uuid& id) const {
+        std::vector<std::string> out;
+        for (const auto& event : page->eventsOfType("terminal/output"))
+            if (event.payload["sessionId"] == id.toString())
+                out.push_back(base64Decode(event.payload["chunk"].get<std::string>()).value_or(""));
+        return out;
+    }
+    // Waits until the output after `from` contains `needle`; returns where it ends.
+    size_t waitForOutput(const Uuid& id, const std::string& needle, size_t from = 0) {
+        size_t at = std::string::npos;
+        bool found = waitFor([&] {
+            std::string bytes = output(id);
+            at = from < bytes.size() ? bytes.find(needle, from) : std::string::npos;
+            return at != std::string::npos;
+        });
+        EXPECT_TRUE(found) << "never saw \"" << needle << "\" in:\n" << output(id).substr(std::min(from, output(id).size()));
+        return found ? at + needle.size() : output(id).size();
+    }
+    size_t waitForPrompt(const Uuid& id, size_t from = 0) { return waitForOutput(id, "velko% ", from); }
+
+    int pid(const Uuid& id) const { return coordinator->processID(id).value_or(-1); }
+
+    static constexpr uint64_t kCap = 256 * 1024;
+    test::IsolatedHome home;
+    std::string zdotdir = home.home() + "/zdot";
+    test::ScopedEnv zdotdirEnv{"ZDOTDIR", zdotdir};
+    std::shared_ptr<ManualQueue> queue = std::make_shared<ManualQueue>();
+    std::shared_ptr<Page> page = std::make_shared<Page>();
+    std::shared_ptr<ConfigStore> store;
+    std::shared_ptr<TerminalCoordinator> coordinator;
+    std::shared_ptr<CodexShimInstaller> installer;
+    std::shared_ptr<TerminalService> service;
+};
+
+}  // namespace
+
+// What a user types is run by the login shell, which sees the environment
+// velko promises: the terminal variables, and the shim first on PATH even
+// though the user's .zshrc reset PATH.
+TEST_F(TerminalSessionTest, RunsWhatIsTypedInTheEnvironmentVelkoPromises) {
+    const char* inheritedTerm = std::getenv("TERM");
+    const char* inheritedColor = std::getenv("COLORTERM");
+    struct Case {
+        std::string input;
+        std::string expected;
+    } cases[] = {
+        {"echo velko-$((40+2))\r", "velko-42"},
+        {"print -r -- term=$TERM\r", std::string("term=") + (inheritedTerm ? inheritedTerm : "xterm-256color")},
+        {"print -r -- color=$COLORTERM\r", std::string("color=") + (inheritedColor ? inheritedColor : "truecolor")},
+        {"print -r -- flag=$VELKO_TERMINAL\r", "flag=1"},
+        {"print -r -- first=${PATH%%:*}\r", "first=" + installer->shimDirectory()},
+        {"print -r -- dir=$PWD\r", "dir=" + home.home()},
+        {"print -r -- zdotdir=$ZDOTDIR\r", "zdotdir=" + zdotdir},
+    };
+    const Uuid id = createSession();
+    size_t at = waitForPrompt(id);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.input);
+        type(id, c.input);
+        at = waitForOutput(id, c.expected + "\r\n", at);
+        at = waitForPrompt(id, at);
+    }
+}
+
+TEST_F(TerminalSessionTest, TheShellSeesTheNewSizeAfterAResize) {
+    const Uuid id = createSession();
+    size_t at = waitForPrompt(id);
+    struct Case {
+        int cols, rows;
+        std::string expected;
+    } cases[] = {{100, 33, "33 100"}, {80, 24, "24 80"}, {300, 90, "90 300"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.expected);
+        send("terminal/resize", OrderedJson{{"sessionId", id.toString()}, {"cols", c.cols}, {"rows", c.rows}}.dump());
+        type(id, "stty size\r");
+        at = waitForOutput(id, "\r\n" + c.expected + "\r\n", at);
+        at = waitForPrompt(id, at);
+    }
+}
+
+TEST_F(TerminalSessionTest, AnInterruptReachesTheForegroundProgram) {
+    const Uuid id = createSession();
+    size_t at = waitForPrompt(id);
+    type(id, "sh -c 'trap \"echo got-int; exit 0\" INT; echo armed; while :; do sleep 0.05; done'\r");
+    at = waitForOutput(id, "armed\r\n", at);
+    send("terminal/signal", OrderedJson{{"sessionId", id.toString()}, {"signal", "sigint"}}.dump());
+    at = waitForOutput(id, "got-int", at);
+    waitForPrompt(id, at);
+}
+
+TEST_F(TerminalSessionTest, AShellThatExitsReportsItsCode) {
+    const Uuid id = createSession();
+    waitForPrompt(id);
+    const int shell = pid(id);
+    type(id, "exit 7\r");
+    ASSERT_TRUE(waitFor([&] { return !page->eventsOfType("terminal/exit").empty(); }));
+    auto statuses = page->eventsOfType("terminal/status");
+    ASSERT_FALSE(statuses.empty());
+    EXPECT_EQ(statuses.back().payload["status"], "terminated");
+    EXPECT_EQ(statuses.back().payload["exitCode"], 7);
+    EXPECT_EQ(page->eventsOfType("terminal/exit").back().payload["exitCode"], 7);
+    EXPECT_EQ(page->events().back().type, "terminal/snapshot");
+    EXPECT_FALSE(coordinator->processID(id));
+    EXPECT_TRUE(waitFor([&] { return !processExists(shell); })) << "the shell was not reaped";
+}
+
+// The fake tool is first on the user's PATH; the shim still runs first and
+// wraps it in its markers, each of which reaches the page whole. Without any
+// tool the shim says so and ends with 127.
+TEST_F(TerminalSessionTest, TheShimWrapsTheToolInWholeMarkers) {
+    const std::string fake = home.home() + "/bin/codex";
+    struct Case {
+        bool installed;
+        std::string text;
+        std::string end;
+    } cases[] = {
+        {true, "fake-codex one two", "\x1b]633;velko-codex:end;status=3\x07"},
+        {false, "velko codex shim: failed to locate real codex binary", "\x1b]633;velko-codex:end;status=127\x07"},
+    };
+    const std::string start = "\x1b]633;velko-codex:start\x07";
+    const Uuid id = createSession();
+    size_t at = waitForPrompt(id);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        if (c.installed) {
+            std::ofstream(fake) << "#!/bin/sh\necho \"fake-codex $*\"\nexit 3\n";
+            ASSERT_EQ(::chmod(fake.c_str(), 0755), 0);
+        } else {
+            ::unlink(fake.c_str());
+        }
+        const size_t from = at;
+        type(id, "codex one two\r");
+        at = waitForOutput(id, c.end, at);
+        at = waitForPrompt(id, at);
+        const std::string seen = output(id).substr(from);
+        const size_t startAt = seen.find(start), textAt = seen.find(c.text), endAt = seen.find(c.end);
+        EXPECT_EQ(startAt == std::string::npos, !c.installed) << "the start marker comes only when a tool runs";
+        ASSERT_NE(textAt, std::string::npos);
+        if (c.installed) {
+            EXPECT_LT(startAt, textAt);
+        }
+        EXPECT_LT(textAt, endAt);
+        bool endWhole = false;
+        for (const auto& chunk : chunks(id)) endWhole |= chunk.find(c.end) != std::string::npos;
+        EXPECT_TRUE(endWhole);
+    }
+    bool startWhole = false;
+    for (const auto& chunk : chunks(id)) startWhole |= chunk.find(start) != std::string::npos;
+    EXPECT_TRUE(startWhole);
+}
+
+TEST_F(TerminalSessionTest, ClosingEndsTheShellAndReapsIt) {
+    const Uuid id = createSession();
+    waitForPrompt(id);
+    const int shell = pid(id);
+    ASSERT_GT(shell, 0);
+    send("terminal/close", OrderedJson{{"sessionId", id.toString()}}.dump());
+    auto snapshot = page->eventsOfType("terminal/snapshot").back().payload["sessions"];
+    for (const auto& entry : snapshot) EXPECT_NE(entry["id"], id.toString());
+    EXPECT_TRUE(waitFor([&] { return !processExists(shell); })) << "zsh " << shell << " is still there";
+    // Closed on request: no exit is reported, and later input goes nowhere.
+    EXPECT_TRUE(page->eventsOfType("terminal/exit").empty());
+    const size_t events = page->events().size();
+    type(id, "echo late\r");
+    EXPECT_EQ(page->events().size(), events);
+}
+
+// A shell that ignores the hang-up and SIGTERM is killed after a grace
+// period and reaped; closing it does not wait on the main thread.
+TEST_F(TerminalSessionTest, AShellIgnoringHangupIsStillEndedAndReaped) {
+    const std::string stubborn = home.home() + "/bin/stubborn";
+    std::ofstream(stubborn) << "#!/bin/sh\ntrap '' HUP TERM\necho stubborn-ready\nwhile :; do sleep 1; done\n";
+    ASSERT_EQ(::chmod(stubborn.c_str(), 0755), 0);
+    CLISessionConfig config{Uuid::random(), "stubborn", home.home(), stubborn, std::nullopt};
+    coordinator->startSession(config);
+    waitForOutput(config.id, "stubborn-ready");
+    const int shell = pid(config.id);
+    ASSERT_GT(shell, 0);
+    coordinator->terminateSession(config.id);
+    EXPECT_TRUE(processExists(shell));
+    EXPECT_TRUE(waitFor([&] { return !processExists(shell); }, TerminalProcess::kAbandonGracePeriod + kDeadline));
+}
+
+// Under a flood the output waiting for the page stays bounded, the shell is
+// held back instead, Ctrl+C still reaches it, and the session goes on.
+TEST_F(TerminalSessionTest, AFloodStaysBoundedAndCanBeInterrupted) {
+    const Uuid id = createSession();
+    size_t at = waitForPrompt(id);
+    page->hold();
+    type(id, "yes velko-flood\r");
+    ASSERT_TRUE(waitFor([&] { return coordinator->pendingOutput(id).value_or(std::pair{0ull, 0ull}).second >= kCap; }));
+    // The reader is parked at the cap: more time gives no more pending bytes.
+    for (int i = 0; i < 50; ++i) {
+        queue->runUntilIdle();
+        std::this_thread::sleep_for(2ms);
+    }
+    const auto [pending, peak] = *coordinator->pendingOutput(id);
+    constexpr uint64_t kOneRead = 65536 * 4 / 3 + 256;
+    EXPECT_LE(peak, kCap + kOneRead);
+    EXPECT_LE(pending, kCap + kOneRead);
+    type(id, "\x03");
+    page->release();
+    at = output(id).size();
+    type(id, "echo after-$((1+1))\r");
+    at = waitForOutput(id, "after-2\r\n", at);
+    waitForPrompt(id, at);
+    EXPECT_LE(coordinator->pendingOutput(id)->second, kCap + kOneRead);
+}
+
+TEST_F(TerminalSessionTest, ManySessionsLeaveNoDescriptorOrChildBehind) {
+    // One session first, so lazily created resources (log file queue, shim) exist.
+    const Uuid warm = createSession();
+    waitForPrompt(warm);
+    send("terminal/close", OrderedJson{{"sessionId", warm.toString()}}.dump());
+    ASSERT_TRUE(waitFor([&] { return childProcesses() == 0 && TerminalProcess::abandonedChildCount() == 0; }));
+    const int descriptors = openDescriptors();
+    for (int i = 0; i < 200; ++i) {
+        const Uuid id = createSession();
+        ASSERT_TRUE(coordinator->processID(id)) << "cycle " << i;
+        send("terminal/close", OrderedJson{{"sessionId", id.toString()}}.dump());
+    }
+    EXPECT_TRUE(waitFor([&] { return childProcesses() == 0; }, TerminalProcess::kAbandonGracePeriod + kDeadline))
+        << childProcesses() << " children left";
+    EXPECT_TRUE(waitFor([&] { return openDescriptors() <= descriptors; })) << openDescriptors() << " vs " << descriptors;
+    EXPECT_EQ(coordinator->sessionCount(), 0u);
+}
+
+TEST_F(TerminalSessionTest, AShellThatCannotStartIsReportedAsFailed) {
+    CLISessionConfig config{Uuid::random(), "broken", home.home(), "/nonexistent/zsh", std::nullopt};
+    coordinator->startSession(config);
+    queue->runUntilIdle();
+    EXPECT_TRUE(page->eventsOfType("terminal/created").empty());
+    auto statuses = page->eventsOfType("terminal/status");
+    ASSERT_EQ(statuses.size(), 1u);
+    EXPECT_EQ(statuses[0].payload["status"], "failed");
+    auto errors = page->eventsOfType("terminal/error");
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].payload["message"], "spawnFailed(code: 2)");
+    EXPECT_EQ(errors[0].payload["recoverable"], true);
+    EXPECT_FALSE(coordinator->processID(config.id));
+    coordinator->logger()->drainForTesting();
+    std::ifstream log(home.cacheDir() + "/velko-terminal.log");
+    std::string text((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
+    EXPECT_NE(text.find(R"x("message":"spawn_failed","metadata":{"error":"spawnFailed(code: 2)"})x"), std::string::npos)
+        << text;
+}
+
+// With the dump on, every chunk the shell wrote is in the session's dump
+// file, before and after normalising, in the order it was read.
+TEST_F(TerminalSessionTest, TheDebugDumpHoldsEveryChunkOfASession) {
+    // The feature arrives with the configuration file, as a user turns it on.
+    const std::string configPath = home.dataDir() + "/config.json";
+    std::string text;
+    ASSERT_TRUE(readWholeFile(configPath, text));
+    auto config = parseJson(text);
+    ASSERT_TRUE(config);
+    (*config)["features"] = Json::array({"terminal.v2", "terminal.debugDump"});
+    ASSERT_TRUE(writeFileAtomically(configPath, config->dump()));
+    (void)store->bootstrap();
+    queue->runUntilIdle();
+    ASSERT_TRUE(coordinator->debugDumpEnabled());
+    const Uuid id = createSession();
+    size_t at = waitForPrompt(id);
+    type(id, "printf 'dump-%d\\r\\r\\n' 7\r");
+    waitForPrompt(id, waitForOutput(id, "dump-7\r\n", at));
+    coordinator->debugDumpStore()->drainForTesting();
+    std::ifstream dump(home.cacheDir() + "/terminal-dumps/" + id.toString() + ".jsonl");
+    std::string raw, normalized;
+    int64_t sequence = 0;
+    for (std::string line; std::getline(dump, line); ++sequence) {
+        auto entry = parseJson(line);
+        ASSERT_TRUE(entry) << line;
+        EXPECT_EQ((*entry)["sequence"], sequence);
+        raw += *base64Decode((*entry)["rawBase64"].get<std::string>());
+        normalized += *base64Decode((*entry)["normalizedBase64"].get<std::string>());
+    }
+    EXPECT_NE(raw.find("dump-7\r\r\r\n"), std::string::npos) << testing::PrintToString(raw);  // the terminal adds a CR before the LF
+    EXPECT_NE(normalized.find("dump-7\r\n"), std::string::npos);
+    EXPECT_EQ(normalized, output(id).substr(0, normalized.size()));
+}

@@ -1,0 +1,140 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "terminal/TerminalOutputNormalizer.h"
+
+using namespace velko;
+
+namespace {
+
+const std::string kFiller(TerminalOutputNormalizer::kPromptFiller);
+
+std::string normalizeChunks(const std::vector<std::string>& chunks) {
+    TerminalOutputNormalizer normalizer;
+    std::string out;
+    for (const auto& chunk : chunks) out += normalizer.normalize(chunk);
+    return out;
+}
+
+std::string visible(const std::string& s) {
+    std::string out;
+    for (unsigned char c : s) {
+        if (c >= 32 && c < 127) out.push_back(static_cast<char>(c));
+        else out += "<" + std::to_string(c) + ">";
+    }
+    return out;
+}
+
+}  // namespace
+
+// What each kind of output becomes. Every case also holds when the input is
+// split in two at any byte, which is how a PTY read may cut it.
+TEST(TerminalOutputNormalizer, FiltersBytesTheSameWhereverAReadCutsThem) {
+    struct Case {
+        const char* name;
+        std::string input;
+        std::string expected;
+    };
+    const std::string esc = "\x1b", bel = "\x07", st = "\x1b\\";
+    const Case cases[] = {
+        {"plain text", "hello world\n", "hello world\n"},
+        {"CR run collapses", "a\r\r\rb", "a\rb"},
+        {"CR LF pairs stay", "a\r\n\r\nb", "a\r\n\r\nb"},
+        {"NUL dropped and clears CR", std::string("\r\0\r", 3), "\r\r"},
+        {"NUL bytes dropped", std::string("a\0b\0\0c", 6), "abc"},
+        {"OSC title with BEL", esc + "]0;title" + bel + "x", esc + "]0;title" + bel + "x"},
+        {"OSC title with ST", esc + "]0;title" + st, esc + "]0;title" + st},
+        {"ESC inside OSC body stays", esc + "]0;ti" + esc + "xtle" + bel, esc + "]0;ti" + esc + "xtle" + bel},
+        {"OSC without digits", esc + "]" + bel, esc + "]" + bel},
+        {"OSC 133 kept", esc + "]133;A" + st + "$ ", esc + "]133;A" + st + "$ "},
+        {"shim markers", esc + "]633;velko-codex:start" + bel + "out\n" + esc + "]633;velko-codex:end;status=3" + bel,
+         esc + "]633;velko-codex:start" + bel + "out\n" + esc + "]633;velko-codex:end;status=3" + bel},
+        {"SGR passes", esc + "[31mred" + esc + "[0m", esc + "[31mred" + esc + "[0m"},
+        {"ESC CR drops the next CR", esc + "\r\rx", esc + "\rx"},
+        {"ESC ESC bracket is text", esc + esc + "]x", esc + esc + "]x"},
+        {"NUL inside CSI dropped", esc + std::string("[3\0" "1m", 5), esc + "[31m"},
+        {"NUL inside OSC kept", esc + std::string("]0;a\0b", 6) + bel, esc + std::string("]0;a\0b", 6) + bel},
+        {"UTF-8 untouched", "caf\xc3\xa9 \xe6\x97\xa5\xe6\x9c\xac\r\n", "caf\xc3\xa9 \xe6\x97\xa5\xe6\x9c\xac\r\n"},
+        {"long plain run", std::string(100, 'x') + "\r\r" + std::string(40, 'y'),
+         std::string(100, 'x') + "\r" + std::string(40, 'y')},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(visible(normalizeChunks({c.input})), visible(c.expected));
+        for (size_t cut = 1; cut < c.input.size(); ++cut) {
+            SCOPED_TRACE("cut at " + std::to_string(cut));
+            EXPECT_EQ(visible(normalizeChunks({c.input.substr(0, cut), c.input.substr(cut)})), visible(c.expected));
+        }
+    }
+}
+
+// The scan for bytes that need treatment goes many bytes at a time; each one
+// must be found wherever it sits in a long run of text.
+TEST(TerminalOutputNormalizer, FindsSpecialBytesAtEveryOffsetOfALongRun) {
+    struct Case {
+        const char* name;
+        std::string special;
+        std::string becomes;
+    } cases[] = {{"NUL", std::string(1, '\0'), ""}, {"double CR", "\r\r", "\r"}, {"title", "\x1b]0;t\x07", "\x1b]0;t\x07"}};
+    for (const auto& c : cases) {
+        for (size_t offset = 0; offset < 200; ++offset) {
+            SCOPED_TRACE(std::string(c.name) + " at " + std::to_string(offset));
+            const std::string before(offset, 'a'), after(150, 'b');
+            EXPECT_EQ(normalizeChunks({before + c.special + after}), before + c.becomes + after);
+        }
+    }
+}
+
+TEST(TerminalOutputNormalizer, HoldsAnOscSequenceBackUntilItsTerminator) {
+    const std::string sequence = "\x1b]0;title\x07";
+    for (size_t cut = 1; cut < sequence.size(); ++cut) {
+        SCOPED_TRACE(cut);
+        TerminalOutputNormalizer normalizer;
+        EXPECT_EQ(normalizer.normalize(sequence.substr(0, cut)), "");
+        EXPECT_EQ(normalizer.normalize(sequence.substr(cut)), sequence);
+    }
+    // An unterminated sequence holds back everything after it, CRs and NULs included.
+    TerminalOutputNormalizer normalizer;
+    EXPECT_EQ(normalizer.normalize("\x1b]2;never ends"), "");
+    EXPECT_EQ(normalizer.normalize(std::string("\r\r\0z", 4)), "");
+    EXPECT_EQ(normalizer.normalize("\x07ok"), std::string("\x1b]2;never ends\r\r\0z\x07ok", 21));
+}
+
+TEST(TerminalOutputNormalizer, ShrinksZshPartialLineMarkerOnlyWithinOneChunk) {
+    struct Case {
+        const char* name;
+        std::vector<std::string> chunks;
+        std::string expected;
+    };
+    const std::string spaces79(79, ' ');
+    const Case cases[] = {
+        {"filler, spaces, CR", {"out" + kFiller + spaces79 + "\r$ "}, "out\r$ "},
+        {"filler directly followed by CR", {kFiller + "\r"}, "\r"},
+        {"filler after a CR still gives one CR", {"\r" + kFiller + "\r"}, "\r\r"},
+        {"CR in the next chunk keeps the filler", {kFiller + spaces79, "\r"}, kFiller + spaces79 + "\r"},
+        {"exactly the filler passes through", {kFiller}, kFiller},
+        {"filler followed by text passes through", {kFiller + "  x\r"}, kFiller + "  x\r"},
+        {"CR after the shrunk filler is dropped", {kFiller + " \r\rx"}, "\rx"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(visible(normalizeChunks(c.chunks)), visible(c.expected));
+    }
+}
+
+TEST(TerminalOutputNormalizer, CallsTheDebugSinkOncePerNonEmptyChunk) {
+    TerminalOutputNormalizer normalizer;
+    std::vector<std::pair<std::string, std::string>> calls;
+    TerminalOutputNormalizer::DebugSink sink = [&](std::string_view raw, std::string_view normalized) {
+        calls.emplace_back(raw, normalized);
+    };
+    EXPECT_EQ(normalizer.normalize("", &sink), "");
+    EXPECT_TRUE(calls.empty());
+    normalizer.normalize("\x1b]0;x", &sink);
+    normalizer.normalize("a\r\rb", &sink);
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[0], std::make_pair(std::string("\x1b]0;x"), std::string()));
+    EXPECT_EQ(calls[1].first, "a\r\rb");
+    EXPECT_EQ(calls[1].second, "");  // still inside the unterminated title
+}

@@ -1,0 +1,226 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+#include "core/Base64.h"
+#include "core/Json.h"
+#include "support/TestSupport.h"
+#include "terminal/TerminalLogger.h"
+#include "terminal/TerminalOutputPump.h"
+
+using namespace velko;
+
+namespace {
+
+// What the bridge's generic encoder writes for an event.
+std::string genericEnvelope(std::string_view type, const OrderedJson& payload) {
+    return "{\"type\":" + dumpJson(OrderedJson(std::string(type))) + ",\"payload\":" + dumpJson(payload) + "}";
+}
+
+// Holds deliveries until the test releases them, like a page that is slow to take events.
+class SlowPage final : public EventDispatching {
+public:
+    void dispatchEvent(std::string_view, const OrderedJson&) override {}
+    void dispatchEncodedEvent(std::string_view type, std::string envelope, std::function<void()> onDelivered) override {
+        std::lock_guard lock(m_mutex);
+        if (type != "terminal/output") return;
+        m_held.push_back({std::move(envelope), std::move(onDelivered)});
+    }
+    // Delivers everything held so far; returns the decoded output bytes.
+    std::string release() {
+        std::deque<std::pair<std::string, std::function<void()>>> held;
+        {
+            std::lock_guard lock(m_mutex);
+            held.swap(m_held);
+        }
+        std::string bytes;
+        for (auto& [envelope, done] : held) {
+            auto json = parseJson(envelope);
+            bytes += *base64Decode((*json)["payload"]["chunk"].get<std::string>());
+            if (done) done();
+        }
+        return bytes;
+    }
+    size_t held() const {
+        std::lock_guard lock(m_mutex);
+        return m_held.size();
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::deque<std::pair<std::string, std::function<void()>>> m_held;
+};
+
+}  // namespace
+
+TEST(TerminalOutputPump, WritesEnvelopesByteForByteAsTheGenericEncoder) {
+    const std::string id = "0F8FAD5B-D9CB-469F-A165-70867728950E";
+    const std::vector<std::string> chunks = {"", "a", "hello\r\n", std::string("\0\xff\xfe\x1b]0;t\x07", 9),
+                                             std::string(4095, 'z'), "\"quotes\" and \\backslashes\\ </script>"};
+    for (const auto& chunk : chunks) {
+        SCOPED_TRACE(chunk.size());
+        OrderedJson payload;
+        payload["sessionId"] = id;
+        payload["chunk"] = base64Encode(chunk);
+        payload["encoding"] = "base64";
+        std::string direct;
+        TerminalOutputPump::appendOutputEnvelope(id, chunk, direct);
+        EXPECT_EQ(direct, genericEnvelope("terminal/output", payload));
+    }
+    OrderedJson activity;
+    activity["sessionId"] = id;
+    EXPECT_EQ(TerminalOutputPump::activityEnvelope(id), genericEnvelope("terminal/activity", activity));
+}
+
+// A producer much faster than the page: the pump stops reading at its cap, so
+// what waits for delivery stays bounded, and once the page catches up every
+// byte arrives, in order.
+TEST(TerminalOutputPump, StopsReadingAtItsCapAndLosesNothing) {
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
+    test::TempDir dir;
+    auto logger = TerminalLogger::create(dir.file("log"));
+    auto page = std::make_shared<SlowPage>();
+    constexpr uint64_t kCap = 64 * 1024;
+    constexpr uint64_t kOneRead = 65536 * 4 / 3 + 256;  // the envelope of one full read
+    TerminalOutputPump pump(Uuid::random(), fds[0], logger, page, kCap);
+    pump.start();
+
+    std::string sent;
+    for (int i = 0; sent.size() < 1024 * 1024; ++i) sent += "line " + std::to_string(i) + "\r\n";
+    std::thread writer([&] {
+        size_t done = 0;
+        while (done < sent.size()) {
+            ssize_t n = ::write(fds[1], sent.data() + done, std::min<size_t>(4095, sent.size() - done));
+            if (n > 0) done += static_cast<size_t>(n);
+            else std::this_thread::sleep_for(std::chrono::milliseconds(1));  // pipe full: the pump holds back
+        }
+        ::close(fds[1]);
+    });
+
+    std::string received;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (received.size() < sent.size() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        received += page->release();
+        EXPECT_LE(pump.pendingBytes(), kCap + kOneRead);
+    }
+    writer.join();
+    EXPECT_EQ(received.size(), sent.size());
+    EXPECT_TRUE(received == sent) << "output reordered or changed";
+    EXPECT_LE(pump.peakPendingBytes(), kCap + kOneRead);  // at most one read past the cap
+    EXPECT_GE(pump.peakPendingBytes(), kCap);          // the cap was actually reached
+    pump.stop();
+    ::close(fds[0]);
+}
+
+TEST(TerminalOutputPump, FinishReadsWhatIsLeftThenEnds) {
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
+    auto page = std::make_shared<SlowPage>();
+    TerminalOutputPump pump(Uuid::random(), fds[0], nullptr, page);
+    ASSERT_EQ(::write(fds[1], "last words", 10), 10);
+    pump.start();
+    pump.finish();  // must return although the write end is still open
+    EXPECT_EQ(page->release(), "last words");
+    ::close(fds[1]);
+    ::close(fds[0]);
+}
+
+// A writer that never stops (a background job still holding the terminal)
+// cannot keep finish() from returning.
+TEST(TerminalOutputPump, FinishReturnsWhileAWriterKeepsWriting) {
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
+    auto page = std::make_shared<SlowPage>();
+    std::atomic<bool> writing{true};
+    std::thread writer([&] {
+        const std::string line(4000, 'y');
+        while (writing) {
+            if (::write(fds[1], line.data(), line.size()) < 0) std::this_thread::yield();
+        }
+    });
+    constexpr uint64_t kCap = 64 * 1024;
+    {
+        TerminalOutputPump pump(Uuid::random(), fds[0], nullptr, page, kCap);
+        pump.start();
+        while (page->held() == 0) std::this_thread::yield();
+        pump.finish();
+    }
+    writing = false;
+    writer.join();
+    EXPECT_GT(page->release().size(), 0u);
+    ::close(fds[1]);
+    ::close(fds[0]);
+}
+
+// A log that cannot keep up (here a FIFO nobody reads yet, as a stalled disk)
+// holds the reader back too: its backlog stays near the cap, and once the log
+// moves again every line arrives.
+TEST(TerminalOutputPump, AStalledLogHoldsTheReaderBack) {
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
+    test::TempDir dir;
+    const std::string fifo = dir.file("log");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    auto logger = TerminalLogger::create(fifo);
+    auto page = std::make_shared<test::EventRecorder>();
+    constexpr uint64_t kCap = 64 * 1024;
+    TerminalOutputPump pump(Uuid::random(), fds[0], logger, page, kCap);
+    pump.start();
+
+    std::atomic<bool> writing{true};
+    std::atomic<uint64_t> written{0};
+    std::thread writer([&] {
+        const std::string line(4000, 'y');
+        while (writing && written < 4 * 1024 * 1024) {
+            ssize_t n = ::write(fds[1], line.data(), line.size());
+            if (n > 0) written += static_cast<uint64_t>(n);
+            else std::this_thread::yield();
+        }
+    });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (logger->pendingBytes() < kCap && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    ASSERT_GE(logger->pendingBytes(), kCap);
+    // Parked: the backlog grows by at most one more read while the log stays stalled.
+    for (int i = 0; i < 200; ++i) {
+        EXPECT_LE(logger->pendingBytes(), kCap + 65536);
+        std::this_thread::yield();
+    }
+    EXPECT_LT(written.load(), 4u * 1024 * 1024) << "the writer was never held back";
+
+    // The log moves again: read the FIFO until the writer is done and the backlog gone.
+    std::atomic<bool> reading{true};
+    uint64_t logged = 0;
+    // Opened for reading and writing, the FIFO always has a reader and never
+    // reports an end, so the log's own opens and closes cannot race with it.
+    const int logEnd = ::open(fifo.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(logEnd, 0);
+    std::thread reader([&] {
+        char buffer[65536];
+        for (;;) {
+            ssize_t n = ::read(logEnd, buffer, sizeof buffer);
+            if (n > 0) logged += static_cast<uint64_t>(n);
+            else if (reading) std::this_thread::yield();
+            else break;
+        }
+    });
+    writing = false;
+    writer.join();
+    ::close(fds[1]);
+    pump.finish();
+    logger->drainForTesting();
+    reading = false;
+    reader.join();
+    ::close(logEnd);
+    EXPECT_GT(logged, written.load()) << "every line, base64 and all, reached the log";
+    EXPECT_EQ(logger->pendingBytes(), 0u);
+    ::close(fds[0]);
+}
