@@ -52,7 +52,6 @@ GitProcessOutput spawnAndDrain(const std::vector<std::string>& arguments, const 
 
 // The text as it stands when it is valid UTF-8, else the empty string.
 std::string decodeUtf8OrEmpty(std::string bytes);
-bool isValidUtf8(std::string_view bytes);
 
 // The process environment for git children: everything the application has,
 // with the terminal prompt off and ssh unable to ask for anything.
