@@ -71,6 +71,19 @@ std::vector<std::string> splitOnBlanks(std::string_view text) {
     return pieces;
 }
 
+// True for remotes git reaches through ssh: "ssh://", "git+ssh://" and the
+// scp-like "host:path" (a colon before any slash). Local paths, "file://",
+// "git://" and HTTP remotes never start ssh.
+bool reachedThroughSsh(std::string_view url) {
+    std::string lower = toLower(url);
+    for (std::string_view scheme : {"ssh://", "git+ssh://", "ssh+git://"}) {
+        if (lower.rfind(scheme, 0) == 0) return true;
+    }
+    if (lower.find("://") != std::string::npos) return false;
+    size_t colon = url.find(':');
+    return colon != std::string_view::npos && colon > 0 && url.substr(0, colon).find('/') == std::string_view::npos;
+}
+
 int64_t decimalOrZero(std::string_view text) {
     int64_t value = 0;
     auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -224,8 +237,10 @@ std::optional<GitService::ProjectContext> GitService::metadata(const std::option
 GitEnvironment GitService::baseEnvironment() const { return m_environment; }
 
 Result<std::string, GitError> GitService::runGit(const std::vector<std::string>& arguments,
-                                                 const ProjectContext& project, bool requiresAuth) {
+                                                 const ProjectContext& project, bool requiresAuth,
+                                                 const GitEnvironment& extraEnvironment) {
     GitEnvironment environment = baseEnvironment();
+    for (const auto& [key, value] : extraEnvironment) environment[key] = value;
     std::optional<GitAuthToken> token;
     if (requiresAuth) {
         token = m_authProvider->loadToken();
@@ -616,7 +631,7 @@ void GitService::doRemoteAction(const ProjectContext& project, RemoteAction acti
     m_missingRemoteProjects.erase(project.id);
     bool requiresOAuth = requiresGitHubOAuth(*url, m_gitHubWebHost);
     if (requiresOAuth && !ensureAuthenticated(shape.operation, false)) return;
-    auto output = runGit(shape.arguments, project, requiresOAuth);
+    auto output = runGit(shape.arguments, project, requiresOAuth, sshEnvironment(*url, project));
     if (!output) {
         handleGitError(output.error(), shape.description, project.id);
         return;
@@ -680,6 +695,19 @@ void GitService::doFetchRemoteTracking(const ProjectContext& project) {
 }
 
 // --- remotes -----------------------------------------------------------------------
+
+GitEnvironment GitService::sshEnvironment(const std::string& remoteURL, const ProjectContext& project) {
+    if (!reachedThroughSsh(remoteURL)) return {};
+    // The child has no terminal, so ssh could not ask for a passphrase or a new
+    // host key anyway; BatchMode makes it fail at once with its reason instead
+    // of trying. A user who chose their own ssh command keeps it untouched.
+    if (m_environment.count("GIT_SSH_COMMAND") || m_environment.count("GIT_SSH")) return {};
+    if (auto own = runGit({"config", "--get", "core.sshCommand"}, project, false);
+        own && !trimWhitespace(*own).empty()) {
+        return {};
+    }
+    return {{"GIT_SSH_COMMAND", "ssh -o BatchMode=yes"}};
+}
 
 std::optional<std::string> GitService::upstreamRemoteName(const ProjectContext& project) {
     auto output = runGit({"rev-parse", "--abbrev-ref", "--symbolic-full-name", "@{u}"}, project, false);

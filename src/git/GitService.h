@@ -87,7 +87,8 @@ private:
     std::optional<ProjectContext> metadata(const std::optional<Uuid>& projectID);
     GitEnvironment baseEnvironment() const;
     Result<std::string, GitError> runGit(const std::vector<std::string>& arguments, const ProjectContext& project,
-                                         bool requiresAuth);
+                                         bool requiresAuth, const GitEnvironment& extraEnvironment = {});
+    GitEnvironment sshEnvironment(const std::string& remoteURL, const ProjectContext& project);
     Result<GitProcessExecutionResult, GitError> runGitAllowingDifferences(const std::vector<std::string>& arguments,
                                                                           const ProjectContext& project,
                                                                           const std::set<int>& allowedExitCodes);
