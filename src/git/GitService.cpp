@@ -84,6 +84,10 @@ bool reachedThroughSsh(std::string_view url) {
     return colon != std::string_view::npos && colon > 0 && url.substr(0, colon).find('/') == std::string_view::npos;
 }
 
+std::string subcommand(const std::vector<std::string>& arguments) {
+    return arguments.empty() ? std::string() : arguments.front();
+}
+
 int64_t decimalOrZero(std::string_view text) {
     int64_t value = 0;
     auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -246,7 +250,10 @@ Result<std::string, GitError> GitService::runGit(const std::vector<std::string>&
         token = m_authProvider->loadToken();
         if (!token) return fail(GitError::authenticationRequired());
         auto prepared = m_credentialBroker->prepareEnvironment(token->accessToken);
-        if (!prepared) return fail(GitError::launchFailed(prepared.error()));
+        if (!prepared) {
+            m_logger.error("git " + subcommand(arguments) + ": askpass script not written: " + prepared.error());
+            return fail(GitError::launchFailed(prepared.error()));
+        }
         for (auto& [key, value] : *prepared) environment[key] = value;
         environment["GITHUB_TOKEN"] = token->accessToken;
         environment["GH_TOKEN"] = token->accessToken;
@@ -273,7 +280,10 @@ Result<std::string, GitError> GitService::runGit(const std::vector<std::string>&
         if (requiresAuth) m_credentialBroker->cleanup();
         return std::move(result.stdout);
     }
+    m_logger.info("git " + subcommand(arguments) + " exited with status " +
+                  std::to_string(result.status));
     if (requiresAuth && isAuthenticationFailure(result.stderr)) {
+        m_logger.notice("git " + subcommand(arguments) + ": the server refused the token; it is forgotten");
         auto record = m_authProvider->loadToken();
         m_authProvider->deleteToken();
         OrderedJson status;
@@ -301,6 +311,8 @@ Result<GitProcessExecutionResult, GitError> GitService::runGitAllowingDifference
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     GitProcessExecutionResult result = m_processRunner->run(argv, project.directory, baseEnvironment());
     if (allowedExitCodes.count(result.status)) return result;
+    m_logger.info("git " + subcommand(arguments) + " exited with status " +
+                  std::to_string(result.status));
     return fail(GitError::commandFailed(std::string(trimWhitespace(result.stderr))));
 }
 

@@ -22,6 +22,7 @@
 
 #include "core/EventDispatching.h"
 #include "core/Json.h"
+#include "core/Log.h"
 #include "core/Result.h"
 #include "core/Uuid.h"
 #include "git/GitAuthProviding.h"
@@ -131,6 +132,9 @@ private:
     std::string m_gitHubWebHost;
     std::weak_ptr<EventDispatching> m_eventSink;
     std::set<Uuid> m_missingRemoteProjects;  // queue only
+    // Subcommands and exit statuses only: arguments may hold a commit
+    // message or file names, and stderr may echo a URL with credentials.
+    Logger m_logger{"app.velko.git", "git-service"};
     std::shared_ptr<SerialQueue> m_queue;
 };
 

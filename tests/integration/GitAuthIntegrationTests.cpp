@@ -3,6 +3,7 @@
 // the token, and a sweep for the token afterwards.
 #include <gtest/gtest.h>
 #include <fcntl.h>
+#include <glib.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -138,6 +139,31 @@ bool treeContains(const std::string& root, const std::string& needle) {
     return false;
 }
 
+// Sends this process's standard error (where the log lines go without a
+// journal) to a file while it lives.
+class CapturedStderr {
+public:
+    explicit CapturedStderr(const std::string& path) {
+        fflush(stderr);
+        m_saved = dup(STDERR_FILENO);
+        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        if (fd >= 0) {
+            dup2(fd, STDERR_FILENO);
+            close(fd);
+        }
+    }
+    ~CapturedStderr() {
+        fflush(stderr);
+        if (m_saved >= 0) {
+            dup2(m_saved, STDERR_FILENO);
+            close(m_saved);
+        }
+    }
+
+private:
+    int m_saved = -1;
+};
+
 }  // namespace
 
 TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {
@@ -204,6 +230,11 @@ TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {
          "Git 認証に失敗しました。再度 GitHub にサインインしてください。\n", false, false, true},
         {"right token: pushed", token, "Push が完了しました", true, true, true},
     };
+    // Every log line of the runs, debug and info included, all on stderr.
+    ScopedEnv verboseLog("G_MESSAGES_DEBUG", "all");
+    g_log_writer_default_set_use_stderr(TRUE);
+    std::string logPath = base.file("velko.log");
+    std::optional<CapturedStderr> capture(std::in_place, logPath);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         events->clear();
@@ -230,6 +261,12 @@ TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {
             EXPECT_EQ(dumpJson(e.payload).find("gho_wrong"), std::string::npos) << e.type;
         }
     }
+
+    capture.reset();
+    std::string log = readFile(logPath);
+    EXPECT_NE(log.find("git push exited with status"), std::string::npos) << log;  // the sweep saw the runs
+    EXPECT_EQ(log.find(token), std::string::npos);
+    EXPECT_EQ(log.find("gho_wrong"), std::string::npos);
 
     // Nothing on disk holds the token: not the user's credential store, not the
     // askpass folder, not the repositories, caches or data of this HOME.
