@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <functional>
 
 #include "core/Paths.h"
 #include "git/GitCredentialBroker.h"
@@ -137,4 +138,50 @@ TEST(GitCredentialBroker, WritesOneScriptThatAnswersFromTheEnvironment) {
     EXPECT_FALSE(std::filesystem::exists(script));
     EXPECT_TRUE(std::filesystem::is_empty(dir));
     broker.cleanup();  // nothing left: still fine
+}
+
+TEST(GitCredentialBroker, ScriptLandsOnlyInAPrivateFolderOfOurs) {
+    struct Case {
+        const char* name;
+        // False when this machine cannot set the case up (chown needs root).
+        std::function<bool(const std::string& dir, const std::string& elsewhere)> arrange;
+        bool prepared;
+    };
+    const Case cases[] = {
+        {"missing", [](auto&, auto&) { return true; }, true},
+        {"open to everyone",
+         [](auto& dir, auto&) { return std::filesystem::create_directories(dir) && chmod(dir.c_str(), 0777) == 0; },
+         true},
+        {"a link to a folder elsewhere",
+         [](auto& dir, auto& elsewhere) {
+             std::filesystem::create_directory_symlink(elsewhere, dir);
+             return true;
+         },
+         true},
+        {"owned by another user",
+         [](auto& dir, auto&) {
+             return std::filesystem::create_directories(dir) && geteuid() == 0 && chown(dir.c_str(), 65534, 65534) == 0;
+         },
+         false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        IsolatedHome home;
+        std::filesystem::create_directories(home.home() + "/tmp");
+        const std::string dir = home.home() + "/tmp/velko-git-credentials";
+        const std::string elsewhere = home.home() + "/elsewhere";
+        std::filesystem::create_directories(elsewhere);
+        if (!c.arrange(dir, elsewhere)) continue;
+        GitCredentialBroker broker;
+        auto prepared = broker.prepareEnvironment("tok");
+        EXPECT_EQ(prepared.ok(), c.prepared);
+        EXPECT_TRUE(std::filesystem::is_empty(elsewhere));
+        if (!prepared.ok()) continue;
+        struct stat info;
+        ASSERT_EQ(lstat(dir.c_str(), &info), 0);
+        EXPECT_TRUE(S_ISDIR(info.st_mode));
+        EXPECT_EQ(info.st_mode & 0777, 0700u);
+        EXPECT_EQ(std::filesystem::path(prepared->at("GIT_ASKPASS")).parent_path(), dir);
+        broker.cleanup();
+    }
 }
