@@ -171,8 +171,6 @@ TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {
     IsolatedHome home;
     ManualMain main;
     TempDir base;
-    // A user whose git stores every credential it is handed in ~/.git-credentials.
-    writeFileAtomically(home.home() + "/.gitconfig", "[credential]\n\thelper = store\n");
 
     std::string serverRoot = base.file("srv");
     std::filesystem::create_directories(serverRoot);
@@ -182,6 +180,12 @@ TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {
     LoopbackGitServer server(serverRoot, script, requestLog, token);
     ASSERT_GT(server.port, 0);
     const std::string url = "http://127.0.0.1:" + std::to_string(server.port) + "/repo.git";
+    // A user whose git stores every credential it is handed in ~/.git-credentials,
+    // once for every host and once more for this one.
+    writeFileAtomically(home.home() + "/.gitconfig",
+                        "[credential]\n\thelper = store\n"
+                        "[credential \"http://127.0.0.1:" + std::to_string(server.port) +
+                            "\"]\n\thelper = store --file " + home.home() + "/.host-credentials\n");
 
     std::string dir = initRepo(base, "repo");
     writeFileAtomically(dir + "/a.txt", "1\n");
@@ -273,6 +277,6 @@ TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {
     EXPECT_FALSE(treeContains(home.home(), token));
     EXPECT_FALSE(treeContains(home.home(), "gho_wrong"));
     EXPECT_FALSE(treeContains(base.path(), token));
-    std::string stored = readFile(home.home() + "/.git-credentials");
-    EXPECT_EQ(stored.find(token), std::string::npos);
+    EXPECT_FALSE(std::filesystem::exists(home.home() + "/.git-credentials"));
+    EXPECT_FALSE(std::filesystem::exists(home.home() + "/.host-credentials"));
 }
