@@ -33,7 +33,7 @@ TEST(GitProcessRunner, DrainsBothPipesAndReportsHowTheChildEnded) {
     const std::string both =
         // 2 MiB on each pipe, interleaved: a runner that reads one pipe to its end
         // first deadlocks here once the other pipe's buffer is full.
-        "i=0; while [ $i -lt 32 ]; do head -c 65536 /dev/zero | tr '\\0' a; head -c 65536 /dev/zero | tr '\\0' b >&2; "
+        "i=0; while [ $i -lt 4 ]; do head -c 524288 /dev/zero | tr '\\0' a; head -c 524288 /dev/zero | tr '\\0' b >&2; "
         "i=$((i+1)); done";
     const Case cases[] = {
         {"both pipes full", {"sh", "-c", both + " 2>/dev/null; " + both + " >/dev/null; " + both}, dir.path(), 0,
