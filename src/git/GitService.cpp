@@ -25,7 +25,12 @@ auto syncOnMain(F body) -> decltype(body()) {
     auto promise = std::make_shared<std::promise<R>>();
     auto future = promise->get_future();
     mainQueue().post([promise, body = std::move(body)]() mutable { promise->set_value(body()); });
-    return future.get();
+    try {
+        return future.get();
+    } catch (const std::future_error&) {
+        // The main queue went away with the hop unrun: no project, no work.
+        return R{};
+    }
 }
 
 OrderedJson statusFiles(const std::vector<GitStatusFile>& files) {
