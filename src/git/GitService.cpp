@@ -24,7 +24,11 @@ auto syncOnMain(F body) -> decltype(body()) {
     if (isMainThread()) return body();
     auto promise = std::make_shared<std::promise<R>>();
     auto future = promise->get_future();
-    mainQueue().post([promise, body = std::move(body)]() mutable { promise->set_value(body()); });
+    // Only the hop holds the promise: a main loop that drops the hop unrun
+    // breaks it, rather than leaving this queue waiting forever.
+    mainQueue().post([promise = std::move(promise), body = std::move(body)]() mutable {
+        promise->set_value(body());
+    });
     try {
         return future.get();
     } catch (const std::future_error&) {

@@ -492,3 +492,30 @@ TEST(GitService, SshRemotesFailInsteadOfPromptingUnlessTheUserChoseTheirSsh) {
         }
     }
 }
+
+namespace {
+
+// A main loop that has stopped: whatever is posted is dropped unrun.
+class StoppedMainQueue final : public TaskQueue {
+public:
+    void post(Task) override {}
+    void postDelayed(Duration, Task) override {}
+    bool isCurrent() const override { return false; }
+};
+
+}  // namespace
+
+TEST(GitService, WorkOutlivingTheMainLoopEndsWithoutAnswerOrCrash) {
+    Harness h(remote("/srv/origin.git"));
+    setMainQueue(std::make_shared<StoppedMainQueue>());
+    h.service->refreshStatus(std::nullopt);
+    h.service->push(h.projectId);
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    h.service->whenIdle([done] { *done = true; });
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!*done && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    setMainQueue(std::shared_ptr<ManualQueue>(&h.main.queue(), [](ManualQueue*) {}));
+    EXPECT_TRUE(*done);
+    EXPECT_TRUE(h.runner->commands().empty());
+    EXPECT_TRUE(h.events->events().empty());
+}
