@@ -514,7 +514,7 @@ TEST(GitService, WorkOutlivingTheMainLoopEndsWithoutAnswerOrCrash) {
     h.service->whenIdle([done] { *done = true; });
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (!*done && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-    setMainQueue(std::shared_ptr<ManualQueue>(&h.main.queue(), [](ManualQueue*) {}));
+    h.main.reinstall();
     EXPECT_TRUE(*done);
     EXPECT_TRUE(h.runner->commands().empty());
     EXPECT_TRUE(h.events->events().empty());

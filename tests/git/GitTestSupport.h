@@ -124,6 +124,8 @@ class ManualMain {
 public:
     ManualMain() : m_queue(std::make_shared<ManualQueue>()) { setMainQueue(m_queue); }
     ManualQueue& queue() { return *m_queue; }
+    // Puts this queue back after a test installed another one.
+    void reinstall() { setMainQueue(m_queue); }
 
 private:
     std::shared_ptr<ManualQueue> m_queue;
