@@ -1,7 +1,7 @@
 // Parsing a 50,000-line diff and a 50,000-line working tree listing, each
-// read from a pipe, decoded, parsed and turned into its event payload, against
-// reading the same bytes from the pipe alone. The counter "ratio" is
-// (read + parse) time ÷ read time, measured in the same iterations.
+// decoded, parsed and turned into its event payload, against reading the same
+// bytes from a pipe. The counter "ratio" is parse time ÷ read time, measured
+// in the same iterations.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -71,6 +71,8 @@ Inputs& inputs() {
 
 GitEnvironment env() { return {{"PATH", "/usr/bin:/bin"}}; }
 
+// Each iteration reads the bytes from a pipe (the baseline), then decodes,
+// parses and encodes those same bytes; "ratio" is the second time ÷ the first.
 template <typename Parse>
 void measure(benchmark::State& state, const std::string& path, Parse parse) {
     double readSeconds = 0, parseSeconds = 0;
@@ -80,17 +82,16 @@ void measure(benchmark::State& state, const std::string& path, Parse parse) {
         auto raw = spawnAndDrain({"cat", path}, "/", env());
         benchmark::DoNotOptimize(raw.stdoutBytes.data());
         auto t1 = Clock::now();
-        auto again = spawnAndDrain({"cat", path}, "/", env());
-        std::string text = decodeUtf8OrEmpty(std::move(again.stdoutBytes));
+        bytes = raw.stdoutBytes.size();
+        std::string text = decodeUtf8OrEmpty(std::move(raw.stdoutBytes));
         std::string payload = parse(text);
         benchmark::DoNotOptimize(payload.data());
         auto t2 = Clock::now();
-        bytes = raw.stdoutBytes.size();
         readSeconds += std::chrono::duration<double>(t1 - t0).count();
         parseSeconds += std::chrono::duration<double>(t2 - t1).count();
     }
     state.counters["read_ms"] = benchmark::Counter(readSeconds * 1e3 / state.iterations());
-    state.counters["read_and_parse_ms"] = benchmark::Counter(parseSeconds * 1e3 / state.iterations());
+    state.counters["parse_ms"] = benchmark::Counter(parseSeconds * 1e3 / state.iterations());
     state.counters["ratio"] = benchmark::Counter(parseSeconds / readSeconds);
     state.SetBytesProcessed(static_cast<int64_t>(bytes * state.iterations()));
 }

@@ -51,6 +51,18 @@ Result<GitEnvironment, std::string> GitCredentialBroker::prepareEnvironment(cons
     auto status = fs::symlink_status(m_tempDirectory, ec);
     if (!ec && fs::exists(status) && !fs::is_directory(status)) fs::remove(m_tempDirectory, ec);
     if (!createDirectories(m_tempDirectory)) return fail(std::string(std::strerror(errno)));
+    // The temporary directory is usually shared by every user of the machine.
+    // Whoever owns this folder could swap the script for their own, which git
+    // would run with the token in its environment: only a folder of ours that
+    // nobody else may write to will do.
+    struct stat folder;
+    if (lstat(m_tempDirectory.c_str(), &folder) != 0) return fail(std::string(std::strerror(errno)));
+    if (!S_ISDIR(folder.st_mode) || folder.st_uid != geteuid()) {
+        return fail(m_tempDirectory + " belongs to another user");
+    }
+    if ((folder.st_mode & 0077) != 0 && chmod(m_tempDirectory.c_str(), 0700) != 0) {
+        return fail(std::string(std::strerror(errno)));
+    }
 
     removeExistingScript();
     std::string path = m_tempDirectory + "/velko-askpass-" + Uuid::random().toString();

@@ -5,7 +5,10 @@
 // variable VELKO_GITHUB_TOKEN from the child's own environment; the token is
 // in that environment only, never in the script, on a command line or in a
 // config file. At most one script exists at a time; cleanup() removes it after
-// each authenticated command.
+// each authenticated command. The folder must be a real directory of the
+// current user: one that another user owns is refused, one that others may
+// write to is closed to them first, since whoever can replace the script runs
+// with the token in its environment.
 //
 // Thread-safe: both operations run as one block under the broker's own lock,
 // so the script's life is atomic against every queue that runs git.

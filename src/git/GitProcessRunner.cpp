@@ -179,8 +179,10 @@ GitEnvironment gitEnvironment(GitEnvironment env) {
     env["GIT_TERMINAL_PROMPT"] = "0";
     // Children run in a session of their own without a terminal (see
     // spawnAndDrain), so ssh cannot prompt there; it must not fall back to a
-    // graphical askpass either. A user's own choice is kept, and so is their
-    // ssh command (core.sshCommand would lose to GIT_SSH_COMMAND if we set it).
+    // graphical askpass either. A user's own choice is kept. BatchMode for
+    // ssh remotes is added per command by the service, which can see whether
+    // the repository names its own ssh command (GIT_SSH_COMMAND here would
+    // override core.sshCommand for every repository).
     env.try_emplace("SSH_ASKPASS_REQUIRE", "never");
     return env;
 }

@@ -24,8 +24,17 @@ auto syncOnMain(F body) -> decltype(body()) {
     if (isMainThread()) return body();
     auto promise = std::make_shared<std::promise<R>>();
     auto future = promise->get_future();
-    mainQueue().post([promise, body = std::move(body)]() mutable { promise->set_value(body()); });
-    return future.get();
+    // Only the hop holds the promise: a main loop that drops the hop unrun
+    // breaks it, rather than leaving this queue waiting forever.
+    mainQueue().post([promise = std::move(promise), body = std::move(body)]() mutable {
+        promise->set_value(body());
+    });
+    try {
+        return future.get();
+    } catch (const std::future_error&) {
+        // The main queue went away with the hop unrun: no project, no work.
+        return R{};
+    }
 }
 
 OrderedJson statusFiles(const std::vector<GitStatusFile>& files) {
@@ -69,6 +78,23 @@ std::vector<std::string> splitOnBlanks(std::string_view text) {
         if (i > start) pieces.emplace_back(text.substr(start, i - start));
     }
     return pieces;
+}
+
+// True for remotes git reaches through ssh: "ssh://", "git+ssh://" and the
+// scp-like "host:path" (a colon before any slash). Local paths, "file://",
+// "git://" and HTTP remotes never start ssh.
+bool reachedThroughSsh(std::string_view url) {
+    std::string lower = toLower(url);
+    for (std::string_view scheme : {"ssh://", "git+ssh://", "ssh+git://"}) {
+        if (lower.rfind(scheme, 0) == 0) return true;
+    }
+    if (lower.find("://") != std::string::npos) return false;
+    size_t colon = url.find(':');
+    return colon != std::string_view::npos && colon > 0 && url.substr(0, colon).find('/') == std::string_view::npos;
+}
+
+std::string subcommand(const std::vector<std::string>& arguments) {
+    return arguments.empty() ? std::string() : arguments.front();
 }
 
 int64_t decimalOrZero(std::string_view text) {
@@ -224,14 +250,19 @@ std::optional<GitService::ProjectContext> GitService::metadata(const std::option
 GitEnvironment GitService::baseEnvironment() const { return m_environment; }
 
 Result<std::string, GitError> GitService::runGit(const std::vector<std::string>& arguments,
-                                                 const ProjectContext& project, bool requiresAuth) {
+                                                 const ProjectContext& project, bool requiresAuth,
+                                                 const GitEnvironment& extraEnvironment) {
     GitEnvironment environment = baseEnvironment();
+    for (const auto& [key, value] : extraEnvironment) environment[key] = value;
     std::optional<GitAuthToken> token;
     if (requiresAuth) {
         token = m_authProvider->loadToken();
         if (!token) return fail(GitError::authenticationRequired());
         auto prepared = m_credentialBroker->prepareEnvironment(token->accessToken);
-        if (!prepared) return fail(GitError::launchFailed(prepared.error()));
+        if (!prepared) {
+            m_logger.error("git " + subcommand(arguments) + ": askpass script not written: " + prepared.error());
+            return fail(GitError::launchFailed(prepared.error()));
+        }
         for (auto& [key, value] : *prepared) environment[key] = value;
         environment["GITHUB_TOKEN"] = token->accessToken;
         environment["GH_TOKEN"] = token->accessToken;
@@ -258,7 +289,10 @@ Result<std::string, GitError> GitService::runGit(const std::vector<std::string>&
         if (requiresAuth) m_credentialBroker->cleanup();
         return std::move(result.stdout);
     }
+    m_logger.info("git " + subcommand(arguments) + " exited with status " +
+                  std::to_string(result.status));
     if (requiresAuth && isAuthenticationFailure(result.stderr)) {
+        m_logger.notice("git " + subcommand(arguments) + ": the server refused the token; it is forgotten");
         auto record = m_authProvider->loadToken();
         m_authProvider->deleteToken();
         OrderedJson status;
@@ -286,6 +320,8 @@ Result<GitProcessExecutionResult, GitError> GitService::runGitAllowingDifference
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     GitProcessExecutionResult result = m_processRunner->run(argv, project.directory, baseEnvironment());
     if (allowedExitCodes.count(result.status)) return result;
+    m_logger.info("git " + subcommand(arguments) + " exited with status " +
+                  std::to_string(result.status));
     return fail(GitError::commandFailed(std::string(trimWhitespace(result.stderr))));
 }
 
@@ -616,7 +652,7 @@ void GitService::doRemoteAction(const ProjectContext& project, RemoteAction acti
     m_missingRemoteProjects.erase(project.id);
     bool requiresOAuth = requiresGitHubOAuth(*url, m_gitHubWebHost);
     if (requiresOAuth && !ensureAuthenticated(shape.operation, false)) return;
-    auto output = runGit(shape.arguments, project, requiresOAuth);
+    auto output = runGit(shape.arguments, project, requiresOAuth, sshEnvironment(*url, project));
     if (!output) {
         handleGitError(output.error(), shape.description, project.id);
         return;
@@ -680,6 +716,19 @@ void GitService::doFetchRemoteTracking(const ProjectContext& project) {
 }
 
 // --- remotes -----------------------------------------------------------------------
+
+GitEnvironment GitService::sshEnvironment(const std::string& remoteURL, const ProjectContext& project) {
+    if (!reachedThroughSsh(remoteURL)) return {};
+    // The child has no terminal, so ssh could not ask for a passphrase or a new
+    // host key anyway; BatchMode makes it fail at once with its reason instead
+    // of trying. A user who chose their own ssh command keeps it untouched.
+    if (m_environment.count("GIT_SSH_COMMAND") || m_environment.count("GIT_SSH")) return {};
+    if (auto own = runGit({"config", "--get", "core.sshCommand"}, project, false);
+        own && !trimWhitespace(*own).empty()) {
+        return {};
+    }
+    return {{"GIT_SSH_COMMAND", "ssh -o BatchMode=yes"}};
+}
 
 std::optional<std::string> GitService::upstreamRemoteName(const ProjectContext& project) {
     auto output = runGit({"rev-parse", "--abbrev-ref", "--symbolic-full-name", "@{u}"}, project, false);

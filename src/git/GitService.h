@@ -22,6 +22,7 @@
 
 #include "core/EventDispatching.h"
 #include "core/Json.h"
+#include "core/Log.h"
 #include "core/Result.h"
 #include "core/Uuid.h"
 #include "git/GitAuthProviding.h"
@@ -87,7 +88,8 @@ private:
     std::optional<ProjectContext> metadata(const std::optional<Uuid>& projectID);
     GitEnvironment baseEnvironment() const;
     Result<std::string, GitError> runGit(const std::vector<std::string>& arguments, const ProjectContext& project,
-                                         bool requiresAuth);
+                                         bool requiresAuth, const GitEnvironment& extraEnvironment = {});
+    GitEnvironment sshEnvironment(const std::string& remoteURL, const ProjectContext& project);
     Result<GitProcessExecutionResult, GitError> runGitAllowingDifferences(const std::vector<std::string>& arguments,
                                                                           const ProjectContext& project,
                                                                           const std::set<int>& allowedExitCodes);
@@ -130,6 +132,9 @@ private:
     std::string m_gitHubWebHost;
     std::weak_ptr<EventDispatching> m_eventSink;
     std::set<Uuid> m_missingRemoteProjects;  // queue only
+    // Subcommands and exit statuses only: arguments may hold a commit
+    // message or file names, and stderr may echo a URL with credentials.
+    Logger m_logger{"app.velko.git", "git-service"};
     std::shared_ptr<SerialQueue> m_queue;
 };
 

@@ -33,6 +33,13 @@ Pieces splitPieces(std::string_view text, char separator, size_t limit) {
     return pieces;
 }
 
+size_t utf8SequenceLength(unsigned char lead) {
+    if (lead >= 0xF0 && lead <= 0xF7) return 4;
+    if (lead >= 0xE0) return lead <= 0xEF ? 3 : 1;
+    if (lead >= 0xC0) return 2;
+    return 1;
+}
+
 bool hasLetter(std::string_view xy, char letter) { return xy[0] == letter || xy[1] == letter; }
 
 bool parseRegular(std::string_view line, GitWorkingTreeEntry& entry) {
@@ -137,9 +144,14 @@ std::string GitWorkingTreeParser::decodePath(std::string_view text) {
         case '0': {
             // Only a leading "0" makes a numeric escape; git's escapes of bytes
             // above 127 start with 2 or 3 and stay digits without their backslash.
-            size_t take = std::min<size_t>(2, text.size() - i - 1);
-            std::string_view digits = text.substr(i, take + 1);
-            i += take;
+            // Two further characters, not bytes: a failed escape must not leave
+            // half a character behind.
+            size_t stop = i + 1;
+            for (int taken = 0; taken < 2 && stop < text.size(); ++taken) {
+                stop = std::min(text.size(), stop + utf8SequenceLength(static_cast<unsigned char>(text[stop])));
+            }
+            std::string_view digits = text.substr(i, stop - i);
+            i = stop - 1;
             unsigned value = 0;
             auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), value, 8);
             if (ec == std::errc() && end == digits.data() + digits.size() && value <= 0xFF) {

@@ -442,3 +442,80 @@ TEST(GitService, RemoteTrackingCountsAndMissingUpstream) {
         EXPECT_EQ(h.results(), c.results);
     }
 }
+
+TEST(GitService, SshRemotesFailInsteadOfPromptingUnlessTheUserChoseTheirSsh) {
+    struct Case {
+        const char* name;
+        std::string url;
+        GitEnvironment environment;
+        std::string coreSshCommand;  // what `git config --get core.sshCommand` prints
+        std::optional<std::string> expected;
+    };
+    const std::string batch = "ssh -o BatchMode=yes";
+    const Case cases[] = {
+        {"scp-like", "git@example.com:o/r.git", {}, "", batch},
+        {"ssh scheme in capitals", "SSH://git@example.com/o/r.git", {}, "", batch},
+        {"git+ssh scheme", "git+ssh://example.com/o/r.git", {}, "", batch},
+        {"the repository's own ssh command", "git@example.com:o/r.git", {}, "ssh -i ~/.ssh/work\n", std::nullopt},
+        {"the user's GIT_SSH_COMMAND", "git@example.com:o/r.git", {{"GIT_SSH_COMMAND", "myssh"}}, "", "myssh"},
+        {"the user's GIT_SSH", "git@example.com:o/r.git", {{"GIT_SSH", "/opt/ssh"}}, "", std::nullopt},
+        {"https", "https://example.com/o/r.git", {}, "", std::nullopt},
+        {"local path", "/srv/git/r.git", {}, "", std::nullopt},
+        {"relative path with a colon later", "../up/a:b.git", {}, "", std::nullopt},
+        {"file scheme", "file:///srv/git/r.git", {}, "", std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Harness h(remote(c.url));
+        GitService::Dependencies deps;
+        deps.configProvider = h.projects;
+        deps.authProvider = h.auth;
+        deps.credentialBroker = h.broker;
+        deps.processRunner = h.runner;
+        deps.environment = c.environment;
+        auto service = std::make_shared<GitService>(std::move(deps));
+        service->setEventSink(h.events);
+        h.runner->on("config --get core.sshCommand", {c.coreSshCommand.empty() ? 1 : 0, c.coreSshCommand, ""});
+        service->fetch(h.projectId);
+        ASSERT_TRUE(drain(*service, h.main.queue()));
+        auto calls = h.runner->calls();
+        auto fetch = std::find_if(calls.begin(), calls.end(), [](const RunCall& r) { return r.joined() == "fetch"; });
+        ASSERT_NE(fetch, calls.end());
+        auto it = fetch->environment.find("GIT_SSH_COMMAND");
+        EXPECT_EQ(it == fetch->environment.end() ? std::nullopt : std::optional<std::string>(it->second), c.expected);
+        EXPECT_EQ(fetch->environment.at("SSH_ASKPASS_REQUIRE"), "never");
+        // The status refresh behind the fetch talks to no remote and gets no setting.
+        if (!c.environment.count("GIT_SSH_COMMAND")) {
+            for (auto next = fetch + 1; next != calls.end(); ++next) {
+                EXPECT_FALSE(next->environment.count("GIT_SSH_COMMAND")) << next->joined();
+            }
+        }
+    }
+}
+
+namespace {
+
+// A main loop that has stopped: whatever is posted is dropped unrun.
+class StoppedMainQueue final : public TaskQueue {
+public:
+    void post(Task) override {}
+    void postDelayed(Duration, Task) override {}
+    bool isCurrent() const override { return false; }
+};
+
+}  // namespace
+
+TEST(GitService, WorkOutlivingTheMainLoopEndsWithoutAnswerOrCrash) {
+    Harness h(remote("/srv/origin.git"));
+    setMainQueue(std::make_shared<StoppedMainQueue>());
+    h.service->refreshStatus(std::nullopt);
+    h.service->push(h.projectId);
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    h.service->whenIdle([done] { *done = true; });
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!*done && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    h.main.reinstall();
+    EXPECT_TRUE(*done);
+    EXPECT_TRUE(h.runner->commands().empty());
+    EXPECT_TRUE(h.events->events().empty());
+}

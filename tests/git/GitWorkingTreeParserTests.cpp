@@ -110,6 +110,10 @@ TEST(GitWorkingTreeParser, DecodesQuotedPathsTheWayGitWritesThem) {
         {"\"\\011tab\"", "\ttab"},
         {"\"\\0\"", std::string(1, '\0')},
         {"\"a\\09xb\"", "ab"},                // 9 is no octal digit: the escape and its two characters give nothing
+        // Two characters, not two bytes: a failed escape must not cut a character in half.
+        {"\"a\\0\xe6\x97\xa5" "bc\"", "ac"},
+        {"\"a\\0\xc3\xa9\"", "a"},
+        {"\"\\0\xf0\x9f\x98\x80\"", "\\0\xf0\x9f\x98\x80"},  // nothing left: the text as it stands
         {"\"caf\\303\\251.txt\"", "caf303251.txt"},  // bytes above 127 keep their digits
         {"\"\\q\"", "q"},
         {"\"end\\\"", "end"},                // the closing quote goes first, then the lone backslash

@@ -3,6 +3,7 @@
 // the token, and a sweep for the token afterwards.
 #include <gtest/gtest.h>
 #include <fcntl.h>
+#include <glib.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -138,6 +139,31 @@ bool treeContains(const std::string& root, const std::string& needle) {
     return false;
 }
 
+// Sends this process's standard error (where the log lines go without a
+// journal) to a file while it lives.
+class CapturedStderr {
+public:
+    explicit CapturedStderr(const std::string& path) {
+        fflush(stderr);
+        m_saved = dup(STDERR_FILENO);
+        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        if (fd >= 0) {
+            dup2(fd, STDERR_FILENO);
+            close(fd);
+        }
+    }
+    ~CapturedStderr() {
+        fflush(stderr);
+        if (m_saved >= 0) {
+            dup2(m_saved, STDERR_FILENO);
+            close(m_saved);
+        }
+    }
+
+private:
+    int m_saved = -1;
+};
+
 }  // namespace
 
 TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {
@@ -145,8 +171,6 @@ TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {
     IsolatedHome home;
     ManualMain main;
     TempDir base;
-    // A user whose git stores every credential it is handed in ~/.git-credentials.
-    writeFileAtomically(home.home() + "/.gitconfig", "[credential]\n\thelper = store\n");
 
     std::string serverRoot = base.file("srv");
     std::filesystem::create_directories(serverRoot);
@@ -156,6 +180,12 @@ TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {
     LoopbackGitServer server(serverRoot, script, requestLog, token);
     ASSERT_GT(server.port, 0);
     const std::string url = "http://127.0.0.1:" + std::to_string(server.port) + "/repo.git";
+    // A user whose git stores every credential it is handed in ~/.git-credentials,
+    // once for every host and once more for this one.
+    writeFileAtomically(home.home() + "/.gitconfig",
+                        "[credential]\n\thelper = store\n"
+                        "[credential \"http://127.0.0.1:" + std::to_string(server.port) +
+                            "\"]\n\thelper = store --file " + home.home() + "/.host-credentials\n");
 
     std::string dir = initRepo(base, "repo");
     writeFileAtomically(dir + "/a.txt", "1\n");
@@ -204,6 +234,11 @@ TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {
          "Git 認証に失敗しました。再度 GitHub にサインインしてください。\n", false, false, true},
         {"right token: pushed", token, "Push が完了しました", true, true, true},
     };
+    // Every log line of the runs, debug and info included, all on stderr.
+    ScopedEnv verboseLog("G_MESSAGES_DEBUG", "all");
+    g_log_writer_default_set_use_stderr(TRUE);
+    std::string logPath = base.file("velko.log");
+    std::optional<CapturedStderr> capture(std::in_place, logPath);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         events->clear();
@@ -231,11 +266,17 @@ TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {
         }
     }
 
+    capture.reset();
+    std::string log = readFile(logPath);
+    EXPECT_NE(log.find("git push exited with status"), std::string::npos) << log;  // the sweep saw the runs
+    EXPECT_EQ(log.find(token), std::string::npos);
+    EXPECT_EQ(log.find("gho_wrong"), std::string::npos);
+
     // Nothing on disk holds the token: not the user's credential store, not the
     // askpass folder, not the repositories, caches or data of this HOME.
     EXPECT_FALSE(treeContains(home.home(), token));
     EXPECT_FALSE(treeContains(home.home(), "gho_wrong"));
     EXPECT_FALSE(treeContains(base.path(), token));
-    std::string stored = readFile(home.home() + "/.git-credentials");
-    EXPECT_EQ(stored.find(token), std::string::npos);
+    EXPECT_FALSE(std::filesystem::exists(home.home() + "/.git-credentials"));
+    EXPECT_FALSE(std::filesystem::exists(home.home() + "/.host-credentials"));
 }

@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,7 +24,7 @@ namespace {
 // velko --headless as a child: lines in, event lines out.
 class HeadlessVelko {
 public:
-    explicit HeadlessVelko(const std::vector<std::string>& pickFolders) {
+    explicit HeadlessVelko(const std::vector<std::string>& pickFolders, const GitEnvironment& extraEnv = {}) {
         const char* binaryDir = std::getenv("VELKO_BINARY_DIR");
         std::string binary = std::string(binaryDir ? binaryDir : ".") + "/velko";
         int in[2], out[2];
@@ -41,6 +42,7 @@ public:
         for (auto& a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
         GitEnvironment env = testGitEnvironment();
+        for (const auto& [k, v] : extraEnv) env[k] = v;
         std::vector<std::string> envStorage;
         for (const auto& [k, v] : env) envStorage.push_back(k + "=" + v);
         std::vector<char*> envp;
@@ -112,6 +114,30 @@ private:
     std::string m_buffer;
 };
 
+// A `git` first on PATH that records what its standard input is, swallows
+// whatever it can read from it (as a hook or an ssh prompt would) and whether
+// it could open a terminal, then runs the real git.
+const char* const kProbeGit = R"SH(#!/bin/sh
+n=$$
+readlink /proc/self/fd/0 > "$VELKO_PROBE_DIR/fd0.$n"
+cat > "$VELKO_PROBE_DIR/stdin.$n"
+if (: < /dev/tty) 2>/dev/null; then echo yes > "$VELKO_PROBE_DIR/tty.$n"; fi
+exec "$VELKO_REAL_GIT" "$@"
+)SH";
+
+std::string realGitPath() {
+    std::string path = std::getenv("PATH") ? std::getenv("PATH") : "/usr/bin:/bin";
+    size_t start = 0;
+    while (start <= path.size()) {
+        size_t end = path.find(':', start);
+        if (end == std::string::npos) end = path.size();
+        std::string candidate = path.substr(start, end - start) + "/git";
+        if (access(candidate.c_str(), X_OK) == 0) return candidate;
+        start = end + 1;
+    }
+    return "/usr/bin/git";
+}
+
 }  // namespace
 
 TEST(GitHeadless, GitPanelMessagesThroughTheProgram) {
@@ -131,7 +157,17 @@ TEST(GitHeadless, GitPanelMessagesThroughTheProgram) {
     git(lonely, {"commit", "-q", "-m", "init"});
     writeFileAtomically(repo + "/a.txt", "one\ntwo\n");
 
-    HeadlessVelko velko({repo, lonely});
+    // Every git child of the program goes through the probe.
+    std::string probeBin = base.file("probe-bin");
+    std::string probeDir = base.file("probe");
+    std::filesystem::create_directories(probeDir);
+    std::string probe = base.write("probe-bin/git", kProbeGit);
+    chmod(probe.c_str(), 0755);
+    GitEnvironment probeEnv{{"PATH", probeBin + ":" + std::string(std::getenv("PATH") ? std::getenv("PATH") : "")},
+                            {"VELKO_PROBE_DIR", probeDir},
+                            {"VELKO_REAL_GIT", realGitPath()}};
+
+    HeadlessVelko velko({repo, lonely}, probeEnv);
     ASSERT_TRUE(velko.running());
     velko.send({{"type", "project/open"}, {"payload", Json::object()}});
     // Both folders are opened; the last one becomes active.
@@ -195,6 +231,23 @@ TEST(GitHeadless, GitPanelMessagesThroughTheProgram) {
     auto barrier = velko.waitFor("git/refresh/barrier");
     ASSERT_TRUE(barrier);
     EXPECT_EQ((*barrier)["requestId"], "r1");
+
+    // Standard input of the program is the message stream: no child saw it,
+    // none could open a terminal to prompt on, and none read a message.
+    int children = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(probeDir)) {
+        std::string name = entry.path().filename().string();
+        SCOPED_TRACE(name);
+        if (name.rfind("fd0.", 0) == 0) {
+            ++children;
+            EXPECT_EQ(readFile(entry.path().string()), "/dev/null\n");
+        } else if (name.rfind("stdin.", 0) == 0) {
+            EXPECT_EQ(std::filesystem::file_size(entry.path()), 0u);
+        } else {
+            ADD_FAILURE() << "a git child could open a terminal";
+        }
+    }
+    EXPECT_GE(children, 6);  // status, working tree, diff, add, commit, push at least
     velko.closeInput();
     EXPECT_FALSE(velko.waitFor("git/result"));
 }

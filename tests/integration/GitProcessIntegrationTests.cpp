@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <functional>
 
 #include "core/Paths.h"
 #include "git/GitCredentialBroker.h"
@@ -32,7 +33,7 @@ TEST(GitProcessRunner, DrainsBothPipesAndReportsHowTheChildEnded) {
     const std::string both =
         // 2 MiB on each pipe, interleaved: a runner that reads one pipe to its end
         // first deadlocks here once the other pipe's buffer is full.
-        "i=0; while [ $i -lt 32 ]; do head -c 65536 /dev/zero | tr '\\0' a; head -c 65536 /dev/zero | tr '\\0' b >&2; "
+        "i=0; while [ $i -lt 4 ]; do head -c 524288 /dev/zero | tr '\\0' a; head -c 524288 /dev/zero | tr '\\0' b >&2; "
         "i=$((i+1)); done";
     const Case cases[] = {
         {"both pipes full", {"sh", "-c", both + " 2>/dev/null; " + both + " >/dev/null; " + both}, dir.path(), 0,
@@ -137,4 +138,50 @@ TEST(GitCredentialBroker, WritesOneScriptThatAnswersFromTheEnvironment) {
     EXPECT_FALSE(std::filesystem::exists(script));
     EXPECT_TRUE(std::filesystem::is_empty(dir));
     broker.cleanup();  // nothing left: still fine
+}
+
+TEST(GitCredentialBroker, ScriptLandsOnlyInAPrivateFolderOfOurs) {
+    struct Case {
+        const char* name;
+        // False when this machine cannot set the case up (chown needs root).
+        std::function<bool(const std::string& dir, const std::string& elsewhere)> arrange;
+        bool prepared;
+    };
+    const Case cases[] = {
+        {"missing", [](auto&, auto&) { return true; }, true},
+        {"open to everyone",
+         [](auto& dir, auto&) { return std::filesystem::create_directories(dir) && chmod(dir.c_str(), 0777) == 0; },
+         true},
+        {"a link to a folder elsewhere",
+         [](auto& dir, auto& elsewhere) {
+             std::filesystem::create_directory_symlink(elsewhere, dir);
+             return true;
+         },
+         true},
+        {"owned by another user",
+         [](auto& dir, auto&) {
+             return std::filesystem::create_directories(dir) && geteuid() == 0 && chown(dir.c_str(), 65534, 65534) == 0;
+         },
+         false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        IsolatedHome home;
+        std::filesystem::create_directories(home.home() + "/tmp");
+        const std::string dir = home.home() + "/tmp/velko-git-credentials";
+        const std::string elsewhere = home.home() + "/elsewhere";
+        std::filesystem::create_directories(elsewhere);
+        if (!c.arrange(dir, elsewhere)) continue;
+        GitCredentialBroker broker;
+        auto prepared = broker.prepareEnvironment("tok");
+        EXPECT_EQ(prepared.ok(), c.prepared);
+        EXPECT_TRUE(std::filesystem::is_empty(elsewhere));
+        if (!prepared.ok()) continue;
+        struct stat info;
+        ASSERT_EQ(lstat(dir.c_str(), &info), 0);
+        EXPECT_TRUE(S_ISDIR(info.st_mode));
+        EXPECT_EQ(info.st_mode & 0777, 0700u);
+        EXPECT_EQ(std::filesystem::path(prepared->at("GIT_ASKPASS")).parent_path(), dir);
+        broker.cleanup();
+    }
 }
