@@ -93,6 +93,9 @@ bool parseHeadlessArguments(const std::vector<std::string>& args, HeadlessOption
 }
 
 int runHeadless(const HeadlessOptions& options) {
+    // Standard output is the event stream: GLib's default writer sends info
+    // and debug lines there (G_MESSAGES_DEBUG), which would corrupt it.
+    g_log_writer_default_set_use_stderr(TRUE);
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
     setMainQueue(std::make_shared<GlibMainQueue>());
 

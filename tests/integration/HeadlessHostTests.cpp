@@ -54,6 +54,9 @@ TEST_F(HeadlessFixture, ProjectOperationsPersistAcrossRuns) {
     std::string a = folder("alpha"), b = folder("beta");
     std::string alphaId, betaId;
     {
+        // Info logging on, and the folders are no repositories, so git's
+        // failures get logged: those lines belong on standard error.
+        test::ScopedEnv infoLogs("G_MESSAGES_DEBUG", "all");
         HeadlessProcess velko({"--pick-folder", a, "--pick-folder", b});
         velko.send(R"({"type":"project/open"})");
         auto activation = velko.waitForType("project/activate");
@@ -72,6 +75,7 @@ TEST_F(HeadlessFixture, ProjectOperationsPersistAcrossRuns) {
         ASSERT_TRUE(second);
         velko.send(R"({"type":"project/close","payload":{"projectId":")" + alphaId + R"("}})");
         EXPECT_EQ(velko.finish(), 0);
+        EXPECT_TRUE(velko.strayLines().empty()) << velko.strayLines().front();
         Json last = lastConfig(velko);
         ASSERT_EQ(last["projects"].size(), 1u);
         EXPECT_EQ(last["projects"][0]["name"], "beta");
