@@ -56,8 +56,8 @@ std::optional<ExplorerFileEvent> explorerEventFromInotify(uint32_t mask, const s
 }
 
 InotifyExplorerWatcher::InotifyExplorerWatcher(std::string rootPath, ExplorerExclusionRules rules,
-                                               std::chrono::milliseconds latency)
-    : m_root(std::move(rootPath)), m_rules(std::move(rules)), m_latency(latency) {}
+                                               std::chrono::milliseconds latency, size_t maxWatches)
+    : m_root(std::move(rootPath)), m_rules(std::move(rules)), m_latency(latency), m_maxWatches(maxWatches) {}
 
 InotifyExplorerWatcher::~InotifyExplorerWatcher() { stop(); }
 
@@ -123,7 +123,9 @@ void InotifyExplorerWatcher::watchTree(const std::string& top, bool reportConten
         std::string directory = std::move(stack.back());
         stack.pop_back();
         if (isExcludedDirectory(directory)) continue;
-        int wd = inotify_add_watch(m_inotifyFd, directory.c_str(), kWatchMask);
+        bool overBudget = m_maxWatches > 0 && m_watches.size() >= m_maxWatches;
+        int wd = overBudget ? -1 : inotify_add_watch(m_inotifyFd, directory.c_str(), kWatchMask);
+        if (overBudget) errno = ENOSPC;
         if (wd < 0) {
             if (errno == ENOSPC && !m_reportedOutOfWatches) {
                 // Out of watches: parts of the tree go unseen, so the page must

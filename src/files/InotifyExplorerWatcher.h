@@ -38,8 +38,12 @@ class InotifyExplorerWatcher final : public ExplorerEventWatching {
 public:
     static constexpr std::chrono::milliseconds kLatency{200};
 
+    // `maxWatches` caps the watches this tree may take (0: only the system's
+    // limit counts), so one huge checkout cannot use up the inotify watches
+    // every other program of the user shares. Reaching either limit is the
+    // same "rescan needed" signal.
     InotifyExplorerWatcher(std::string rootPath, ExplorerExclusionRules rules,
-                           std::chrono::milliseconds latency = kLatency);
+                           std::chrono::milliseconds latency = kLatency, size_t maxWatches = 0);
     ~InotifyExplorerWatcher() override;
 
     bool start(Handler handler) override;
@@ -66,6 +70,7 @@ private:
     std::string m_root;
     ExplorerExclusionRules m_rules;
     std::chrono::milliseconds m_latency;
+    size_t m_maxWatches;
     Handler m_handler;
     int m_inotifyFd = -1;
     int m_stopFd = -1;
