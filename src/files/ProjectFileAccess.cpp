@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <cstdlib>
 
 #include "core/Paths.h"
 #include "files/PathRules.h"
@@ -191,6 +192,16 @@ Status<FileSaveError> saveProjectFile(std::string_view relativePath, std::string
     auto sanitized = sanitizeRelativePath(relativePath, homePath);
     if (!sanitized || sanitized->empty()) return fail(FileSaveError{"保存パスが不正です"});
     std::string target = appendPath(rootPath, *sanitized);
+    // A file opened through a symbolic link is saved where the link points:
+    // replacing the link with a plain file would quietly cut it loose from
+    // what it shared (a dotfile kept in another checkout, say).
+    struct stat linkInfo {};
+    if (lstat(target.c_str(), &linkInfo) == 0 && S_ISLNK(linkInfo.st_mode)) {
+        if (char* resolved = realpath(target.c_str(), nullptr)) {
+            target = resolved;
+            std::free(resolved);
+        }
+    }
     if (!writeFileAtomically(target, content)) {
         int error = errno;
         return fail(FileSaveError{"保存に失敗しました: " + describeErrno(error)});

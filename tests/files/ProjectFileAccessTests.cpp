@@ -203,6 +203,8 @@ TEST(ProjectFileAccess, SavesReplaceAtomicallyKeepPermissionsAndKeepTheLenientPa
     ASSERT_EQ(chmod(script.c_str(), 0751), 0);
     root.write("latin1.txt", std::string("caf\xe9", 4));
     std::filesystem::create_directories(root.file("sub"));
+    root.write("sub/shared.txt", "shared");
+    std::filesystem::create_symlink("sub/shared.txt", root.file("link.txt"));
     test::TempDir parent;  // a save may reach outside through "a/../..": deliberate, unlike reads
 
     struct Case {
@@ -216,6 +218,9 @@ TEST(ProjectFileAccess, SavesReplaceAtomicallyKeepPermissionsAndKeepTheLenientPa
         {"latin1.txt", "café", "", root.file("latin1.txt")},  // always written as UTF-8
         {"/sub/new.txt", "new", "", root.file("sub/new.txt")},
         {"sub/../top.txt", "top", "", root.file("top.txt")},
+        {"link.txt", "through the link", "", root.file("sub/shared.txt")},  // the link stays a link
+        {"sub/../../" + std::filesystem::path(parent.path()).filename().string() + "/escaped.txt", "out", "",
+         parent.file("escaped.txt")},
         {"", "x", "保存パスが不正です", ""},
         {"/", "x", "保存パスが不正です", ""},
         {"../escape.txt", "x", "保存パスが不正です", ""},
@@ -239,6 +244,7 @@ TEST(ProjectFileAccess, SavesReplaceAtomicallyKeepPermissionsAndKeepTheLenientPa
     // No temporary file is left beside the targets.
     size_t entries = 0;
     for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(root.path())) ++entries;
-    EXPECT_EQ(entries, 4u);  // run.sh, latin1.txt, sub, top.txt
+    EXPECT_EQ(entries, 5u);  // run.sh, latin1.txt, sub, top.txt, link.txt
+    EXPECT_TRUE(std::filesystem::is_symlink(root.file("link.txt")));
     EXPECT_TRUE(std::filesystem::is_directory(root.file("sub")));
 }
