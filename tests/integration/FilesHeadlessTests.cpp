@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "core/Json.h"
+#include "core/Uuid.h"
 #include "support/TestSupport.h"
 
 extern char** environ;
@@ -236,6 +237,37 @@ TEST(FilesHeadless, APickedProjectListsOpensSavesRenamesAndReportsChanges) {
     auto refused = velko.next("project/file/error");
     ASSERT_TRUE(refused);
     EXPECT_EQ((*refused)["code"], "rename_invalid_destination");
+
+    // Large files: sparse, so nothing of them is read or sent.
+    fs::create_directories(project.file("big"));
+    std::ofstream(project.file("big/soft.bin")).close();
+    fs::resize_file(project.file("big/soft.bin"), 31457281);
+    velko.send({{"type", "project/file/open"}, {"payload", {{"projectId", id}, {"path", "big/soft.bin"}}}});
+    auto confirm = velko.next("project/file/confirm");
+    ASSERT_TRUE(confirm);
+    EXPECT_EQ(confirm->dump(), Json({{"projectId", id},
+                                     {"path", "big/soft.bin"},
+                                     {"sizeBytes", 31457281},
+                                     {"softLimitBytes", 31457280},
+                                     {"hardLimitBytes", 314572800}})
+                                   .dump());
+    fs::resize_file(project.file("big/soft.bin"), 314572801);
+    velko.send({{"type", "project/file/open"},
+                {"payload", {{"projectId", id}, {"path", "big/soft.bin"}, {"allowLargeFile", true}}}});
+    auto tooLarge = velko.next("project/file/error");
+    ASSERT_TRUE(tooLarge);
+    EXPECT_EQ((*tooLarge)["message"], "このファイルは約 300MB あり、上限の 300MB を超えているため開けません。"
+                                      "サイズを削減するか、外部エディタをご利用ください。");
+
+    // At most 512 distinct paths are answered, and a request id is made up when none came.
+    Json many = Json::array();
+    for (int i = 0; i < 600; ++i) many.push_back("missing" + std::to_string(i));
+    velko.send({{"type", "project/explorer/directories/request"}, {"payload", {{"projectId", id}, {"paths", many}}}});
+    auto capped = velko.next("project/explorer/directories");
+    ASSERT_TRUE(capped);
+    EXPECT_EQ((*capped)["directories"].size(), 512u);
+    EXPECT_EQ((*capped)["directories"][511]["path"], "missing511");
+    EXPECT_TRUE(Uuid::parse((*capped)["requestId"].get<std::string>()));
 
     // Monitoring: a file touched in the project shows up as a stale folder.
     std::ofstream(project.file("src/new.txt")) << "new";
