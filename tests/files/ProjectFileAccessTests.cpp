@@ -219,6 +219,7 @@ TEST(ProjectFileAccess, SavesReplaceAtomicallyKeepPermissionsAndKeepTheLenientPa
         {"/sub/new.txt", "new", "", root.file("sub/new.txt")},
         {"sub/../top.txt", "top", "", root.file("top.txt")},
         {"link.txt", "through the link", "", root.file("sub/shared.txt")},  // the link stays a link
+        {std::string(250, 'l') + ".txt", "a name at the length limit", "", root.file(std::string(250, 'l') + ".txt")},
         {"sub/../../" + std::filesystem::path(parent.path()).filename().string() + "/escaped.txt", "out", "",
          parent.file("escaped.txt")},
         {"", "x", "保存パスが不正です", ""},
@@ -244,7 +245,11 @@ TEST(ProjectFileAccess, SavesReplaceAtomicallyKeepPermissionsAndKeepTheLenientPa
     // No temporary file is left beside the targets.
     size_t entries = 0;
     for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(root.path())) ++entries;
-    EXPECT_EQ(entries, 5u);  // run.sh, latin1.txt, sub, top.txt, link.txt
+    EXPECT_EQ(entries, 6u);  // run.sh, latin1.txt, sub, top.txt, link.txt, the long name
+    mode_t mask = umask(022);
+    umask(mask);
+    ASSERT_EQ(stat(root.file("sub/new.txt").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0666u & ~mask);  // a new file gets what any editor would give it
     EXPECT_TRUE(std::filesystem::is_symlink(root.file("link.txt")));
     EXPECT_TRUE(std::filesystem::is_directory(root.file("sub")));
 }
