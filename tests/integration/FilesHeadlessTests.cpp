@@ -301,7 +301,7 @@ TEST(FilesHeadless, AKilledSaveLeavesTheOldOrTheNewContentNeverAPartOfIt) {
     ASSERT_FALSE(id.empty());
 
     // Large enough that writing and syncing it takes a while.
-    const std::string newContent(48 << 20, 'n');
+    const std::string newContent(16 << 20, 'n');
     velko.send({{"type", "project/file/save"}, {"payload", {{"projectId", id}, {"path", "big.txt"}, {"content", newContent}}}});
     // Kill the program as soon as the save shows on disk: a temporary file
     // beside the target, or the target itself changing.
