@@ -82,6 +82,9 @@ int replaceFileAtomically(const std::string& path, std::string_view content) {
     struct stat existing {};
     bool exists = stat(path.c_str(), &existing) == 0;
     if (exists && S_ISDIR(existing.st_mode)) return EISDIR;
+    // A named pipe, socket or device is never opened as text, so a save can
+    // only be a mistake; replacing it would destroy it.
+    if (exists && !S_ISREG(existing.st_mode)) return ENOTSUP;
     auto mode = static_cast<mode_t>(exists ? existing.st_mode & 07777 : 0666 & ~creationMask());
     size_t slash = path.rfind('/');
     std::string directory = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);

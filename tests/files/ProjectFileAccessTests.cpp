@@ -204,6 +204,7 @@ TEST(ProjectFileAccess, SavesReplaceAtomicallyKeepPermissionsAndKeepTheLenientPa
     root.write("latin1.txt", std::string("caf\xe9", 4));
     std::filesystem::create_directories(root.file("sub"));
     root.write("sub/shared.txt", "shared");
+    ASSERT_EQ(mkfifo(root.file("pipe").c_str(), 0600), 0);
     std::filesystem::create_symlink("sub/shared.txt", root.file("link.txt"));
     test::TempDir parent;  // a save may reach outside through "a/../..": deliberate, unlike reads
 
@@ -227,6 +228,7 @@ TEST(ProjectFileAccess, SavesReplaceAtomicallyKeepPermissionsAndKeepTheLenientPa
         {"../escape.txt", "x", "保存パスが不正です", ""},
         {"missing/dir/file.txt", "x", "保存に失敗しました: No such file or directory", ""},
         {"sub", "x", "保存に失敗しました: Is a directory", ""},
+        {"pipe", "x", "保存に失敗しました: Operation not supported", ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.path);
@@ -245,7 +247,9 @@ TEST(ProjectFileAccess, SavesReplaceAtomicallyKeepPermissionsAndKeepTheLenientPa
     // No temporary file is left beside the targets.
     size_t entries = 0;
     for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(root.path())) ++entries;
-    EXPECT_EQ(entries, 6u);  // run.sh, latin1.txt, sub, top.txt, link.txt, the long name
+    EXPECT_EQ(entries, 7u);  // run.sh, latin1.txt, sub, top.txt, link.txt, the long name, pipe
+    ASSERT_EQ(lstat(root.file("pipe").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISFIFO(st.st_mode));
     mode_t mask = umask(022);
     umask(mask);
     ASSERT_EQ(stat(root.file("sub/new.txt").c_str(), &st), 0);
