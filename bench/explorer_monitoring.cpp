@@ -2,6 +2,7 @@
 // - starting the recursive inotify watcher (every directory walked and
 //   watched) against a plain recursive readdir walk of the same tree; the
 //   counter "ratio" is start time ÷ walk time;
+// - stopping while that first walk still runs (a quick project switch);
 // - the delay from a file write to the batch that names its directory,
 //   through the real watcher and the service's debounce; the counter
 //   "ratio" is that delay ÷ (stream latency + debounce), so about 1 is the
@@ -82,6 +83,39 @@ void BM_StartMonitoringVsWalk(benchmark::State& state) {
     state.counters["ratio"] = baseline > 0 ? start / baseline : 0;
 }
 
+// Switching project while the first walk of a big tree is still running:
+// start and stop at once, against a start that waits for the whole walk.
+// The counter "ratio" is stop-early time ÷ full start time (well below 1).
+void BM_StopDuringFirstWalk(benchmark::State& state) {
+    Tree tree(50, 99);
+    double full = 0, early = 0;
+    for (auto _ : state) {
+        auto t0 = Clock::now();
+        {
+            InotifyExplorerWatcher watcher(tree.root, ExplorerExclusionRules{});
+            if (!watcher.start([](std::vector<ExplorerFileEvent>) {})) {
+                state.SkipWithError("inotify unavailable");
+                return;
+            }
+            watcher.waitUntilScanned();
+            watcher.stop();
+        }
+        auto t1 = Clock::now();
+        {
+            InotifyExplorerWatcher watcher(tree.root, ExplorerExclusionRules{});
+            (void)watcher.start([](std::vector<ExplorerFileEvent>) {});
+            watcher.stop();
+        }
+        auto t2 = Clock::now();
+        full += std::chrono::duration<double>(t1 - t0).count();
+        early += std::chrono::duration<double>(t2 - t1).count();
+        state.SetIterationTime(std::chrono::duration<double>(t2 - t1).count());
+    }
+    state.counters["full_ms"] = full * 1000 / static_cast<double>(state.iterations());
+    state.counters["stop_early_ms"] = early * 1000 / static_cast<double>(state.iterations());
+    state.counters["ratio"] = full > 0 ? early / full : 0;
+}
+
 void BM_WriteToBatchDelay(benchmark::State& state) {
     Tree tree(50, 99);
     std::mutex mutex;
@@ -132,5 +166,6 @@ void BM_WriteToBatchDelay(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(BM_StartMonitoringVsWalk)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
+BENCHMARK(BM_StopDuringFirstWalk)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK(BM_WriteToBatchDelay)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK_MAIN();

@@ -82,12 +82,14 @@ bool InotifyExplorerWatcher::start(Handler handler) {
         std::lock_guard lock(m_scanMutex);
         m_scanned = false;
     }
+    m_stopRequested = false;
     m_thread = std::thread([this] { run(); });
     return true;
 }
 
 void InotifyExplorerWatcher::stop() {
     if (m_thread.joinable()) {
+        m_stopRequested = true;
         uint64_t one = 1;
         (void)!write(m_stopFd, &one, sizeof one);
         m_thread.join();
@@ -119,7 +121,7 @@ void InotifyExplorerWatcher::reportResync(ExplorerFileChangeKind kind) {
 
 void InotifyExplorerWatcher::watchTree(const std::string& top, bool reportContents) {
     std::vector<std::string> stack{top};
-    while (!stack.empty()) {
+    while (!stack.empty() && !m_stopRequested.load(std::memory_order_relaxed)) {
         std::string directory = std::move(stack.back());
         stack.pop_back();
         if (isExcludedDirectory(directory)) continue;

@@ -76,6 +76,9 @@ private:
     int m_stopFd = -1;
     int m_rootWatch = -1;
     std::thread m_thread;
+    // Set by stop() so that a long first walk of a big tree ends early
+    // instead of holding the caller (the main thread) until it is done.
+    std::atomic<bool> m_stopRequested{false};
     std::unordered_map<int, std::string> m_watches;  // watcher thread only, once started
     std::atomic<size_t> m_watchCount{0};
     std::vector<ExplorerFileEvent> m_pending;
