@@ -56,8 +56,8 @@ std::optional<ExplorerFileEvent> explorerEventFromInotify(uint32_t mask, const s
 }
 
 InotifyExplorerWatcher::InotifyExplorerWatcher(std::string rootPath, ExplorerExclusionRules rules,
-                                               std::chrono::milliseconds latency)
-    : m_root(std::move(rootPath)), m_rules(std::move(rules)), m_latency(latency) {}
+                                               std::chrono::milliseconds latency, size_t maxWatches)
+    : m_root(std::move(rootPath)), m_rules(std::move(rules)), m_latency(latency), m_maxWatches(maxWatches) {}
 
 InotifyExplorerWatcher::~InotifyExplorerWatcher() { stop(); }
 
@@ -82,12 +82,14 @@ bool InotifyExplorerWatcher::start(Handler handler) {
         std::lock_guard lock(m_scanMutex);
         m_scanned = false;
     }
+    m_stopRequested = false;
     m_thread = std::thread([this] { run(); });
     return true;
 }
 
 void InotifyExplorerWatcher::stop() {
     if (m_thread.joinable()) {
+        m_stopRequested = true;
         uint64_t one = 1;
         (void)!write(m_stopFd, &one, sizeof one);
         m_thread.join();
@@ -119,11 +121,13 @@ void InotifyExplorerWatcher::reportResync(ExplorerFileChangeKind kind) {
 
 void InotifyExplorerWatcher::watchTree(const std::string& top, bool reportContents) {
     std::vector<std::string> stack{top};
-    while (!stack.empty()) {
+    while (!stack.empty() && !m_stopRequested.load(std::memory_order_relaxed)) {
         std::string directory = std::move(stack.back());
         stack.pop_back();
         if (isExcludedDirectory(directory)) continue;
-        int wd = inotify_add_watch(m_inotifyFd, directory.c_str(), kWatchMask);
+        bool overBudget = m_maxWatches > 0 && m_watches.size() >= m_maxWatches;
+        int wd = overBudget ? -1 : inotify_add_watch(m_inotifyFd, directory.c_str(), kWatchMask);
+        if (overBudget) errno = ENOSPC;
         if (wd < 0) {
             if (errno == ENOSPC && !m_reportedOutOfWatches) {
                 // Out of watches: parts of the tree go unseen, so the page must

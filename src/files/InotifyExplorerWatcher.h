@@ -38,8 +38,12 @@ class InotifyExplorerWatcher final : public ExplorerEventWatching {
 public:
     static constexpr std::chrono::milliseconds kLatency{200};
 
+    // `maxWatches` caps the watches this tree may take (0: only the system's
+    // limit counts), so one huge checkout cannot use up the inotify watches
+    // every other program of the user shares. Reaching either limit is the
+    // same "rescan needed" signal.
     InotifyExplorerWatcher(std::string rootPath, ExplorerExclusionRules rules,
-                           std::chrono::milliseconds latency = kLatency);
+                           std::chrono::milliseconds latency = kLatency, size_t maxWatches = 0);
     ~InotifyExplorerWatcher() override;
 
     bool start(Handler handler) override;
@@ -66,11 +70,15 @@ private:
     std::string m_root;
     ExplorerExclusionRules m_rules;
     std::chrono::milliseconds m_latency;
+    size_t m_maxWatches;
     Handler m_handler;
     int m_inotifyFd = -1;
     int m_stopFd = -1;
     int m_rootWatch = -1;
     std::thread m_thread;
+    // Set by stop() so that a long first walk of a big tree ends early
+    // instead of holding the caller (the main thread) until it is done.
+    std::atomic<bool> m_stopRequested{false};
     std::unordered_map<int, std::string> m_watches;  // watcher thread only, once started
     std::atomic<size_t> m_watchCount{0};
     std::vector<ExplorerFileEvent> m_pending;

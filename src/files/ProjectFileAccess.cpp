@@ -9,8 +9,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <cstdlib>
 
 #include "core/Paths.h"
+#include "core/Uuid.h"
 #include "files/PathRules.h"
 
 namespace velko {
@@ -56,6 +58,63 @@ std::optional<FileReadError> checkLimits(int64_t size, LargeFilePolicy policy, F
         needsConfirmation = true;
     }
     return std::nullopt;
+}
+
+// The process's file creation mask, read without changing it (umask(2)
+// would, and other threads may be creating files meanwhile).
+mode_t creationMask() {
+    std::string status;
+    if (readWholeFile("/proc/self/status", status)) {
+        size_t at = status.find("\nUmask:");
+        if (at != std::string::npos) return static_cast<mode_t>(std::strtol(status.c_str() + at + 7, nullptr, 8)) & 0777;
+    }
+    return 022;
+}
+
+// Replaces `path` with `content` so that a crash at any moment leaves the old
+// file or the new one, never a part: a temporary file beside the target,
+// written and synced, then renamed over it. The replaced file's permission
+// bits (and, where we may, its owner) carry over; a new file gets the usual
+// 0666 less the creation mask. The temporary name has a fixed length, so a
+// file whose own name is near the file system's limit can still be saved.
+// Returns 0 or the errno of the step that failed.
+int replaceFileAtomically(const std::string& path, std::string_view content) {
+    struct stat existing {};
+    bool exists = stat(path.c_str(), &existing) == 0;
+    if (exists && S_ISDIR(existing.st_mode)) return EISDIR;
+    // A named pipe, socket or device is never opened as text, so a save can
+    // only be a mistake; replacing it would destroy it.
+    if (exists && !S_ISREG(existing.st_mode)) return ENOTSUP;
+    auto mode = static_cast<mode_t>(exists ? existing.st_mode & 07777 : 0666 & ~creationMask());
+    size_t slash = path.rfind('/');
+    std::string directory = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    std::string temporary = directory + "/.velko-save-" + Uuid::random().toString().substr(0, 8) + ".tmp";
+    int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0) return errno;
+    int error = 0;
+    for (size_t written = 0; written < content.size() && !error;) {
+        ssize_t n = write(fd, content.data() + written, content.size() - written);
+        if (n < 0 && errno != EINTR) error = errno;
+        if (n > 0) written += static_cast<size_t>(n);
+    }
+    // Owner first: changing it afterwards would clear set-id bits again.
+    if (!error && exists && (existing.st_uid != geteuid() || existing.st_gid != getegid()))
+        (void)!fchown(fd, existing.st_uid, existing.st_gid);
+    if (!error && fchmod(fd, mode) != 0) error = errno;
+    if (!error && fsync(fd) != 0) error = errno;
+    if (close(fd) != 0 && !error) error = errno;
+    if (!error && rename(temporary.c_str(), path.c_str()) != 0) error = errno;
+    if (error) {
+        unlink(temporary.c_str());
+        return error;
+    }
+    // The rename itself must reach the disk too.
+    int directoryFd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directoryFd >= 0) {
+        fsync(directoryFd);
+        close(directoryFd);
+    }
+    return 0;
 }
 
 }  // namespace
@@ -191,10 +250,18 @@ Status<FileSaveError> saveProjectFile(std::string_view relativePath, std::string
     auto sanitized = sanitizeRelativePath(relativePath, homePath);
     if (!sanitized || sanitized->empty()) return fail(FileSaveError{"保存パスが不正です"});
     std::string target = appendPath(rootPath, *sanitized);
-    if (!writeFileAtomically(target, content)) {
-        int error = errno;
-        return fail(FileSaveError{"保存に失敗しました: " + describeErrno(error)});
+    // A file opened through a symbolic link is saved where the link points:
+    // replacing the link with a plain file would quietly cut it loose from
+    // what it shared (a dotfile kept in another checkout, say).
+    struct stat linkInfo {};
+    if (lstat(target.c_str(), &linkInfo) == 0 && S_ISLNK(linkInfo.st_mode)) {
+        if (char* resolved = realpath(target.c_str(), nullptr)) {
+            target = resolved;
+            std::free(resolved);
+        }
     }
+    if (int error = replaceFileAtomically(target, content))
+        return fail(FileSaveError{"保存に失敗しました: " + describeErrno(error)});
     return Ok{};
 }
 

@@ -67,9 +67,10 @@ struct FileSaveError {
     std::string message;  // the whole user-visible text
 };
 
-// Saves `content` as `relativePath` below `rootPath` atomically, keeping the
-// permission bits of the file it replaces. Only the sanitiser guards the path;
-// the parent folder must exist already.
+// Saves `content` as `relativePath` below `rootPath` atomically (a crash
+// leaves the old file or the new one), keeping the permission bits of the
+// file it replaces and writing through a symbolic link into its target. Only
+// the sanitiser guards the path; the parent folder must exist already.
 Status<FileSaveError> saveProjectFile(std::string_view relativePath, std::string_view rootPath,
                                       std::string_view content, std::string_view homePath);
 

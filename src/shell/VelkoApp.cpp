@@ -114,10 +114,14 @@ void VelkoApp::shutdown(std::function<void()> done) {
         };
     }
 
-    // Work already queued for files finishes first; then the host may exit.
+    // Work already queued for files finishes first; monitoring ends with it,
+    // so no change batch goes out while the program exits.
     std::weak_ptr<WebBridge> bridge = m_bridge;
     m_bridge->fileQueue().post([bridge, done = std::move(done)]() mutable {
-        runOnMain([done = std::move(done)] { done(); });
+        runOnMain([bridge, done = std::move(done)] {
+            if (auto self = bridge.lock()) self->stopExplorerMonitoring();
+            done();
+        });
     });
 }
 

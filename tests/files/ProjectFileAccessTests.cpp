@@ -203,6 +203,9 @@ TEST(ProjectFileAccess, SavesReplaceAtomicallyKeepPermissionsAndKeepTheLenientPa
     ASSERT_EQ(chmod(script.c_str(), 0751), 0);
     root.write("latin1.txt", std::string("caf\xe9", 4));
     std::filesystem::create_directories(root.file("sub"));
+    root.write("sub/shared.txt", "shared");
+    ASSERT_EQ(mkfifo(root.file("pipe").c_str(), 0600), 0);
+    std::filesystem::create_symlink("sub/shared.txt", root.file("link.txt"));
     test::TempDir parent;  // a save may reach outside through "a/../..": deliberate, unlike reads
 
     struct Case {
@@ -216,11 +219,16 @@ TEST(ProjectFileAccess, SavesReplaceAtomicallyKeepPermissionsAndKeepTheLenientPa
         {"latin1.txt", "café", "", root.file("latin1.txt")},  // always written as UTF-8
         {"/sub/new.txt", "new", "", root.file("sub/new.txt")},
         {"sub/../top.txt", "top", "", root.file("top.txt")},
+        {"link.txt", "through the link", "", root.file("sub/shared.txt")},  // the link stays a link
+        {std::string(250, 'l') + ".txt", "a name at the length limit", "", root.file(std::string(250, 'l') + ".txt")},
+        {"sub/../../" + std::filesystem::path(parent.path()).filename().string() + "/escaped.txt", "out", "",
+         parent.file("escaped.txt")},
         {"", "x", "保存パスが不正です", ""},
         {"/", "x", "保存パスが不正です", ""},
         {"../escape.txt", "x", "保存パスが不正です", ""},
         {"missing/dir/file.txt", "x", "保存に失敗しました: No such file or directory", ""},
         {"sub", "x", "保存に失敗しました: Is a directory", ""},
+        {"pipe", "x", "保存に失敗しました: Operation not supported", ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.path);
@@ -239,6 +247,13 @@ TEST(ProjectFileAccess, SavesReplaceAtomicallyKeepPermissionsAndKeepTheLenientPa
     // No temporary file is left beside the targets.
     size_t entries = 0;
     for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(root.path())) ++entries;
-    EXPECT_EQ(entries, 4u);  // run.sh, latin1.txt, sub, top.txt
+    EXPECT_EQ(entries, 7u);  // run.sh, latin1.txt, sub, top.txt, link.txt, the long name, pipe
+    ASSERT_EQ(lstat(root.file("pipe").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISFIFO(st.st_mode));
+    mode_t mask = umask(022);
+    umask(mask);
+    ASSERT_EQ(stat(root.file("sub/new.txt").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0666u & ~mask);  // a new file gets what any editor would give it
+    EXPECT_TRUE(std::filesystem::is_symlink(root.file("link.txt")));
     EXPECT_TRUE(std::filesystem::is_directory(root.file("sub")));
 }

@@ -196,3 +196,67 @@ TEST(ExplorerWatcher, ExcludedFoldersAreNotWatchedAndACheckoutIsOneQuietBatch) {
     EXPECT_FALSE(all.back().requiresResync);
     service->stopMonitoring();
 }
+
+TEST(ExplorerWatcher, LostEventsAndRunningOutOfWatchesAskForAResync) {
+    struct Case {
+        const char* name;
+        size_t maxWatches;
+        // Runs with the watcher's thread held inside the handler, so the
+        // kernel queue fills up behind it.
+        std::function<void(WatchedTree&)> whileHeld;
+        size_t expectedWatches;
+    };
+    auto queueLimit = [] {
+        std::ifstream limits("/proc/sys/fs/inotify/max_queued_events");
+        size_t value = 16384;
+        limits >> value;
+        return value;
+    };
+    const Case cases[] = {
+        {"the kernel queue overflows", 0,
+         [&](WatchedTree& t) {
+             // Each new empty file queues a create and a close-after-write.
+             size_t files = queueLimit() / 2 + 64;
+             for (size_t i = 0; i < files; ++i) touch(t.abs("flood/f" + std::to_string(i)), "");
+         },
+         4},
+        {"the watch budget runs out", 2, [](WatchedTree&) {}, 2},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        // Declared so that the gate opens before the watcher stops.
+        std::mutex gate;
+        Inbox<int> entered;
+        WatchedTree tree;
+        std::unique_lock hold(gate);
+        fs::create_directories(tree.abs("flood"));
+        fs::create_directories(tree.abs("a/b"));
+        tree.watcher = std::make_unique<InotifyExplorerWatcher>(tree.root, ExplorerExclusionRules{},
+                                                                InotifyExplorerWatcher::kLatency, c.maxWatches);
+        ASSERT_TRUE(tree.watcher->start([&](std::vector<ExplorerFileEvent> events) {
+            entered.add(1);
+            std::lock_guard wait(gate);
+            for (auto& e : events) tree.inbox.add(std::move(e));
+        }));
+        tree.watcher->waitUntilScanned();
+        touch(tree.abs("first.txt"));
+        ASSERT_FALSE(entered.waitFor([](const auto& all) { return !all.empty(); }).empty());
+        c.whileHeld(tree);
+        hold.unlock();
+        auto events = tree.inbox.waitFor([](const auto& all) {
+            return std::any_of(all.begin(), all.end(), [](const auto& e) { return e.requiresResync; });
+        });
+        auto resync = std::find_if(events.begin(), events.end(), [](const auto& e) { return e.requiresResync; });
+        ASSERT_NE(resync, events.end());
+        EXPECT_EQ(resync->path, tree.root);
+        EXPECT_EQ(tree.watcher->watchCountForTesting(), c.expectedWatches);
+        // Still watching afterwards: a later change is reported as usual.
+        touch(tree.abs("a/after.txt"));
+        if (c.maxWatches == 0) {
+            auto later = tree.inbox.waitFor(
+                [&](const auto& all) { return hasEvent(all, tree.abs("a/after.txt"), ExplorerFileChangeKind::Created); });
+            EXPECT_TRUE(hasEvent(later, tree.abs("a/after.txt"), ExplorerFileChangeKind::Created));
+        }
+        tree.watcher->stop();
+    }
+}
