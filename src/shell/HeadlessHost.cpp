@@ -115,9 +115,12 @@ int runHeadless(const HeadlessOptions& options) {
             ssize_t n = read(STDIN_FILENO, chunk, sizeof chunk);
             if (n < 0 && errno == EINTR) continue;
             if (n <= 0) break;
+            // Only the new bytes can hold a line end: a long message costs one
+            // pass, not one pass per chunk.
+            size_t searchFrom = buffer.size();
             buffer.append(chunk, static_cast<size_t>(n));
             size_t start = 0;
-            for (size_t nl; (nl = buffer.find('\n', start)) != std::string::npos; start = nl + 1) {
+            for (size_t nl; (nl = buffer.find('\n', searchFrom)) != std::string::npos; start = searchFrom = nl + 1) {
                 std::string line = buffer.substr(start, nl - start);
                 mainQueue().post([weakBridge, line = std::move(line)] {
                     if (auto bridge = weakBridge.lock()) bridge->handleMessageText(line);
