@@ -1,0 +1,117 @@
+#include "GuiSupport.h"
+
+#include <X11/Xlib.h>
+#include <X11/extensions/XTest.h>
+#include <X11/XKBlib.h>
+#include <X11/keysym.h>
+#include <gtk/gtk.h>
+#include <webkit/webkit.h>
+
+#include <cstdlib>
+
+#include "core/Paths.h"
+
+namespace velko::test {
+
+using Clock = std::chrono::steady_clock;
+
+std::string sourcePath(const std::string& relative) {
+    const char* source = std::getenv("VELKO_SOURCE_DIR");
+    return std::string(source ? source : ".") + "/" + relative;
+}
+
+std::string outputPath(const std::string& name) {
+    const char* binary = std::getenv("VELKO_BINARY_DIR");
+    std::string folder = std::string(binary ? binary : ".") + "/test-output";
+    createDirectories(folder);
+    return folder + "/" + name;
+}
+
+bool pumpUntil(const std::function<bool()>& done, std::chrono::seconds limit) {
+    auto deadline = Clock::now() + limit;
+    while (!done()) {
+        if (Clock::now() > deadline) return false;
+        g_main_context_iteration(nullptr, FALSE);
+        if (!g_main_context_pending(nullptr)) g_usleep(2000);
+    }
+    return true;
+}
+
+std::string evaluate(GtkWidget* view, const std::string& expression) {
+    struct Pending {
+        bool done = false;
+        std::string text;
+    } pending;
+    std::string script = "JSON.stringify(" + expression + ")";
+    webkit_web_view_evaluate_javascript(
+        WEBKIT_WEB_VIEW(view), script.c_str(), -1, nullptr, nullptr, nullptr,
+        +[](GObject* source, GAsyncResult* result, gpointer data) {
+            auto* p = static_cast<Pending*>(data);
+            GError* error = nullptr;
+            JSCValue* value = webkit_web_view_evaluate_javascript_finish(WEBKIT_WEB_VIEW(source), result, &error);
+            if (value) {
+                char* text = jsc_value_to_string(value);
+                p->text = text ? text : "";
+                g_free(text);
+                g_object_unref(value);
+            } else {
+                p->text = std::string("error: ") + (error ? error->message : "?");
+                if (error) g_error_free(error);
+            }
+            p->done = true;
+        },
+        &pending);
+    pumpUntil([&] { return pending.done; });
+    return pending.text;
+}
+
+namespace {
+
+// One connection of our own: the events reach the server and come back to
+// the program's connection as real device events.
+template <typename F>
+bool withXTest(F&& body) {
+    Display* display = XOpenDisplay(nullptr);
+    if (!display) return false;
+    int event = 0, error = 0, major = 0, minor = 0;
+    bool ok = XTestQueryExtension(display, &event, &error, &major, &minor);
+    if (ok) {
+        body(display);
+        XSync(display, False);
+    }
+    XCloseDisplay(display);
+    return ok;
+}
+
+}  // namespace
+
+bool moveRealPointer(int x, int y) {
+    return withXTest([&](Display* display) { XTestFakeMotionEvent(display, -1, x, y, CurrentTime); });
+}
+
+bool clickRealPointer(int x, int y) {
+    return withXTest([&](Display* display) {
+        XTestFakeMotionEvent(display, -1, x, y, CurrentTime);
+        XTestFakeButtonEvent(display, 1, True, CurrentTime);
+        XTestFakeButtonEvent(display, 1, False, CurrentTime);
+    });
+}
+
+bool typeRealKeys(const std::string& text) {
+    return withXTest([&](Display* display) {
+        KeyCode shift = XKeysymToKeycode(display, XK_Shift_L);
+        for (char c : text) {
+            KeySym symbol = c == '\n' ? XK_Return : static_cast<KeySym>(static_cast<unsigned char>(c));
+            KeyCode code = XKeysymToKeycode(display, symbol);
+            if (code == 0) continue;
+            // Shifted when the key's first level is not the character.
+            bool shifted = XkbKeycodeToKeysym(display, code, 0, 0) != symbol;
+            if (shifted) XTestFakeKeyEvent(display, shift, True, CurrentTime);
+            XTestFakeKeyEvent(display, code, True, CurrentTime);
+            XTestFakeKeyEvent(display, code, False, CurrentTime);
+            if (shifted) XTestFakeKeyEvent(display, shift, False, CurrentTime);
+        }
+    });
+}
+
+}  // namespace velko::test
