@@ -97,6 +97,15 @@ bool clickRealPointer(int x, int y) {
     });
 }
 
+bool pressRealChord(const std::vector<unsigned long>& keysyms) {
+    return withXTest([&](Display* display) {
+        for (unsigned long symbol : keysyms)
+            XTestFakeKeyEvent(display, XKeysymToKeycode(display, symbol), True, CurrentTime);
+        for (auto it = keysyms.rbegin(); it != keysyms.rend(); ++it)
+            XTestFakeKeyEvent(display, XKeysymToKeycode(display, *it), False, CurrentTime);
+    });
+}
+
 bool typeRealKeys(const std::string& text) {
     return withXTest([&](Display* display) {
         KeyCode shift = XKeysymToKeycode(display, XK_Shift_L);

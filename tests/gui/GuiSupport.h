@@ -6,6 +6,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <vector>
 
 typedef struct _GtkWidget GtkWidget;
 
@@ -25,6 +26,8 @@ std::string evaluate(GtkWidget* webView, const std::string& expression);
 // server does not offer XTest.
 bool moveRealPointer(int x, int y);
 bool clickRealPointer(int x, int y);
+// Presses the keys (X keysyms) in order and releases them in reverse: a chord.
+bool pressRealChord(const std::vector<unsigned long>& keysyms);
 // Types printable ASCII and "\n" (Return) key by key.
 bool typeRealKeys(const std::string& text);
 
