@@ -176,7 +176,8 @@ public:
         GVariant* answer = call("SetGlobalEngine", g_variant_new("(s)", source.id.c_str()));
         if (!answer) return false;
         g_variant_unref(answer);
-        m_current = source;
+        // Read back from the daemon on the next key: it knows what it switched to.
+        m_current.reset();
         return true;
     }
 
