@@ -31,4 +31,19 @@ bool pressRealChord(const std::vector<unsigned long>& keysyms);
 // Types printable ASCII and "\n" (Return) key by key.
 bool typeRealKeys(const std::string& text);
 
+// ibus-daemon in a session of its own (so its helpers end with it), on the
+// current display, with the current HOME and XDG_CONFIG_HOME.
+class IBusDaemon {
+public:
+    IBusDaemon();
+    ~IBusDaemon();
+    IBusDaemon(const IBusDaemon&) = delete;
+    IBusDaemon& operator=(const IBusDaemon&) = delete;
+    bool started() const { return m_pid > 0; }
+
+private:
+    int m_pid = 0;
+};
+bool haveIBus();
+
 }  // namespace velko::test

@@ -3,12 +3,7 @@
 // writes, its engines read, switched, and followed when another client
 // switches them.
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <glib.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -18,64 +13,11 @@
 #include "platform/IBusInputSources.h"
 #include "support/TestSupport.h"
 
-extern char** environ;
-
 using namespace velko;
-
-namespace {
-
-// ibus-daemon in a session of its own, so that its helpers end with it.
-class IBusDaemon {
-public:
-    IBusDaemon() {
-        std::vector<std::string> args = {"ibus-daemon", "--panel=disable", "--config=/usr/libexec/ibus-memconf",
-                                         "--emoji-extension=", "--replace"};
-        std::vector<char*> argv;
-        for (auto& arg : args) argv.push_back(arg.data());
-        argv.push_back(nullptr);
-        posix_spawnattr_t attr;
-        posix_spawnattr_init(&attr);
-        posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSID);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        if (posix_spawnp(&m_pid, "ibus-daemon", &actions, &attr, argv.data(), environ) != 0) m_pid = 0;
-        posix_spawn_file_actions_destroy(&actions);
-        posix_spawnattr_destroy(&attr);
-    }
-    ~IBusDaemon() {
-        if (m_pid <= 0) return;
-        ::kill(-m_pid, SIGTERM);
-        int status = 0;
-        ::waitpid(m_pid, &status, 0);
-        ::kill(-m_pid, SIGKILL);  // a helper that ignored the hang-up
-    }
-    bool started() const { return m_pid > 0; }
-
-private:
-    pid_t m_pid = 0;
-};
-
-bool haveIBus() {
-    const char* path = std::getenv("PATH");
-    std::string folders = path ? path : "/usr/bin:/bin";
-    for (size_t at = 0; at <= folders.size();) {
-        size_t end = folders.find(':', at);
-        std::string folder = folders.substr(at, end == std::string::npos ? std::string::npos : end - at);
-        if (::access((folder + "/ibus-daemon").c_str(), X_OK) == 0) return true;
-        if (end == std::string::npos) break;
-        at = end + 1;
-    }
-    return false;
-}
-
-}  // namespace
 
 TEST(IBusInputSources, FollowsTheRealDaemonsEngineAndDecidesTheKeysPath) {
     if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no display";
-    if (!haveIBus()) GTEST_SKIP() << "ibus-daemon is not installed (scripts/deps.sh installs it)";
+    if (!test::haveIBus()) GTEST_SKIP() << "ibus-daemon is not installed (scripts/deps.sh installs it)";
     test::IsolatedHome home;
     test::ScopedEnv config("XDG_CONFIG_HOME", home.home() + "/.config");
     test::ScopedEnv settings("GSETTINGS_BACKEND", "memory");
@@ -84,7 +26,7 @@ TEST(IBusInputSources, FollowsTheRealDaemonsEngineAndDecidesTheKeysPath) {
     // No daemon: no service, every key takes the web path.
     EXPECT_EQ(connectIBusInputSources(), nullptr);
 
-    IBusDaemon daemon;
+    test::IBusDaemon daemon;
     ASSERT_TRUE(daemon.started());
     std::shared_ptr<InputSourceServicing> sources;
     ASSERT_TRUE(test::pumpUntil([&] { return (sources = connectIBusInputSources()) != nullptr; },

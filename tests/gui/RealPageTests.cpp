@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "GuiSupport.h"
@@ -18,6 +19,7 @@
 #include "core/MainQueue.h"
 #include "core/Paths.h"
 #include "platform/DesktopWindow.h"
+#include "platform/IBusInputSources.h"
 #include "shell/VelkoApp.h"
 #include "shell/WebBridge.h"
 #include "shell/WebViewHosting.h"
@@ -73,20 +75,42 @@ std::optional<std::pair<int, int>> screenCentre(GtkWidget* window, GtkWidget* vi
 
 }  // namespace
 
-TEST(RealPage, OpensAProjectThroughThePickerAndRunsWhatIsTypedInItsShell) {
+namespace {
+
+// How the typed keys should travel: all through the page, or the printable
+// ones straight to the shell (IBus on an ASCII layout) and Return through the page.
+enum class KeyPath { Page, Native };
+
+void openProjectAndType(KeyPath path, const std::string& screenshot) {
     if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no display";
     std::string resources = test::sourcePath("resources");
     if (!std::filesystem::is_regular_file(resources + "/web/index.html"))
         GTEST_SKIP() << "the page is not built: scripts/build.sh builds it into resources/web";
+    if (path == KeyPath::Native && !test::haveIBus())
+        GTEST_SKIP() << "ibus-daemon is not installed (scripts/deps.sh installs it)";
 
     test::IsolatedHome home;
+    test::ScopedEnv config("XDG_CONFIG_HOME", home.home() + "/.config");
+    test::ScopedEnv settings("GSETTINGS_BACKEND", "memory");
+    ::unsetenv("IBUS_ADDRESS");
     std::string project = home.home() + "/demo-project";
     makeProject(project);
-    if (HasFatalFailure()) return;
+    if (::testing::Test::HasFatalFailure()) return;
+
+    std::optional<test::IBusDaemon> ibus;
+    std::shared_ptr<InputSourceServicing> sources;
+    if (path == KeyPath::Native) {
+        ibus.emplace();
+        ASSERT_TRUE(ibus->started());
+        ASSERT_TRUE(pumpUntil([&] { return (sources = connectIBusInputSources()) != nullptr; },
+                              std::chrono::seconds(20)));
+        ASSERT_TRUE(sources->select(InputSourceInfo{"xkb:us::eng", true, true, true, std::nullopt, std::nullopt}));
+    }
 
     gtk_init();
     setMainQueue(std::make_shared<GlibMainQueue>());
     auto app = std::make_unique<VelkoApp>();
+    app->setInputSources(sources);
     DesktopWindow::Options options;
     options.resourceDirectory = resources;
     auto window = DesktopWindow::create(*app, nullptr, options);
@@ -157,8 +181,16 @@ TEST(RealPage, OpensAProjectThroughThePickerAndRunsWhatIsTypedInItsShell) {
     // Without a window manager the keyboard follows the pointer.
     ASSERT_TRUE(test::moveRealPointer(pane->first, pane->second));
     ASSERT_TRUE(pumpUntil([&] { return gtk_window_is_active(GTK_WINDOW(window->window())); }, std::chrono::seconds(10)));
+    // What the page's terminal sends on (the web path), recorded on the way.
+    evaluate(view, "(() => { const app = window.__velkoDebug.app, send = app.sendInput.bind(app); window.__sent = [];"
+                   " app.sendInput = (id, data, enc) => { window.__sent.push(data); send(id, data, enc); }; })()");
     ASSERT_TRUE(test::typeRealKeys("echo hi\n"));
     EXPECT_TRUE(pumpUntil(answered, std::chrono::seconds(30))) << terminalLines();
+    std::string sent = evaluate(view, "window.__sent.join('')");
+    if (path == KeyPath::Native)
+        EXPECT_EQ(sent, "\"\\r\"") << "only Return takes the page's path";
+    else
+        EXPECT_EQ(sent, "\"echo hi\\r\"");
 
     // The explorer lists the project's files, the git panel its change.
     EXPECT_TRUE(pumpUntil([&] { return evaluate(view, "document.body.innerText.includes('README.md')") == "true"; }));
@@ -169,8 +201,18 @@ TEST(RealPage, OpensAProjectThroughThePickerAndRunsWhatIsTypedInItsShell) {
         << "the page paints no frames";
     test::ScreenGrab grab;
     EXPECT_TRUE(pumpUntil([&] {
-        grab = test::grabScreenToPng(test::outputPath("velko-real-page.png"));
+        grab = test::grabScreenToPng(test::outputPath(screenshot));
         return grab.ok && grab.contentPixels > 5000;
     }, std::chrono::seconds(20))) << "content pixels: " << grab.contentPixels << "\npage text: "
                                    << evaluate(view, "document.body.innerText");
+}
+
+}  // namespace
+
+TEST(RealPage, OpensAProjectThroughThePickerAndRunsWhatIsTypedInItsShell) {
+    openProjectAndType(KeyPath::Page, "velko-real-page.png");
+}
+
+TEST(RealPage, PlainKeysGoStraightToTheShellWhenIBusNeedsNoComposition) {
+    openProjectAndType(KeyPath::Native, "velko-real-page-native-keys.png");
 }
