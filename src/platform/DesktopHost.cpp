@@ -1,18 +1,26 @@
 #include "platform/DesktopHost.h"
 
+#include <glib-unix.h>
 #include <gtk/gtk.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <climits>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "core/Log.h"
 #include "core/MainQueue.h"
 #include "platform/DesktopWindow.h"
+#include "platform/IBusInputSources.h"
 #include "shell/AppBundleSchemeHandler.h"
 #include "shell/InputCommandCenter.h"
 #include "shell/VelkoApp.h"
+#include "shell/WebBridge.h"
+#include "shell/WebViewHosting.h"
 
 namespace velko {
 
@@ -20,10 +28,44 @@ namespace {
 
 const Logger kLog("app.velko", "app");
 
+// `--pick-folder DIR` (repeatable) answers the folder picker with these
+// folders instead of showing it, for scripted runs; as in the headless host.
+class FixedFolderPicker final : public FolderPicking {
+public:
+    explicit FixedFolderPicker(std::vector<std::string> folders) : m_folders(std::move(folders)) {}
+    void pickFolders(std::function<void(std::vector<std::string>)> completion) override { completion(m_folders); }
+
+private:
+    std::vector<std::string> m_folders;
+};
+
 struct DesktopState {
+    GtkApplication* application = nullptr;
+    std::vector<std::string> pickFolders;
     std::unique_ptr<VelkoApp> app;
     std::unique_ptr<DesktopWindow> window;
+    bool quitting = false;
 };
+
+// Closing the window, the Quit command and SIGTERM/SIGINT all end the program
+// the same way: the shells get their hang-up and are reaped, queued file work
+// finishes, then the application quits. A second request while that runs
+// changes nothing.
+void beginQuit(DesktopState* state) {
+    if (state->quitting) return;
+    state->quitting = true;
+    if (state->window) gtk_widget_set_visible(state->window->window(), FALSE);
+    if (!state->app) {
+        g_application_quit(G_APPLICATION(state->application));
+        return;
+    }
+    // Keep the application running while the window is hidden.
+    g_application_hold(G_APPLICATION(state->application));
+    state->app->shutdown([state] {
+        g_application_release(G_APPLICATION(state->application));
+        g_application_quit(G_APPLICATION(state->application));
+    });
+}
 
 std::optional<std::string> resourceDirectory() {
     char buffer[PATH_MAX];
@@ -62,8 +104,7 @@ void buildMenus(GtkApplication* application, DesktopState* state) {
     addAction(application, "check-for-updates", G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer) {}), state,
               false);
     addAction(application, "quit", G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer data) {
-                  auto* s = static_cast<DesktopState*>(data);
-                  if (s->window) gtk_window_close(GTK_WINDOW(s->window->window()));
+                  beginQuit(static_cast<DesktopState*>(data));
               }),
               state);
 
@@ -102,13 +143,15 @@ void buildMenus(GtkApplication* application, DesktopState* state) {
 void showWindow(GtkApplication* application, DesktopState* state) {
     if (!state->window) {
         state->window = DesktopWindow::create(*state->app, application, {});
+        if (!state->pickFolders.empty())
+            state->app->bridge().setFolderPicker(std::make_shared<FixedFolderPicker>(state->pickFolders));
         // Closing the one window ends the program.
         g_signal_connect(state->window->window(), "close-request",
                          G_CALLBACK(+[](GtkWindow*, gpointer data) -> gboolean {
-                             g_application_quit(G_APPLICATION(data));
-                             return FALSE;
+                             beginQuit(static_cast<DesktopState*>(data));
+                             return TRUE;
                          }),
-                         application);
+                         state);
     }
     state->window->present();
 }
@@ -118,6 +161,24 @@ void showWindow(GtkApplication* application, DesktopState* state) {
 int runDesktop(int argc, char** argv) {
     GtkApplication* application = gtk_application_new("app.velko.Velko", G_APPLICATION_HANDLES_OPEN);
     DesktopState state;
+    state.application = application;
+    // Our own options leave the argument list before GApplication reads it
+    // (it would take them for files to open).
+    std::vector<char*> arguments;
+    for (int i = 0; i < argc; ++i) {
+        if (std::string_view(argv[i]) == "--pick-folder" && i + 1 < argc) {
+            state.pickFolders.emplace_back(argv[++i]);
+            continue;
+        }
+        arguments.push_back(argv[i]);
+    }
+    arguments.push_back(nullptr);
+    for (int signal : {SIGTERM, SIGINT, SIGHUP}) {
+        g_unix_signal_add(signal, +[](gpointer data) -> gboolean {
+            beginQuit(static_cast<DesktopState*>(data));
+            return G_SOURCE_CONTINUE;
+        }, &state);
+    }
 
     g_signal_connect(application, "startup", G_CALLBACK(+[](GApplication* app, gpointer data) {
                          auto* s = static_cast<DesktopState*>(data);
@@ -129,6 +190,7 @@ int runDesktop(int argc, char** argv) {
                          }
                          gtk_window_set_default_icon_name("velko");
                          s->app = std::make_unique<VelkoApp>();
+                         s->app->setInputSources(connectIBusInputSources());
                          buildMenus(GTK_APPLICATION(app), s);
                      }),
                      &state);
@@ -153,7 +215,7 @@ int runDesktop(int argc, char** argv) {
                      }),
                      &state);
 
-    int status = g_application_run(G_APPLICATION(application), argc, argv);
+    int status = g_application_run(G_APPLICATION(application), static_cast<int>(arguments.size() - 1), arguments.data());
     state.window.reset();
     state.app.reset();
     g_object_unref(application);

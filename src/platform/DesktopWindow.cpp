@@ -362,6 +362,7 @@ private:
             GtkCssProvider* css = gtk_css_provider_new();
             gtk_css_provider_load_from_data(css,
                                             ".velko-window, .velko-window > overlay { background-color: rgb(5,6,10); }"
+                                            ".velko-window menubar { color: #d8d8e0; }"
                                             ".velko-crash { background-color: rgba(5,6,10,0.92); color: #fff;"
                                             " padding: 24px; font-size: 16px; }",
                                             -1);

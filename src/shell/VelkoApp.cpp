@@ -7,6 +7,7 @@
 #include "shell/ContentView.h"
 #include "shell/GestureBridge.h"
 #include "shell/InputCommandCenter.h"
+#include "shell/NativeTerminalInput.h"
 #include "shell/WebBridge.h"
 #include "terminal/CodexShimInstaller.h"
 #include "terminal/TerminalCoordinator.h"
@@ -84,6 +85,17 @@ VelkoApp::VelkoApp(Options options) {
     m_commandCenter->onPreviousProject = [view] {
         if (auto v = view.lock()) v->moveToPreviousProject();
     };
+    m_nativeTerminalTarget = terminalServiceTarget(m_terminalService);
+}
+
+void VelkoApp::setInputSources(std::shared_ptr<InputSourceServicing> sources) {
+    if (!sources) {
+        m_nativeTerminalInput.reset();
+        m_commandCenter->setNativeKeyHandler({});
+        return;
+    }
+    m_nativeTerminalInput = std::make_shared<NativeTerminalInput>(m_nativeTerminalTarget, std::move(sources));
+    m_commandCenter->setNativeKeyHandler(m_nativeTerminalInput);
 }
 
 VelkoApp::~VelkoApp() = default;

@@ -23,6 +23,9 @@ class ExplorerService;
 class InputCommandCenter;
 class GestureBridge;
 class GestureBridgeDelegate;
+class InputSourceServicing;
+class NativeTerminalTarget;
+class NativeTerminalInput;
 
 class VelkoApp {
 public:
@@ -59,10 +62,15 @@ private:
     std::shared_ptr<InputCommandCenter> m_commandCenter;
     std::shared_ptr<GestureBridge> m_gestureBridge;
     std::shared_ptr<GestureBridgeDelegate> m_pinchDispatcher;
+    std::shared_ptr<NativeTerminalTarget> m_nativeTerminalTarget;
+    std::shared_ptr<NativeTerminalInput> m_nativeTerminalInput;
 
 public:
     InputCommandCenter& commandCenter() { return *m_commandCenter; }
     GestureBridge& gestureBridge() { return *m_gestureBridge; }
+    // Keys go natively to the focused terminal once the platform has an
+    // input-source service (null: every key takes the web view's path).
+    void setInputSources(std::shared_ptr<InputSourceServicing> sources);
 };
 
 }  // namespace velko

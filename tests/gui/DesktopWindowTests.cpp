@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <webkit/webkit.h>
+#include <X11/keysym.h>
 
 #include <algorithm>
 #include <chrono>
@@ -25,6 +26,7 @@
 #include "shell/VelkoApp.h"
 #include "shell/WebBridge.h"
 #include "support/TestSupport.h"
+#include "GuiSupport.h"
 #include "ScreenGrab.h"
 #include "workspace/Models.h"
 
@@ -32,6 +34,10 @@ extern char** environ;
 
 using namespace velko;
 using Clock = std::chrono::steady_clock;
+using test::evaluate;
+using test::outputPath;
+using test::pumpUntil;
+using test::sourcePath;
 
 namespace {
 
@@ -41,58 +47,6 @@ namespace {
 const std::string kTrickyName = "it's \"velko\" \\ \\' \\\" a\nb\r\n\u2028\u2029\t end \xE3\x83\x86\xE3\x82\xB9\xE3\x83\x88";
 const char* kFirstId = "A1B2C3D4-0000-4000-8000-000000000001";
 const char* kSecondId = "A1B2C3D4-0000-4000-8000-000000000002";
-
-std::string sourcePath(const std::string& relative) {
-    const char* source = std::getenv("VELKO_SOURCE_DIR");
-    return std::string(source ? source : ".") + "/" + relative;
-}
-
-std::string outputPath(const std::string& name) {
-    const char* binary = std::getenv("VELKO_BINARY_DIR");
-    std::string folder = std::string(binary ? binary : ".") + "/test-output";
-    createDirectories(folder);
-    return folder + "/" + name;
-}
-
-// Runs the GLib main context until `done` holds or the deadline passes.
-bool pumpUntil(const std::function<bool()>& done, std::chrono::seconds limit = std::chrono::seconds(60)) {
-    auto deadline = Clock::now() + limit;
-    while (!done()) {
-        if (Clock::now() > deadline) return false;
-        g_main_context_iteration(nullptr, FALSE);
-        if (!g_main_context_pending(nullptr)) g_usleep(2000);
-    }
-    return true;
-}
-
-// The page's value of `expression` as text (JSON for structures).
-std::string evaluate(GtkWidget* view, const std::string& expression) {
-    struct Pending {
-        bool done = false;
-        std::string text;
-    } pending;
-    std::string script = "JSON.stringify(" + expression + ")";
-    webkit_web_view_evaluate_javascript(
-        WEBKIT_WEB_VIEW(view), script.c_str(), -1, nullptr, nullptr, nullptr,
-        +[](GObject* source, GAsyncResult* result, gpointer data) {
-            auto* p = static_cast<Pending*>(data);
-            GError* error = nullptr;
-            JSCValue* value = webkit_web_view_evaluate_javascript_finish(WEBKIT_WEB_VIEW(source), result, &error);
-            if (value) {
-                char* text = jsc_value_to_string(value);
-                p->text = text ? text : "";
-                g_free(text);
-                g_object_unref(value);
-            } else {
-                p->text = std::string("error: ") + (error ? error->message : "?");
-                if (error) g_error_free(error);
-            }
-            p->done = true;
-        },
-        &pending);
-    pumpUntil([&] { return pending.done; });
-    return pending.text;
-}
 
 std::vector<Json> receivedEvents(GtkWidget* view) {
     std::vector<Json> events;
@@ -158,15 +112,24 @@ protected:
 }  // namespace
 
 TEST_F(DesktopWindowTest, EventsQueuedBeforeLoadArriveInOrderAndByteForByte) {
+    // Nothing has run the main loop yet: the page is still loading.
+    ASSERT_FALSE(app->bridge().isWebViewReady());
+    for (int n = 0; n < 50; ++n) app->bridge().dispatchEvent("test/queued", OrderedJson{{"n", n}});
     ASSERT_TRUE(waitForPage());
     auto events = receivedEvents(webView());
-    std::vector<std::string> types;
-    for (const auto& event : events) types.push_back(event.value("type", ""));
-    // Construction and the first appearance dispatched these before the page
-    // finished loading; they come in their order, then the page's own request.
-    ASSERT_GE(types.size(), 6u);
-    EXPECT_EQ(std::vector<std::string>(types.begin(), types.begin() + 4),
-              (std::vector<std::string>{"github/oauth/status", "app/config", "github/oauth/status", "project/activate"}));
+    std::vector<int> queued;
+    for (const auto& event : events)
+        if (event.value("type", "") == "test/queued") queued.push_back(event["payload"].value("n", -1));
+    std::vector<int> expected(50);
+    for (int n = 0; n < 50; ++n) expected[static_cast<size_t>(n)] = n;
+    EXPECT_EQ(queued, expected);
+    // The first appearance's activation was queued before them and comes first.
+    auto activation = std::find_if(events.begin(), events.end(),
+                                   [](const Json& e) { return e.value("type", "") == "project/activate"; });
+    auto firstQueued = std::find_if(events.begin(), events.end(),
+                                    [](const Json& e) { return e.value("type", "") == "test/queued"; });
+    ASSERT_NE(activation, events.end());
+    EXPECT_LT(activation - events.begin(), firstQueued - events.begin());
 
     // Page -> bridge -> page: the page asks again and gets the snapshot.
     evaluate(webView(), "window.__received.length = 0, "
@@ -176,9 +139,8 @@ TEST_F(DesktopWindowTest, EventsQueuedBeforeLoadArriveInOrderAndByteForByte) {
     EXPECT_EQ(answer[0]["payload"]["projects"][0].value("name", ""), kTrickyName);
     EXPECT_EQ(answer[0]["payload"].value("activeProjectId", ""), kFirstId);
 
-    const Json& activation = events[3]["payload"];
-    EXPECT_EQ(activation.value("id", ""), kFirstId);
-    EXPECT_EQ(activation.value("name", ""), kTrickyName);
+    EXPECT_EQ((*activation)["payload"].value("id", ""), kFirstId);
+    EXPECT_EQ((*activation)["payload"].value("name", ""), kTrickyName);
     // Read straight from the page's own objects too, not only through our parser.
     EXPECT_EQ(parseJson(evaluate(webView(), "window.__velkoEventHistory.find(e => e.type === 'project/activate')"
                                             ".payload.name"))
@@ -206,7 +168,11 @@ TEST_F(DesktopWindowTest, KeysSwitchProjectsAndZoomThePageAndDropsReachIt) {
     auto activations = [&] { return countOfType(receivedEvents(webView()), "project/activate"); };
     size_t before = activations();
 
-    EXPECT_TRUE(window->handleKeyPress(GDK_KEY_Right, GDK_CONTROL_MASK | GDK_ALT_MASK));
+    // The chord from the keyboard, through the X server and the window's key controller.
+    int width = gtk_widget_get_width(window->window()), height = gtk_widget_get_height(window->window());
+    ASSERT_TRUE(test::moveRealPointer(width / 2, height / 2));  // no window manager: focus follows the pointer
+    ASSERT_TRUE(pumpUntil([&] { return gtk_window_is_active(GTK_WINDOW(window->window())); }, std::chrono::seconds(10)));
+    ASSERT_TRUE(test::pressRealChord({XK_Control_L, XK_Alt_L, XK_Right}));
     ASSERT_TRUE(pumpUntil([&] { return activations() == before + 1; }));
     auto events = receivedEvents(webView());
     auto last = std::find_if(events.rbegin(), events.rend(),
@@ -219,6 +185,8 @@ TEST_F(DesktopWindowTest, KeysSwitchProjectsAndZoomThePageAndDropsReachIt) {
     // A plain key goes on to the page untouched.
     EXPECT_FALSE(window->handleKeyPress(GDK_KEY_a, 0));
 
+    // Only the synthetic zoom keys from here on (the real chord's modifiers reached the page).
+    evaluate(webView(), "window.__keys.length = 0");
     EXPECT_TRUE(window->handleKeyPress(GDK_KEY_plus, GDK_CONTROL_MASK | GDK_SHIFT_MASK));
     ASSERT_TRUE(pumpUntil([&] { return evaluate(webView(), "window.__keys.length") == "2"; }));
     EXPECT_EQ(evaluate(webView(), "window.__keys"),
@@ -255,55 +223,105 @@ TEST_F(DesktopWindowTest, ACrashedPageShowsAMessageAndComesBackOnReload) {
     }));
 }
 
+namespace {
+
+// The real program, copied into a folder of its own with `resources` beside
+// it, started in a session of its own and ended with all its processes.
+class RunningProgram {
+public:
+    explicit RunningProgram(const std::optional<std::string>& resources) {
+        std::string program = m_install.path() + "/velko";
+        {
+            std::ifstream in(std::string(std::getenv("VELKO_BINARY_DIR")) + "/velko", std::ios::binary);
+            std::ofstream out(program, std::ios::binary);
+            out << in.rdbuf();
+        }
+        ::chmod(program.c_str(), 0755);
+        std::string link = m_install.path() + "/resources";
+        if (resources)
+            (void)::symlink(resources->c_str(), link.c_str());
+        else
+            createDirectories(link);
+
+        posix_spawnattr_t attr;
+        posix_spawnattr_init(&attr);
+        posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSID);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        char* argv[] = {program.data(), nullptr};
+        if (posix_spawn(&m_pid, program.c_str(), &actions, &attr, argv, environ) != 0) m_pid = 0;
+        posix_spawn_file_actions_destroy(&actions);
+        posix_spawnattr_destroy(&attr);
+    }
+    ~RunningProgram() {
+        if (m_pid > 0 && !m_exited) {
+            ::kill(-m_pid, SIGTERM);
+            int status = 0;
+            ::waitpid(m_pid, &status, 0);
+        }
+    }
+    bool started() const { return m_pid > 0; }
+    // Polls `done` until it holds, the deadline passes or the program exits.
+    bool waitFor(const std::function<bool()>& done) {
+        auto deadline = Clock::now() + std::chrono::seconds(60);
+        while (!done()) {
+            if (Clock::now() > deadline || hasExited()) return false;
+            ::usleep(50000);
+        }
+        return true;
+    }
+    bool hasExited() {
+        if (!m_exited && ::waitpid(m_pid, &m_status, WNOHANG) == m_pid) m_exited = true;
+        return m_exited;
+    }
+    int status() const { return m_status; }
+
+private:
+    test::TempDir m_install;
+    pid_t m_pid = 0;
+    bool m_exited = false;
+    int m_status = 0;
+};
+
+size_t occurrences(const std::string& text, const std::string& needle) {
+    size_t n = 0;
+    for (size_t at = 0; (at = text.find(needle, at)) != std::string::npos; at += needle.size()) ++n;
+    return n;
+}
+
+}  // namespace
+
 // The whole program, started as a user starts it, with the test page beside it.
 TEST(DesktopProgram, StartsOnThePageAndAnswersItsConfigurationRequest) {
     if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no display";
     test::IsolatedHome home;
-    test::TempDir install;
-    std::string program = install.path() + "/velko";
-    {
-        std::ifstream in(std::string(std::getenv("VELKO_BINARY_DIR")) + "/velko", std::ios::binary);
-        std::ofstream out(program, std::ios::binary);
-        out << in.rdbuf();
-    }
-    ASSERT_EQ(::chmod(program.c_str(), 0755), 0);
-    ASSERT_EQ(::symlink(sourcePath("tests/gui/resources").c_str(), (install.path() + "/resources").c_str()), 0);
-
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSID);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    char* argv[] = {program.data(), nullptr};
-    pid_t pid = 0;
-    ASSERT_EQ(posix_spawn(&pid, program.c_str(), &actions, &attr, argv, environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attr);
-
+    RunningProgram program(sourcePath("tests/gui/resources"));
+    ASSERT_TRUE(program.started());
     std::string logPath = home.cacheDir() + "/velko-webview.log";
-    auto count = [&](const std::string& needle) {
-        std::string log = test::readFile(logPath);
-        size_t n = 0;
-        for (size_t at = 0; (at = log.find(needle, at)) != std::string::npos; at += needle.size()) ++n;
-        return n;
-    };
     // The pending snapshot and the answer to the page's request.
-    auto deadline = Clock::now() + std::chrono::seconds(60);
-    int status = 0;
-    bool exited = false;
-    while (count("event app/config\n") < 2 && Clock::now() < deadline) {
-        if (::waitpid(pid, &status, WNOHANG) == pid) {
-            exited = true;
-            break;
-        }
-        ::usleep(50000);
-    }
-    EXPECT_FALSE(exited) << "velko exited with status " << status;
-    EXPECT_GE(count("event app/config\n"), 2u) << test::readFile(logPath);
-    if (!exited) {
-        ::kill(-pid, SIGTERM);
-        ::waitpid(pid, &status, 0);
-    }
-    EXPECT_TRUE(test::readFile(home.dataDir() + "/config.json").size() > 0);
+    EXPECT_TRUE(program.waitFor([&] { return occurrences(test::readFile(logPath), "event app/config\n") >= 2; }))
+        << "exited: " << program.hasExited() << " status " << program.status() << "\n"
+        << test::readFile(logPath);
+    // The first appearance read the (absent) file and saved an empty workspace.
+    EXPECT_NE(test::readFile(home.dataDir() + "/config.json").find("\"projects\":[]"), std::string::npos);
+    test::ScreenGrab grab;
+    EXPECT_TRUE(program.waitFor([&] {
+        grab = test::grabScreenToPng(outputPath("velko-program.png"));
+        return grab.ok && grab.contentPixels > 500;
+    }));
+    EXPECT_FALSE(program.hasExited());
+}
+
+TEST(DesktopProgram, ShowsTheFallbackPageWithoutABuiltPage) {
+    if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no display";
+    test::IsolatedHome home;
+    RunningProgram program(std::nullopt);
+    ASSERT_TRUE(program.started());
+    test::ScreenGrab grab;
+    EXPECT_TRUE(program.waitFor([&] {
+        grab = test::grabScreenToPng(outputPath("velko-program-fallback.png"));
+        return grab.ok && grab.contentPixels > 500;
+    })) << "content pixels: " << grab.contentPixels;
+    EXPECT_FALSE(program.hasExited());
 }

@@ -19,7 +19,7 @@ int shiftOf(unsigned long mask) {
 }
 }  // namespace
 
-ScreenGrab grabScreenToPng(const std::string& pngPath) {
+ScreenGrab grabScreenToPng(const std::string& pngPath, int fromRow) {
     ScreenGrab grab;
     Display* display = XOpenDisplay(nullptr);
     if (!display) return grab;
@@ -45,10 +45,8 @@ ScreenGrab grabScreenToPng(const std::string& pngPath) {
             uint32_t r = (pixel & image->red_mask) >> rs, g = (pixel & image->green_mask) >> gs,
                      b = (pixel & image->blue_mask) >> bs;
             row[x] = (r << 16) | (g << 8) | b;
-            // Only pixels inside the window's area count, and the black of an
-            // empty screen is not content.
             bool background = (r == 5 && g == 6 && b == 10) || (r == 0 && g == 0 && b == 0);
-            if (!background) ++grab.contentPixels;
+            if (!background && y >= fromRow) ++grab.contentPixels;
         }
     }
     cairo_surface_mark_dirty(surface);

@@ -7,10 +7,12 @@ namespace velko::test {
 struct ScreenGrab {
     bool ok = false;
     int width = 0, height = 0;
-    // Pixels that differ from the window background rgb(5,6,10): drawn content.
+    // Pixels below `fromRow` that differ from the window background
+    // rgb(5,6,10) and from the empty screen: drawn content.
     long contentPixels = 0;
 };
 
-ScreenGrab grabScreenToPng(const std::string& pngPath);
+// `fromRow` skips the menubar, so that only the page counts as content.
+ScreenGrab grabScreenToPng(const std::string& pngPath, int fromRow = 40);
 
 }  // namespace velko::test

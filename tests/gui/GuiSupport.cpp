@@ -1,0 +1,176 @@
+#include "GuiSupport.h"
+
+#include <X11/Xlib.h>
+#include <X11/extensions/XTest.h>
+#include <X11/XKBlib.h>
+#include <X11/keysym.h>
+#include <gtk/gtk.h>
+#include <webkit/webkit.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <vector>
+
+#include "core/Paths.h"
+
+extern char** environ;
+
+namespace velko::test {
+
+using Clock = std::chrono::steady_clock;
+
+std::string sourcePath(const std::string& relative) {
+    const char* source = std::getenv("VELKO_SOURCE_DIR");
+    return std::string(source ? source : ".") + "/" + relative;
+}
+
+std::string outputPath(const std::string& name) {
+    const char* binary = std::getenv("VELKO_BINARY_DIR");
+    std::string folder = std::string(binary ? binary : ".") + "/test-output";
+    createDirectories(folder);
+    return folder + "/" + name;
+}
+
+bool pumpUntil(const std::function<bool()>& done, std::chrono::seconds limit) {
+    auto deadline = Clock::now() + limit;
+    while (!done()) {
+        if (Clock::now() > deadline) return false;
+        g_main_context_iteration(nullptr, FALSE);
+        if (!g_main_context_pending(nullptr)) g_usleep(2000);
+    }
+    return true;
+}
+
+std::string evaluate(GtkWidget* view, const std::string& expression) {
+    struct Pending {
+        bool done = false;
+        std::string text;
+    } pending;
+    std::string script = "JSON.stringify(" + expression + ")";
+    webkit_web_view_evaluate_javascript(
+        WEBKIT_WEB_VIEW(view), script.c_str(), -1, nullptr, nullptr, nullptr,
+        +[](GObject* source, GAsyncResult* result, gpointer data) {
+            auto* p = static_cast<Pending*>(data);
+            GError* error = nullptr;
+            JSCValue* value = webkit_web_view_evaluate_javascript_finish(WEBKIT_WEB_VIEW(source), result, &error);
+            if (value) {
+                char* text = jsc_value_to_string(value);
+                p->text = text ? text : "";
+                g_free(text);
+                g_object_unref(value);
+            } else {
+                p->text = std::string("error: ") + (error ? error->message : "?");
+                if (error) g_error_free(error);
+            }
+            p->done = true;
+        },
+        &pending);
+    pumpUntil([&] { return pending.done; });
+    return pending.text;
+}
+
+namespace {
+
+// One connection of our own: the events reach the server and come back to
+// the program's connection as real device events.
+template <typename F>
+bool withXTest(F&& body) {
+    Display* display = XOpenDisplay(nullptr);
+    if (!display) return false;
+    int event = 0, error = 0, major = 0, minor = 0;
+    bool ok = XTestQueryExtension(display, &event, &error, &major, &minor);
+    if (ok) {
+        body(display);
+        XSync(display, False);
+    }
+    XCloseDisplay(display);
+    return ok;
+}
+
+}  // namespace
+
+bool moveRealPointer(int x, int y) {
+    return withXTest([&](Display* display) { XTestFakeMotionEvent(display, -1, x, y, CurrentTime); });
+}
+
+bool clickRealPointer(int x, int y) {
+    return withXTest([&](Display* display) {
+        XTestFakeMotionEvent(display, -1, x, y, CurrentTime);
+        XTestFakeButtonEvent(display, 1, True, CurrentTime);
+        XTestFakeButtonEvent(display, 1, False, CurrentTime);
+    });
+}
+
+bool pressRealChord(const std::vector<unsigned long>& keysyms) {
+    return withXTest([&](Display* display) {
+        for (unsigned long symbol : keysyms)
+            XTestFakeKeyEvent(display, XKeysymToKeycode(display, symbol), True, CurrentTime);
+        for (auto it = keysyms.rbegin(); it != keysyms.rend(); ++it)
+            XTestFakeKeyEvent(display, XKeysymToKeycode(display, *it), False, CurrentTime);
+    });
+}
+
+bool typeRealKeys(const std::string& text) {
+    return withXTest([&](Display* display) {
+        KeyCode shift = XKeysymToKeycode(display, XK_Shift_L);
+        for (char c : text) {
+            KeySym symbol = c == '\n' ? XK_Return : static_cast<KeySym>(static_cast<unsigned char>(c));
+            KeyCode code = XKeysymToKeycode(display, symbol);
+            if (code == 0) continue;
+            // Shifted when the key's first level is not the character.
+            bool shifted = XkbKeycodeToKeysym(display, code, 0, 0) != symbol;
+            if (shifted) XTestFakeKeyEvent(display, shift, True, CurrentTime);
+            XTestFakeKeyEvent(display, code, True, CurrentTime);
+            XTestFakeKeyEvent(display, code, False, CurrentTime);
+            if (shifted) XTestFakeKeyEvent(display, shift, False, CurrentTime);
+        }
+    });
+}
+
+IBusDaemon::IBusDaemon() {
+    std::vector<std::string> args = {"ibus-daemon", "--panel=disable", "--config=/usr/libexec/ibus-memconf",
+                                     "--emoji-extension=", "--replace"};
+    std::vector<char*> argv;
+    for (auto& arg : args) argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSID);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    pid_t pid = 0;
+    if (posix_spawnp(&pid, "ibus-daemon", &actions, &attr, argv.data(), environ) == 0) m_pid = pid;
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attr);
+}
+
+IBusDaemon::~IBusDaemon() {
+    if (m_pid <= 0) return;
+    ::kill(-m_pid, SIGTERM);
+    int status = 0;
+    ::waitpid(m_pid, &status, 0);
+    ::kill(-m_pid, SIGKILL);  // a helper that ignored the hang-up
+}
+
+bool haveIBus() {
+    const char* path = std::getenv("PATH");
+    std::string folders = path ? path : "/usr/bin:/bin";
+    for (size_t at = 0; at <= folders.size();) {
+        size_t end = folders.find(':', at);
+        std::string folder = folders.substr(at, end == std::string::npos ? std::string::npos : end - at);
+        if (::access((folder + "/ibus-daemon").c_str(), X_OK) == 0) return true;
+        if (end == std::string::npos) break;
+        at = end + 1;
+    }
+    return false;
+}
+
+}  // namespace velko::test

@@ -1,0 +1,75 @@
+// The input sources of a real IBus daemon, started for the test on the
+// virtual display with a private home: found through the address file it
+// writes, its engines read, switched, and followed when another client
+// switches them.
+#include <gtest/gtest.h>
+#include <glib.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "GuiSupport.h"
+#include "platform/IBusInputSources.h"
+#include "support/TestSupport.h"
+
+using namespace velko;
+
+TEST(IBusInputSources, FollowsTheRealDaemonsEngineAndDecidesTheKeysPath) {
+    if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no display";
+    if (!test::haveIBus()) GTEST_SKIP() << "ibus-daemon is not installed (scripts/deps.sh installs it)";
+    test::IsolatedHome home;
+    test::ScopedEnv config("XDG_CONFIG_HOME", home.home() + "/.config");
+    test::ScopedEnv settings("GSETTINGS_BACKEND", "memory");
+    ::unsetenv("IBUS_ADDRESS");
+
+    // No daemon: no service, every key takes the web path.
+    EXPECT_EQ(connectIBusInputSources(), nullptr);
+
+    test::IBusDaemon daemon;
+    ASSERT_TRUE(daemon.started());
+    std::shared_ptr<InputSourceServicing> sources;
+    ASSERT_TRUE(test::pumpUntil([&] { return (sources = connectIBusInputSources()) != nullptr; },
+                                std::chrono::seconds(20)))
+        << "no address file under " << home.home() << "/.config/ibus/bus";
+    ASSERT_TRUE(sources->isAvailable());
+
+    struct Case {
+        const char* engine;
+        bool asciiCapable;
+        bool letterGoesNative;
+    };
+    const Case cases[] = {
+        {"xkb:us::eng", true, true},
+        {"xkb:ru::rus", false, false},  // the layout must turn the key into its letter
+        {"xkb:jp::jpn", true, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.engine);
+        ASSERT_TRUE(sources->select(InputSourceInfo{c.engine, true, true, std::nullopt, std::nullopt, std::nullopt}));
+        // Read back from the daemon, not from what we asked for.
+        ASSERT_TRUE(test::pumpUntil([&] {
+            auto current = sources->currentSource();
+            return current && current->id == c.engine && current->isASCIICapable.has_value();
+        }, std::chrono::seconds(10)));
+        EXPECT_EQ(sources->currentSource()->isASCIICapable, std::optional<bool>(c.asciiCapable));
+        EXPECT_EQ(TerminalInputModeSwitcher::currentInputSourceRequiresComposition(*sources), !c.asciiCapable);
+    }
+
+    // Another client switches the engine: the cached one follows the daemon's signal.
+    std::string address;
+    for (const auto& entry : std::filesystem::directory_iterator(home.home() + "/.config/ibus/bus")) {
+        std::ifstream in(entry.path());
+        for (std::string line; std::getline(in, line);)
+            if (line.rfind("IBUS_ADDRESS=", 0) == 0) address = line.substr(13);
+    }
+    ASSERT_FALSE(address.empty());
+    std::string command = "gdbus call -a '" + address +
+                          "' -d org.freedesktop.IBus -o /org/freedesktop/IBus "
+                          "-m org.freedesktop.IBus.SetGlobalEngine xkb:gb::eng >/dev/null";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    EXPECT_TRUE(test::pumpUntil([&] {
+        auto current = sources->currentSource();
+        return current && current->id == "xkb:gb::eng";
+    }, std::chrono::seconds(10)));
+}

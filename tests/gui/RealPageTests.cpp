@@ -1,0 +1,218 @@
+// The real page (built from web/ into resources/web) in the real window, with
+// real input through the X server: a click on the page's "open project"
+// button, the folder picked, a login shell on a PTY in the new project, and
+// "echo hi" typed key by key until the shell's answer is on screen.
+#include <gtest/gtest.h>
+#include <gtk/gtk.h>
+#include <sys/wait.h>
+#include <webkit/webkit.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "GuiSupport.h"
+#include "ScreenGrab.h"
+#include "core/Json.h"
+#include "core/MainQueue.h"
+#include "core/Paths.h"
+#include "platform/DesktopWindow.h"
+#include "platform/IBusInputSources.h"
+#include "shell/VelkoApp.h"
+#include "shell/WebBridge.h"
+#include "shell/WebViewHosting.h"
+#include "support/TestSupport.h"
+
+using namespace velko;
+using test::evaluate;
+using test::pumpUntil;
+
+namespace {
+
+class ChosenFolders final : public FolderPicking {
+public:
+    explicit ChosenFolders(std::vector<std::string> folders) : m_folders(std::move(folders)) {}
+    void pickFolders(std::function<void(std::vector<std::string>)> completion) override {
+        ++shown;
+        completion(m_folders);
+    }
+    int shown = 0;
+
+private:
+    std::vector<std::string> m_folders;
+};
+
+bool run(const std::string& command) {
+    int status = std::system(command.c_str());
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// A small repository with one commit and one change, so that the explorer
+// and the git panel have something to show.
+void makeProject(const std::string& folder) {
+    createDirectories(folder + "/src");
+    ASSERT_TRUE(writeFileAtomically(folder + "/README.md", "# demo\n"));
+    ASSERT_TRUE(writeFileAtomically(folder + "/src/main.cpp", "int main() { return 0; }\n"));
+    std::string git = "git -C '" + folder + "' -c user.name=velko -c user.email=velko@example.invalid ";
+    ASSERT_TRUE(run(git + "init -q -b main && " + git + "add -A && " + git + "commit -q -m 'Start the demo'"));
+    ASSERT_TRUE(writeFileAtomically(folder + "/README.md", "# demo\n\nChanged.\n"));
+}
+
+// The centre of the element on the screen (the window sits at the origin of
+// the virtual display), or nullopt while it is not laid out.
+std::optional<std::pair<int, int>> screenCentre(GtkWidget* window, GtkWidget* view, const std::string& selector) {
+    auto box = parseJson(evaluate(view, "(() => { const r = document.querySelector('" + selector +
+                                            "')?.getBoundingClientRect(); "
+                                            "return r && r.width > 0 ? [r.x + r.width / 2, r.y + r.height / 2] : null; })()"));
+    if (!box || !box->is_array() || box->size() != 2) return std::nullopt;
+    graphene_point_t inView = GRAPHENE_POINT_INIT((*box)[0].get<float>(), (*box)[1].get<float>()), inWindow;
+    if (!gtk_widget_compute_point(view, window, &inView, &inWindow)) return std::nullopt;
+    // Undecorated under a bare X server: the window's surface is at (0, 0).
+    return std::make_pair(static_cast<int>(inWindow.x), static_cast<int>(inWindow.y));
+}
+
+}  // namespace
+
+namespace {
+
+// How the typed keys should travel: all through the page, or the printable
+// ones straight to the shell (IBus on an ASCII layout) and Return through the page.
+enum class KeyPath { Page, Native };
+
+void openProjectAndType(KeyPath path, const std::string& screenshot) {
+    if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no display";
+    std::string resources = test::sourcePath("resources");
+    if (!std::filesystem::is_regular_file(resources + "/web/index.html"))
+        GTEST_SKIP() << "the page is not built: scripts/build.sh builds it into resources/web";
+    if (path == KeyPath::Native && !test::haveIBus())
+        GTEST_SKIP() << "ibus-daemon is not installed (scripts/deps.sh installs it)";
+
+    test::IsolatedHome home;
+    test::ScopedEnv config("XDG_CONFIG_HOME", home.home() + "/.config");
+    test::ScopedEnv settings("GSETTINGS_BACKEND", "memory");
+    ::unsetenv("IBUS_ADDRESS");
+    std::string project = home.home() + "/demo-project";
+    makeProject(project);
+    if (::testing::Test::HasFatalFailure()) return;
+
+    std::optional<test::IBusDaemon> ibus;
+    std::shared_ptr<InputSourceServicing> sources;
+    if (path == KeyPath::Native) {
+        ibus.emplace();
+        ASSERT_TRUE(ibus->started());
+        ASSERT_TRUE(pumpUntil([&] { return (sources = connectIBusInputSources()) != nullptr; },
+                              std::chrono::seconds(20)));
+        ASSERT_TRUE(sources->select(InputSourceInfo{"xkb:us::eng", true, true, true, std::nullopt, std::nullopt}));
+    }
+
+    gtk_init();
+    setMainQueue(std::make_shared<GlibMainQueue>());
+    auto app = std::make_unique<VelkoApp>();
+    app->setInputSources(sources);
+    DesktopWindow::Options options;
+    options.resourceDirectory = resources;
+    auto window = DesktopWindow::create(*app, nullptr, options);
+    auto picker = std::make_shared<ChosenFolders>(std::vector<std::string>{project});
+    app->bridge().setFolderPicker(picker);
+    window->present();
+    GtkWidget* view = window->webView();
+
+    // Every way out ends the shells and the window before the home goes.
+    struct AtExit {
+        std::function<void()> run;
+        ~AtExit() { run(); }
+    } teardown{[&] {
+        bool done = false;
+        app->shutdown([&] { done = true; });
+        pumpUntil([&] { return done; }, std::chrono::seconds(15));
+        window.reset();
+        app.reset();
+        for (int i = 0; i < 200 && g_main_context_pending(nullptr); ++i) g_main_context_iteration(nullptr, FALSE);
+    }};
+
+    // The page is up and answered; the workspace starts empty.
+    ASSERT_TRUE(pumpUntil([&] { return evaluate(view, "!!window.__velkoDebug && !!document.querySelector('.add-project')") == "true"; }));
+
+    // A real click on the page's button opens the picker; the project opens.
+    std::optional<std::pair<int, int>> button;
+    ASSERT_TRUE(pumpUntil([&] { return (button = screenCentre(window->window(), view, ".add-project")).has_value(); }));
+    ASSERT_TRUE(test::clickRealPointer(button->first, button->second)) << "the X server has no XTest";
+    ASSERT_TRUE(pumpUntil([&] { return picker->shown == 1; }, std::chrono::seconds(20)));
+    ASSERT_TRUE(pumpUntil([&] {
+        return evaluate(view, "[...document.querySelectorAll('.project-tab .project-name')].map(e => e.textContent)") ==
+               "[\"demo-project\"]";
+    }));
+
+    // Its terminal runs a login shell on a PTY; the prompt is drawn.
+    std::string session;
+    ASSERT_TRUE(pumpUntil([&] {
+        auto id = parseJson(evaluate(view, "document.querySelector('.term-host:not([hidden])')?.dataset.session ?? ''"));
+        if (!id || !id->is_string() || id->get<std::string>().empty()) return false;
+        session = id->get<std::string>();
+        auto text = parseJson(evaluate(view, "window.__velkoDebug.terminalText('" + session + "') ?? ''"));
+        return text && text->is_string() && text->get<std::string>().find_first_not_of(" \n") != std::string::npos;
+    })) << "no prompt";
+
+    // Keys typed on the keyboard reach the shell; its answer comes back.
+    auto terminalLines = [&] {
+        auto text = parseJson(evaluate(view, "window.__velkoDebug.terminalText('" + session + "') ?? ''"));
+        return text && text->is_string() ? text->get<std::string>() : std::string();
+    };
+    auto answered = [&] {
+        std::string text = terminalLines();
+        // A line that is exactly "hi": the output, not the echoed command.
+        for (size_t at = 0; at < text.size();) {
+            size_t end = text.find('\n', at);
+            std::string line = text.substr(at, end == std::string::npos ? std::string::npos : end - at);
+            while (!line.empty() && line.back() == ' ') line.pop_back();
+            if (line == "hi") return true;
+            if (end == std::string::npos) break;
+            at = end + 1;
+        }
+        return false;
+    };
+    EXPECT_FALSE(answered());
+    gtk_widget_grab_focus(view);
+    evaluate(view, "window.__velkoDebug.terminal('" + session + "').focus()");
+    std::optional<std::pair<int, int>> pane;
+    ASSERT_TRUE(pumpUntil([&] { return (pane = screenCentre(window->window(), view, ".term-host:not([hidden])")).has_value(); }));
+    // Without a window manager the keyboard follows the pointer.
+    ASSERT_TRUE(test::moveRealPointer(pane->first, pane->second));
+    ASSERT_TRUE(pumpUntil([&] { return gtk_window_is_active(GTK_WINDOW(window->window())); }, std::chrono::seconds(10)));
+    // What the page's terminal sends on (the web path), recorded on the way.
+    evaluate(view, "(() => { const app = window.__velkoDebug.app, send = app.sendInput.bind(app); window.__sent = [];"
+                   " app.sendInput = (id, data, enc) => { window.__sent.push(data); send(id, data, enc); }; })()");
+    ASSERT_TRUE(test::typeRealKeys("echo hi\n"));
+    EXPECT_TRUE(pumpUntil(answered, std::chrono::seconds(30))) << terminalLines();
+    std::string sent = evaluate(view, "window.__sent.join('')");
+    if (path == KeyPath::Native)
+        EXPECT_EQ(sent, "\"\\r\"") << "only Return takes the page's path";
+    else
+        EXPECT_EQ(sent, "\"echo hi\\r\"");
+
+    // The explorer lists the project's files, the git panel its change.
+    EXPECT_TRUE(pumpUntil([&] { return evaluate(view, "document.body.innerText.includes('README.md')") == "true"; }));
+
+    // What is on screen is what the page has painted: wait for frames after the changes.
+    evaluate(view, "(window.__frames = 0, (function tick() { window.__frames++; requestAnimationFrame(tick); })(), 0)");
+    EXPECT_TRUE(pumpUntil([&] { return std::atoi(evaluate(view, "window.__frames").c_str()) >= 5; }))
+        << "the page paints no frames";
+    test::ScreenGrab grab;
+    EXPECT_TRUE(pumpUntil([&] {
+        grab = test::grabScreenToPng(test::outputPath(screenshot));
+        return grab.ok && grab.contentPixels > 5000;
+    }, std::chrono::seconds(20))) << "content pixels: " << grab.contentPixels << "\npage text: "
+                                   << evaluate(view, "document.body.innerText");
+}
+
+}  // namespace
+
+TEST(RealPage, OpensAProjectThroughThePickerAndRunsWhatIsTypedInItsShell) {
+    openProjectAndType(KeyPath::Page, "velko-real-page.png");
+}
+
+TEST(RealPage, PlainKeysGoStraightToTheShellWhenIBusNeedsNoComposition) {
+    openProjectAndType(KeyPath::Native, "velko-real-page-native-keys.png");
+}

@@ -1,0 +1,274 @@
+#include <gtest/gtest.h>
+
+#include <map>
+
+#include "core/Base64.h"
+#include "core/MainQueue.h"
+#include "shell/NativeTerminalInput.h"
+#include "support/TestSupport.h"
+#include "terminal/CodexShimInstaller.h"
+#include "terminal/TerminalService.h"
+#include "workspace/ConfigStore.h"
+
+using namespace velko;
+namespace Classifier = TerminalNativeInputClassifier;
+namespace Switcher = TerminalInputModeSwitcher;
+
+namespace {
+
+constexpr uint32_t kShift = kModifierShift, kCtrl = kModifierControl, kAlt = kModifierAlt,
+                   kSuper = kModifierSuper;
+const Uuid kSession = *Uuid::parse("0F0E0D0C-0000-4000-8000-00000000000A");
+
+class FakeSources final : public InputSourceServicing {
+public:
+    std::optional<InputSourceInfo> current, currentASCII, japanese;
+    std::optional<std::vector<InputSourceInfo>> all = std::vector<InputSourceInfo>{};
+    bool selectAnswers = true;
+    std::vector<std::string> selected;
+
+    std::optional<InputSourceInfo> currentSource() override { return current; }
+    std::optional<InputSourceInfo> currentASCIICapableSource() override { return currentASCII; }
+    std::optional<InputSourceInfo> sourceForLanguage(const std::string& language) override {
+        return language == "ja" ? japanese : std::nullopt;
+    }
+    std::optional<std::vector<InputSourceInfo>> keyboardSources() override { return all; }
+    bool select(const InputSourceInfo& source) override {
+        selected.push_back(source.id);
+        return selectAnswers;
+    }
+};
+
+class FakeTarget final : public NativeTerminalTarget {
+public:
+    std::optional<Uuid> active;
+    std::vector<std::pair<Uuid, std::string>> writes;
+    std::optional<Uuid> activeInputSessionID() const override { return active; }
+    void writeInput(const Uuid& id, const std::string& text) override { writes.emplace_back(id, text); }
+};
+
+InputSourceInfo layout(std::string id) {
+    return InputSourceInfo{std::move(id), true, true, true, std::nullopt, std::nullopt};
+}
+InputSourceInfo japaneseMethod(std::string id) {
+    return InputSourceInfo{std::move(id), true, true, false, kInputSourceTypeInputMode, kJapaneseInputModeID};
+}
+
+}  // namespace
+
+TEST(NativeTerminalInput, OnlyPlainPrintableASCIIGoesNative) {
+    struct Case {
+        const char* name;
+        std::optional<std::string> characters;
+        uint32_t modifiers;
+        std::optional<uint16_t> keyCode;
+        bool composing;
+        std::optional<std::string> expected;
+    };
+    const Case cases[] = {
+        {"letter", "a", 0, std::nullopt, false, "a"},
+        {"shifted letter", "A", kShift, std::nullopt, false, "A"},
+        {"space", " ", 0, std::nullopt, false, " "},
+        {"tilde", "~", kShift, std::nullopt, false, "~"},
+        {"delete", "\x7f", 0, std::nullopt, false, std::nullopt},
+        {"return", "\r", 0, std::nullopt, false, std::nullopt},
+        {"tab", "\t", 0, std::nullopt, false, std::nullopt},
+        {"escape", "\x1b", 0, std::nullopt, false, std::nullopt},
+        {"control-a", "a", kCtrl, std::nullopt, false, std::nullopt},
+        {"alt-a", "a", kAlt, std::nullopt, false, std::nullopt},
+        {"super-a", "a", kSuper, std::nullopt, false, std::nullopt},
+        {"e acute", "\xC3\xA9", 0, std::nullopt, false, std::nullopt},
+        {"family emoji", "\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9", 0, std::nullopt, false, std::nullopt},
+        {"two letters", "ab", 0, std::nullopt, false, std::nullopt},
+        {"no characters", std::nullopt, 0, std::nullopt, false, std::nullopt},
+        {"empty characters", "", 0, std::nullopt, false, std::nullopt},
+        {"composing source", "a", 0, std::nullopt, true, std::nullopt},
+        {"eisu key", "a", 0, MacKeyCode::kEisu, false, std::nullopt},
+        {"kana key", "a", 0, MacKeyCode::kKana, false, std::nullopt},
+        {"other key code", "=", 0, MacKeyCode::kEqual, false, "="},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(Classifier::printableASCIIText(c.characters, c.modifiers, c.keyCode, c.composing), c.expected);
+    }
+}
+
+TEST(NativeTerminalInput, CompositionFollowsASCIICapabilityThenTypeThenModeID) {
+    struct Case {
+        std::optional<bool> ascii;
+        std::optional<std::string> type;
+        std::optional<std::string> mode;
+        bool expected;
+    };
+    const Case cases[] = {
+        {true, kInputSourceTypeInputMode, "ja", false},
+        {false, std::nullopt, std::nullopt, true},
+        {std::nullopt, kInputSourceTypeInputMode, std::nullopt, true},
+        {std::nullopt, "layout", std::nullopt, false},
+        {std::nullopt, std::nullopt, "any.mode", true},
+        {std::nullopt, std::nullopt, std::nullopt, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.ascii.value_or(2) << " " << c.type.value_or("-") << " "
+                                        << c.mode.value_or("-"));
+        EXPECT_EQ(Switcher::requiresComposition(c.ascii, c.type, c.mode), c.expected);
+    }
+    FakeSources none;
+    EXPECT_FALSE(Switcher::currentInputSourceRequiresComposition(none));
+}
+
+TEST(NativeTerminalInput, SourcesForEachModeAreChosenInOrder) {
+    auto disabled = layout("disabled-us");
+    disabled.isEnabled = false;
+    auto unselectable = layout("unselectable-us");
+    unselectable.isSelectCapable = std::nullopt;
+    auto unknownEnabled = layout("de");
+    unknownEnabled.isEnabled = std::nullopt;
+    auto japaneseLayout = layout("jp-layout");
+    japaneseLayout.isASCIICapable = std::nullopt;
+
+    struct Case {
+        const char* name;
+        std::optional<InputSourceInfo> currentASCII, japanese;
+        std::optional<std::vector<InputSourceInfo>> all;
+        std::optional<std::string> ascii, japaneseChoice;
+    };
+    const Case cases[] = {
+        {"platform answers directly", layout("us"), japaneseMethod("mozc"), std::vector<InputSourceInfo>{}, "us",
+         "mozc"},
+        {"list order, disabled and unselectable skipped", unselectable, std::nullopt,
+         std::vector<InputSourceInfo>{disabled, unselectable, japaneseLayout, japaneseMethod("anthy"),
+                                      unknownEnabled, japaneseMethod("kkc")},
+         "de", "anthy"},
+        {"listing failed", std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt},
+        {"nothing fits", std::nullopt, std::nullopt, std::vector<InputSourceInfo>{japaneseLayout, disabled},
+         std::nullopt, std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        FakeSources sources;
+        sources.currentASCII = c.currentASCII;
+        sources.japanese = c.japanese;
+        sources.all = c.all;
+        auto ascii = Switcher::inputSource(InputMode::Ascii, sources);
+        auto japanese = Switcher::inputSource(InputMode::Japanese, sources);
+        EXPECT_EQ(ascii ? std::optional(ascii->id) : std::nullopt, c.ascii);
+        EXPECT_EQ(japanese ? std::optional(japanese->id) : std::nullopt, c.japaneseChoice);
+    }
+}
+
+TEST(NativeTerminalInput, KeysAreTakenOnlyForAFocusedTerminalWithASourceService) {
+    struct Case {
+        const char* name;
+        bool withService;
+        bool focused;
+        std::optional<InputSourceInfo> current;
+        KeyPress press;
+        bool selectAnswers;
+        bool consumed;
+        std::vector<std::string> written;
+        std::vector<std::string> selected;
+    };
+    const Case cases[] = {
+        {"letter to the focused terminal", true, true, layout("us"), {0x61, 0, "a"}, true, true, {"a"}, {}},
+        {"shifted letter", true, true, layout("us"), {0x41, kShift, "A"}, true, true, {"A"}, {}},
+        {"control letter", true, true, layout("us"), {0x61, kCtrl, "a"}, true, false, {}, {}},
+        {"no focused terminal", true, false, layout("us"), {0x61, 0, "a"}, true, false, {}, {}},
+        {"composing input method", true, true, japaneseMethod("mozc"), {0x61, 0, "a"}, true, false, {}, {}},
+        {"no input-source service", false, true, layout("us"), {0x61, 0, "a"}, true, false, {}, {}},
+        {"eisu selects the ascii source", true, true, japaneseMethod("mozc"), {Keyval::kEisuToggle, 0, ""},
+         true, true, {}, {"us"}},
+        {"kana selects the japanese source", true, true, layout("us"), {Keyval::kHiraganaKatakana, 0, ""}, true,
+         true, {}, {"mozc"}},
+        {"a refused switch is not consumed", true, true, layout("us"), {Keyval::kHenkanMode, 0, ""}, false,
+         false, {}, {"mozc"}},
+        {"eisu without focus", true, false, layout("us"), {Keyval::kMuhenkan, 0, ""}, true, false, {}, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto sources = std::make_shared<FakeSources>();
+        sources->current = c.current;
+        sources->currentASCII = layout("us");
+        sources->japanese = japaneseMethod("mozc");
+        sources->selectAnswers = c.selectAnswers;
+        auto target = std::make_shared<FakeTarget>();
+        if (c.focused) target->active = kSession;
+        NativeTerminalInput input(target, c.withService ? sources : nullptr);
+        EXPECT_EQ(input.handleNativeKeyDown(c.press), c.consumed);
+        std::vector<std::string> written;
+        for (const auto& [id, text] : target->writes) {
+            EXPECT_EQ(id, kSession);
+            written.push_back(text);
+        }
+        EXPECT_EQ(written, c.written);
+        EXPECT_EQ(sources->selected, c.selected);
+    }
+}
+
+// Through the command center into the real terminal service, with a recording
+// coordinator in place of the shells.
+namespace {
+
+class RecordingCoordinator final : public TerminalCoordinating {
+public:
+    std::vector<std::pair<Uuid, std::string>> writes;
+    void setDelegate(std::weak_ptr<TerminalCoordinatorDelegate>) override {}
+    void setEnvironmentOverrides(std::map<std::string, std::string>) override {}
+    void synchronize(const std::vector<CLISessionConfig>&) override {}
+    void startSession(const CLISessionConfig&) override {}
+    void terminateSession(const Uuid&) override {}
+    void terminateAll() override {}
+    void write(const Uuid& id, std::string_view data) override { writes.emplace_back(id, std::string(data)); }
+    void sendSignal(const Uuid&, int) override {}
+    void resize(const Uuid&, int, int) override {}
+    std::optional<std::pair<int, int>> dimensions(const Uuid&) const override { return std::nullopt; }
+    void updateDebugDump(bool) override {}
+    std::shared_ptr<TerminalDebugDumpStore> debugDumpStore() const override { return nullptr; }
+};
+
+}  // namespace
+
+TEST(NativeTerminalInput, TypedKeysReachTheSessionOrTellOnceThatTerminalsAreOff) {
+    for (bool enabled : {true, false}) {
+        SCOPED_TRACE(enabled ? "terminal.v2 on" : "terminal.v2 off");
+        test::IsolatedHome home;
+        auto queue = std::make_shared<ManualQueue>();
+        setMainQueue(queue);
+        // Loading the file always turns terminals on; before it is read they are off.
+        auto store = std::make_shared<ConfigStore>();
+        if (enabled) {
+            ASSERT_TRUE(store->bootstrap().ok());
+        }
+        auto coordinator = std::make_shared<RecordingCoordinator>();
+        auto service = TerminalService::create(store, coordinator, std::make_shared<CodexShimInstaller>());
+        auto events = std::make_shared<test::EventRecorder>();
+        service->setBridge(events);
+        queue->runUntilIdle();
+        ASSERT_EQ(service->isTerminalV2Enabled(), enabled);
+
+        auto commands = std::make_shared<InputCommandCenter>();
+        auto input = std::make_shared<NativeTerminalInput>(terminalServiceTarget(service),
+                                                           std::make_shared<FakeSources>());
+        commands->setNativeKeyHandler(input);
+        EXPECT_FALSE(commands->handleKeyDown({0x68, 0, "h"}));  // nothing focused yet
+        service->setInputFocus(kSession, true);
+        for (const char* key : {"h", "i", " "})
+            EXPECT_TRUE(commands->handleKeyDown({static_cast<uint32_t>(key[0]), 0, key}));
+        queue->runUntilIdle();
+
+        size_t notices = 0;
+        for (const auto& event : events->events())
+            if (event.type == "terminal/output" &&
+                base64Decode(event.payload.value("chunk", "")).value_or("").find("Terminal2") != std::string::npos)
+                ++notices;
+        if (enabled) {
+            EXPECT_EQ(coordinator->writes,
+                      (std::vector<std::pair<Uuid, std::string>>{{kSession, "h"}, {kSession, "i"}, {kSession, " "}}));
+            EXPECT_EQ(notices, 0u);
+        } else {
+            EXPECT_TRUE(coordinator->writes.empty());
+            EXPECT_EQ(notices, 1u);
+        }
+        service->shutdown();
+    }
+}
