@@ -28,17 +28,6 @@ namespace {
 
 const Logger kLog("app.velko", "app");
 
-// `--pick-folder DIR` (repeatable) answers the folder picker with these
-// folders instead of showing it, for scripted runs; as in the headless host.
-class FixedFolderPicker final : public FolderPicking {
-public:
-    explicit FixedFolderPicker(std::vector<std::string> folders) : m_folders(std::move(folders)) {}
-    void pickFolders(std::function<void(std::vector<std::string>)> completion) override { completion(m_folders); }
-
-private:
-    std::vector<std::string> m_folders;
-};
-
 struct DesktopState {
     GtkApplication* application = nullptr;
     std::vector<std::string> pickFolders;
@@ -144,7 +133,7 @@ void showWindow(GtkApplication* application, DesktopState* state) {
     if (!state->window) {
         state->window = DesktopWindow::create(*state->app, application, {});
         if (!state->pickFolders.empty())
-            state->app->bridge().setFolderPicker(std::make_shared<FixedFolderPicker>(state->pickFolders));
+            state->app->bridge().setFolderPicker(makeFixedFolderPicker(state->pickFolders));
         // Closing the one window ends the program.
         g_signal_connect(state->window->window(), "close-request",
                          G_CALLBACK(+[](GtkWindow*, gpointer data) -> gboolean {

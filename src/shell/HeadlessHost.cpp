@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
@@ -53,26 +52,6 @@ private:
     bool m_broken = false;
 };
 
-class FixedFolderPicker final : public FolderPicking {
-public:
-    explicit FixedFolderPicker(std::vector<std::string> folders) : m_folders(std::move(folders)) {}
-    void pickFolders(std::function<void(std::vector<std::string>)> completion) override {
-        std::vector<std::string> absolute;
-        for (const auto& folder : m_folders) {
-            if (!folder.empty() && folder[0] == '/') {
-                absolute.push_back(folder);
-            } else {
-                char cwd[PATH_MAX];
-                if (getcwd(cwd, sizeof cwd)) absolute.push_back(std::string(cwd) + "/" + folder);
-            }
-        }
-        completion(std::move(absolute));
-    }
-
-private:
-    std::vector<std::string> m_folders;
-};
-
 }  // namespace
 
 bool parseHeadlessArguments(const std::vector<std::string>& args, HeadlessOptions& options, std::string& error) {
@@ -101,7 +80,7 @@ int runHeadless(const HeadlessOptions& options) {
 
     auto app = std::make_unique<VelkoApp>();
     auto webView = std::make_shared<StdoutWebView>();
-    app->bridge().setFolderPicker(std::make_shared<FixedFolderPicker>(options.pickFolders));
+    app->bridge().setFolderPicker(makeFixedFolderPicker(options.pickFolders));
     app->bridge().setWebView(webView);
     app->bridge().notifyWebViewDidFinishNavigation();
     app->contentDidAppear();

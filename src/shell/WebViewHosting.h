@@ -4,6 +4,7 @@
 // and the folder picker. Both are used on the main thread only.
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -23,5 +24,10 @@ public:
     // absolute paths, or an empty list when the user cancelled.
     virtual void pickFolders(std::function<void(std::vector<std::string>)> completion) = 0;
 };
+
+// A picker that answers every request with the same folders, for scripted runs
+// (`--pick-folder DIR`); relative folders are taken against the working
+// directory at the time of the request.
+std::shared_ptr<FolderPicking> makeFixedFolderPicker(std::vector<std::string> folders);
 
 }  // namespace velko
