@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "core/Utf8.h"
+
 namespace velko {
 
 size_t jsonNestingDepth(std::string_view text) {
@@ -37,12 +39,95 @@ std::optional<Json> parseJson(std::string_view text, size_t maxDepth) {
     return value;
 }
 
+namespace {
+
+// The library's serializer decodes every byte of every string; file contents
+// and diffs make strings of megabytes, nearly all plain text. Valid UTF-8 is
+// escaped here a run at a time, byte for byte as the library writes it; text
+// with invalid sequences, numbers and the rest still go through the library.
+void appendEscapedString(std::string_view text, std::string& out) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    out.push_back('"');
+    size_t start = 0;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        if (c >= 0x20 && c != '"' && c != '\\') continue;
+        out.append(text.data() + start, i - start);
+        start = i + 1;
+        switch (c) {
+            case '"': out.append("\\\""); break;
+            case '\\': out.append("\\\\"); break;
+            case '\b': out.append("\\b"); break;
+            case '\t': out.append("\\t"); break;
+            case '\n': out.append("\\n"); break;
+            case '\f': out.append("\\f"); break;
+            case '\r': out.append("\\r"); break;
+            default:
+                out.append("\\u00");
+                out.push_back(kHex[c >> 4]);
+                out.push_back(kHex[c & 0xF]);
+        }
+    }
+    out.append(text.data() + start, text.size() - start);
+    out.push_back('"');
+}
+
+template <typename J>
+void appendString(const std::string& text, std::string& out) {
+    if (isValidUtf8(text)) {
+        appendEscapedString(text, out);
+    } else {
+        out.append(J(text).dump(-1, ' ', false, J::error_handler_t::replace));
+    }
+}
+
+template <typename J>
+void appendJson(const J& value, std::string& out) {
+    switch (value.type()) {
+        case nlohmann::json::value_t::string:
+            appendString<J>(value.template get_ref<const std::string&>(), out);
+            return;
+        case nlohmann::json::value_t::object: {
+            out.push_back('{');
+            bool first = true;
+            for (auto it = value.begin(); it != value.end(); ++it) {
+                if (!first) out.push_back(',');
+                first = false;
+                appendString<J>(it.key(), out);
+                out.push_back(':');
+                appendJson(it.value(), out);
+            }
+            out.push_back('}');
+            return;
+        }
+        case nlohmann::json::value_t::array: {
+            out.push_back('[');
+            bool first = true;
+            for (const auto& element : value) {
+                if (!first) out.push_back(',');
+                first = false;
+                appendJson(element, out);
+            }
+            out.push_back(']');
+            return;
+        }
+        default:
+            out.append(value.dump(-1, ' ', false, J::error_handler_t::replace));
+    }
+}
+
+}  // namespace
+
 std::string dumpJson(const OrderedJson& value) {
-    return value.dump(-1, ' ', false, OrderedJson::error_handler_t::replace);
+    std::string out;
+    appendJson(value, out);
+    return out;
 }
 
 std::string dumpJson(const Json& value) {
-    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+    std::string out;
+    appendJson(value, out);
+    return out;
 }
 
 namespace json {

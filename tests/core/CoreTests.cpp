@@ -121,6 +121,33 @@ TEST(Json, DumpReplacesInvalidUtf8InsteadOfFailing) {
     EXPECT_EQ(dumpJson(value), "{\"name\":\"a\xEF\xBF\xBD" "b\"}");
 }
 
+TEST(Json, DumpWritesWhatTheLibraryWritesByteForByte) {
+    // Every byte below 0x20, the two escaped printables, DEL and multi-byte text.
+    std::string controls;
+    for (int c = 0; c < 0x20; ++c) controls.push_back(static_cast<char>(c));
+    const std::string strings[] = {
+        "",
+        "plain text",
+        controls,
+        "quote \" backslash \\ slash / apostrophe ' del \x7f",
+        "日本語 é 😀 \xE2\x80\xA8 \xE2\x80\xA9",
+        std::string("nul\0inside", 11),
+        "truncated \xE6\x97",           // invalid: the library's replacement rules apply
+        "overlong \xC0\xAF, surrogate \xED\xA0\x80",
+        std::string(70000, 'a') + "\n" + std::string(3, '"'),
+    };
+    for (const auto& text : strings) {
+        SCOPED_TRACE(testing::PrintToString(text.substr(0, 40)));
+        for (const OrderedJson& value : {OrderedJson(text), OrderedJson{{text, text}},
+                                         OrderedJson{{"list", {text, 1, -2.5, true, nullptr, OrderedJson::object()}},
+                                                     {"nested", {{"k", OrderedJson::array()}, {"n", 1e300}}}}}) {
+            EXPECT_EQ(dumpJson(value), value.dump(-1, ' ', false, OrderedJson::error_handler_t::replace));
+            Json unordered = Json::parse(value.dump(-1, ' ', false, OrderedJson::error_handler_t::replace));
+            EXPECT_EQ(dumpJson(unordered), unordered.dump(-1, ' ', false, Json::error_handler_t::replace));
+        }
+    }
+}
+
 TEST(Base64, EncodesAndDecodesRfc4648Vectors) {
     const std::pair<std::string, std::string> vectors[] = {
         {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="},
