@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
 # Builds the web page (when its sources exist) and the program into build/.
+# Arguments name the targets to build (default: everything, tests included).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -10,4 +11,4 @@ fi
 werror=OFF
 [ "${CI:-}" = "true" ] && werror=ON
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVELKO_WERROR=$werror >/dev/null
-cmake --build build -j2
+cmake --build build -j2 ${1:+--target "$@"}
