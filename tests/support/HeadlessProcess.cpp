@@ -52,6 +52,10 @@ HeadlessProcess::~HeadlessProcess() {
 
 void HeadlessProcess::send(const std::string& line) { sendRaw(line + "\n"); }
 
+void HeadlessProcess::send(const std::string& type, const OrderedJson& payload) {
+    send(dumpJson(OrderedJson{{"type", type}, {"payload", payload}}));
+}
+
 void HeadlessProcess::sendRaw(const std::string& bytes) {
     size_t done = 0;
     while (done < bytes.size() && m_in >= 0) {

@@ -22,15 +22,17 @@ public:
     ~HeadlessProcess();  // closes input, waits a little, then kills
 
     void send(const std::string& line);
+    // One message of `type` with `payload`, as the page posts it.
+    void send(const std::string& type, const OrderedJson& payload);
     void sendRaw(const std::string& bytes);
     void closeInput();
 
     // Reads events until `predicate` accepts one or `timeout` passes; every
     // event read is kept in events().
     std::optional<Json> waitFor(const std::function<bool(const Json&)>& predicate,
-                                std::chrono::milliseconds timeout = std::chrono::seconds(10));
+                                std::chrono::milliseconds timeout = std::chrono::seconds(15));
     std::optional<Json> waitForType(const std::string& type,
-                                    std::chrono::milliseconds timeout = std::chrono::seconds(10));
+                                    std::chrono::milliseconds timeout = std::chrono::seconds(15));
     // Closes input and collects everything until the program exits. Returns its exit code (-1 on timeout).
     int finish(std::chrono::milliseconds timeout = std::chrono::seconds(15));
 
