@@ -2,13 +2,11 @@
 // mode, a project picked from a temporary folder, real files and inotify.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -16,9 +14,8 @@
 
 #include "core/Json.h"
 #include "core/Uuid.h"
+#include "support/HeadlessProcess.h"
 #include "support/TestSupport.h"
-
-extern char** environ;
 
 using namespace velko;
 using namespace std::chrono_literals;
@@ -28,130 +25,25 @@ namespace {
 
 constexpr auto kDeadline = 15s;
 
-// velko --headless with its standard input and output on pipes.
-class HeadlessVelko {
-public:
-    explicit HeadlessVelko(const std::string& pickFolder) {
-        const char* binaryDir = std::getenv("VELKO_BINARY_DIR");
-        std::string program = std::string(binaryDir ? binaryDir : ".") + "/velko";
-        int in[2], out[2];
-        if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        std::vector<std::string> args{program, "--headless", "--pick-folder", pickFolder};
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        if (posix_spawn(&m_pid, program.c_str(), &actions, nullptr, argv.data(), environ) != 0) m_pid = -1;
-        posix_spawn_file_actions_destroy(&actions);
-        close(in[0]);
-        close(out[1]);
-        m_stdin = in[1];
-        m_stdout = out[0];
-    }
-    ~HeadlessVelko() {
-        closeInput();
-        if (m_pid > 0 && !m_exited) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-        }
-        if (m_stdout >= 0) close(m_stdout);
-    }
-    bool running() const { return m_pid > 0; }
+// The payload of the first event of `type` not yet taken; events of other
+// types stay for later.
+std::optional<Json> next(test::HeadlessProcess& velko, const std::string& type) {
+    auto event = velko.take([&](const Json& e) { return e.value("type", "") == type; }, kDeadline);
+    if (!event) return std::nullopt;
+    return (*event)["payload"];
+}
 
-    void send(const Json& message) {
-        std::string line = message.dump() + "\n";
-        ASSERT_EQ(write(m_stdin, line.data(), line.size()), static_cast<ssize_t>(line.size()));
-    }
-    void closeInput() {
-        if (m_stdin >= 0) close(m_stdin);
-        m_stdin = -1;
-    }
-
-    // The next event of `type` (earlier events of other types are kept for later).
-    std::optional<Json> next(const std::string& type) {
-        auto deadline = std::chrono::steady_clock::now() + kDeadline;
-        for (;;) {
-            for (auto it = m_events.begin(); it != m_events.end(); ++it) {
-                if ((*it)["type"] == type) {
-                    Json event = *it;
-                    m_events.erase(it);
-                    return event["payload"];
-                }
-            }
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-            if (left.count() <= 0 || !readMore(static_cast<int>(left.count()))) return std::nullopt;
-        }
-    }
-
-    // The next event of any of `types`, in the order the program wrote them.
-    std::optional<Json> nextOf(const std::vector<std::string>& types) {
-        auto deadline = std::chrono::steady_clock::now() + kDeadline;
-        for (;;) {
-            for (auto it = m_events.begin(); it != m_events.end(); ++it) {
-                if (std::find(types.begin(), types.end(), (*it)["type"]) != types.end()) {
-                    Json event = *it;
-                    m_events.erase(it);
-                    return event;
-                }
-            }
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-            if (left.count() <= 0 || !readMore(static_cast<int>(left.count()))) return std::nullopt;
-        }
-    }
-
-    void killHard() {
-        if (m_pid <= 0 || m_exited) return;
-        kill(m_pid, SIGKILL);
-        waitpid(m_pid, nullptr, 0);
-        m_exited = true;
-    }
-
-    // Polls for the exit with a deadline; the exit status, or -1.
-    int waitForExit() {
-        auto deadline = std::chrono::steady_clock::now() + kDeadline;
-        while (std::chrono::steady_clock::now() < deadline) {
-            int status = 0;
-            if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
-                m_exited = true;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-            }
-            readMore(50);  // keep draining so the program never blocks on its output
-        }
-        return -1;
-    }
-
-private:
-    bool readMore(int timeoutMs) {
-        pollfd fd{m_stdout, POLLIN, 0};
-        if (poll(&fd, 1, timeoutMs) <= 0) return false;
-        char buffer[65536];
-        ssize_t n = read(m_stdout, buffer, sizeof buffer);
-        if (n <= 0) return false;
-        m_buffer.append(buffer, static_cast<size_t>(n));
-        size_t newline;
-        while ((newline = m_buffer.find('\n')) != std::string::npos) {
-            if (auto event = parseJson(std::string_view(m_buffer).substr(0, newline))) m_events.push_back(*event);
-            m_buffer.erase(0, newline + 1);
-        }
-        return true;
-    }
-
-    pid_t m_pid = -1;
-    int m_stdin = -1;
-    int m_stdout = -1;
-    bool m_exited = false;
-    std::string m_buffer;
-    std::vector<Json> m_events;
-};
+// The first event of any of `types` not yet taken, in the order the program wrote them.
+std::optional<Json> nextOf(test::HeadlessProcess& velko, const std::vector<std::string>& types) {
+    return velko.take(
+        [&](const Json& e) { return std::find(types.begin(), types.end(), e.value("type", "")) != types.end(); },
+        kDeadline);
+}
 
 // Opens the picked folder as a project and returns its id.
-std::string openPickedProject(HeadlessVelko& velko) {
-    velko.send({{"type", "project/open"}});
-    auto activated = velko.next("project/activate");
+std::string openPickedProject(test::HeadlessProcess& velko) {
+    velko.send("project/open", OrderedJson::object());
+    auto activated = next(velko, "project/activate");
     if (!activated) return {};
     return (*activated)["id"].get<std::string>();
 }
@@ -174,16 +66,15 @@ TEST(FilesHeadless, APickedProjectListsOpensSavesRenamesAndReportsChanges) {
     project.write("logo.png", "\x89PNG");
     ASSERT_EQ(mkfifo(project.file("pipe").c_str(), 0600), 0);
 
-    HeadlessVelko velko(project.path());
-    ASSERT_TRUE(velko.running());
-    velko.send({{"type", "project/open"}});
-    auto activated = velko.next("project/activate");
+    test::HeadlessProcess velko({"--pick-folder", project.path()});
+    velko.send("project/open", OrderedJson::object());
+    auto activated = next(velko, "project/activate");
     ASSERT_TRUE(activated);
     std::string id = (*activated)["id"];
 
-    velko.send({{"type", "project/explorer/directories/request"},
-                {"payload", {{"projectId", id}, {"paths", {"", "src", "", 7, "../x", ".git"}}, {"requestId", "r1"}}}});
-    auto listing = velko.next("project/explorer/directories");
+    velko.send("project/explorer/directories/request",
+               {{"projectId", id}, {"paths", {"", "src", "", 7, "../x", ".git"}}, {"requestId", "r1"}});
+    auto listing = next(velko, "project/explorer/directories");
     ASSERT_TRUE(listing);
     EXPECT_EQ((*listing)["requestId"], "r1");
     ASSERT_EQ((*listing)["directories"].size(), 4u);  // duplicates and non-text dropped
@@ -194,47 +85,45 @@ TEST(FilesHeadless, APickedProjectListsOpensSavesRenamesAndReportsChanges) {
     EXPECT_EQ((*listing)["directories"][3]["error"], "excluded");
 
     // Malformed requests get no answer: the next answer is the valid request's.
-    velko.send({{"type", "project/file/open"}, {"payload", {{"projectId", id}, {"path", 42}}}});
-    velko.send({{"type", "project/file/open"}, {"payload", {{"projectId", "not-a-uuid"}, {"path", "a.txt"}}}});
-    velko.send({{"type", "project/file/open"}, {"payload", {{"projectId", id}, {"path", "pipe"}}}});
-    auto pipeError = velko.next("project/file/error");
+    velko.send("project/file/open", {{"projectId", id}, {"path", 42}});
+    velko.send("project/file/open", {{"projectId", "not-a-uuid"}, {"path", "a.txt"}});
+    velko.send("project/file/open", {{"projectId", id}, {"path", "pipe"}});
+    auto pipeError = next(velko, "project/file/error");
     ASSERT_TRUE(pipeError);
     EXPECT_EQ((*pipeError)["path"], "pipe");
     EXPECT_EQ((*pipeError)["message"], "ファイルをテキストとして読み込めませんでした");
     EXPECT_FALSE(pipeError->contains("code"));
 
-    velko.send({{"type", "project/file/open"}, {"payload", {{"projectId", id}, {"path", "a.txt"}}}});
-    auto content = velko.next("project/file/content");
+    velko.send("project/file/open", {{"projectId", id}, {"path", "a.txt"}});
+    auto content = next(velko, "project/file/content");
     ASSERT_TRUE(content);
     EXPECT_EQ(content->dump(), Json({{"projectId", id}, {"path", "a.txt"}, {"content", "hello\n"}}).dump());
 
-    velko.send({{"type", "project/file/open"}, {"payload", {{"projectId", id}, {"path", "logo.png"}}}});
-    auto image = velko.next("project/file/content");
+    velko.send("project/file/open", {{"projectId", id}, {"path", "logo.png"}});
+    auto image = next(velko, "project/file/content");
     ASSERT_TRUE(image);
     EXPECT_EQ((*image)["content"], "iVBORw==");
     EXPECT_EQ((*image)["encoding"], "base64");
     EXPECT_EQ((*image)["mimeType"], "image/png");
 
-    velko.send({{"type", "project/file/save"},
-                {"payload", {{"projectId", id}, {"path", "a.txt"}, {"content", "saved 保存\n"}}}});
-    ASSERT_TRUE(velko.next("project/file/saved"));
+    velko.send("project/file/save", {{"projectId", id}, {"path", "a.txt"}, {"content", "saved 保存\n"}});
+    ASSERT_TRUE(next(velko, "project/file/saved"));
     EXPECT_EQ(test::readFile(project.file("a.txt")), "saved 保存\n");
 
-    velko.send({{"type", "project/file/rename"},
-                {"payload", {{"projectId", id}, {"path", "a.txt"}, {"nextPath", "A.txt"}, {"entityType", "folder"}}}});
-    auto renamed = velko.next("project/file/renamed");
+    velko.send("project/file/rename",
+               {{"projectId", id}, {"path", "a.txt"}, {"nextPath", "A.txt"}, {"entityType", "folder"}});
+    auto renamed = next(velko, "project/file/renamed");
     ASSERT_TRUE(renamed);
     EXPECT_EQ(renamed->dump(),
               Json({{"projectId", id}, {"path", "a.txt"}, {"nextPath", "A.txt"}, {"entityType", "file"}}).dump());
     EXPECT_TRUE(fs::exists(project.file("A.txt")));
     EXPECT_FALSE(fs::exists(project.file("a.txt")));
-    auto immediate = velko.next("project/explorer/changed");
+    auto immediate = next(velko, "project/explorer/changed");
     ASSERT_TRUE(immediate);
     EXPECT_EQ((*immediate)["directoryPaths"], Json::array({""}));
 
-    velko.send({{"type", "project/file/rename"},
-                {"payload", {{"projectId", id}, {"path", "A.txt"}, {"nextPath", "src/A.txt"}}}});
-    auto refused = velko.next("project/file/error");
+    velko.send("project/file/rename", {{"projectId", id}, {"path", "A.txt"}, {"nextPath", "src/A.txt"}});
+    auto refused = next(velko, "project/file/error");
     ASSERT_TRUE(refused);
     EXPECT_EQ((*refused)["code"], "rename_invalid_destination");
 
@@ -242,8 +131,8 @@ TEST(FilesHeadless, APickedProjectListsOpensSavesRenamesAndReportsChanges) {
     fs::create_directories(project.file("big"));
     std::ofstream(project.file("big/soft.bin")).close();
     fs::resize_file(project.file("big/soft.bin"), 31457281);
-    velko.send({{"type", "project/file/open"}, {"payload", {{"projectId", id}, {"path", "big/soft.bin"}}}});
-    auto confirm = velko.next("project/file/confirm");
+    velko.send("project/file/open", {{"projectId", id}, {"path", "big/soft.bin"}});
+    auto confirm = next(velko, "project/file/confirm");
     ASSERT_TRUE(confirm);
     EXPECT_EQ(confirm->dump(), Json({{"projectId", id},
                                      {"path", "big/soft.bin"},
@@ -252,9 +141,8 @@ TEST(FilesHeadless, APickedProjectListsOpensSavesRenamesAndReportsChanges) {
                                      {"hardLimitBytes", 314572800}})
                                    .dump());
     fs::resize_file(project.file("big/soft.bin"), 314572801);
-    velko.send({{"type", "project/file/open"},
-                {"payload", {{"projectId", id}, {"path", "big/soft.bin"}, {"allowLargeFile", true}}}});
-    auto tooLarge = velko.next("project/file/error");
+    velko.send("project/file/open", {{"projectId", id}, {"path", "big/soft.bin"}, {"allowLargeFile", true}});
+    auto tooLarge = next(velko, "project/file/error");
     ASSERT_TRUE(tooLarge);
     EXPECT_EQ((*tooLarge)["message"], "このファイルは約 300MB あり、上限の 300MB を超えているため開けません。"
                                       "サイズを削減するか、外部エディタをご利用ください。");
@@ -262,8 +150,8 @@ TEST(FilesHeadless, APickedProjectListsOpensSavesRenamesAndReportsChanges) {
     // At most 512 distinct paths are answered, and a request id is made up when none came.
     Json many = Json::array();
     for (int i = 0; i < 600; ++i) many.push_back("missing" + std::to_string(i));
-    velko.send({{"type", "project/explorer/directories/request"}, {"payload", {{"projectId", id}, {"paths", many}}}});
-    auto capped = velko.next("project/explorer/directories");
+    velko.send("project/explorer/directories/request", {{"projectId", id}, {"paths", many}});
+    auto capped = next(velko, "project/explorer/directories");
     ASSERT_TRUE(capped);
     EXPECT_EQ((*capped)["directories"].size(), 512u);
     EXPECT_EQ((*capped)["directories"][511]["path"], "missing511");
@@ -272,7 +160,7 @@ TEST(FilesHeadless, APickedProjectListsOpensSavesRenamesAndReportsChanges) {
     // Monitoring: a file touched in the project shows up as a stale folder.
     std::ofstream(project.file("src/new.txt")) << "new";
     std::optional<Json> changed;
-    while ((changed = velko.next("project/explorer/changed"))) {
+    while ((changed = next(velko, "project/explorer/changed"))) {
         const auto& paths = (*changed)["directoryPaths"];
         if (std::find(paths.begin(), paths.end(), Json("src")) != paths.end()) break;
     }
@@ -280,14 +168,13 @@ TEST(FilesHeadless, APickedProjectListsOpensSavesRenamesAndReportsChanges) {
     EXPECT_EQ((*changed)["projectId"], id);
     EXPECT_EQ((*changed)["requiresResync"], false);
 
-    velko.send({{"type", "project/file/open"},
-                {"payload", {{"projectId", "00000000-0000-4000-8000-000000000000"}, {"path", "a.txt"}}}});
-    auto unknown = velko.next("project/file/error");
+    velko.send("project/file/open", {{"projectId", "00000000-0000-4000-8000-000000000000"}, {"path", "a.txt"}});
+    auto unknown = next(velko, "project/file/error");
     ASSERT_TRUE(unknown);
     EXPECT_EQ((*unknown)["message"], "プロジェクトのルートが見つかりませんでした");
 
     velko.closeInput();
-    EXPECT_EQ(velko.waitForExit(), 0);
+    EXPECT_EQ(velko.finish(), 0);
 }
 
 TEST(FilesHeadless, AKilledSaveLeavesTheOldOrTheNewContentNeverAPartOfIt) {
@@ -295,14 +182,13 @@ TEST(FilesHeadless, AKilledSaveLeavesTheOldOrTheNewContentNeverAPartOfIt) {
     test::TempDir project;
     const std::string oldContent = "the old content\n";
     project.write("big.txt", oldContent);
-    HeadlessVelko velko(project.path());
-    ASSERT_TRUE(velko.running());
+    test::HeadlessProcess velko({"--pick-folder", project.path()});
     std::string id = openPickedProject(velko);
     ASSERT_FALSE(id.empty());
 
     // Large enough that writing and syncing it takes a while.
     const std::string newContent(16 << 20, 'n');
-    velko.send({{"type", "project/file/save"}, {"payload", {{"projectId", id}, {"path", "big.txt"}, {"content", newContent}}}});
+    velko.send("project/file/save", {{"projectId", id}, {"path", "big.txt"}, {"content", newContent}});
     // Kill the program as soon as the save shows on disk: a temporary file
     // beside the target, or the target itself changing.
     auto deadline = std::chrono::steady_clock::now() + kDeadline;
@@ -314,7 +200,8 @@ TEST(FilesHeadless, AKilledSaveLeavesTheOldOrTheNewContentNeverAPartOfIt) {
             if (name != "big.txt" || fs::file_size(entry.path(), error) != oldContent.size()) sawSave = true;
         }
     }
-    velko.killHard();
+    kill(velko.pid(), SIGKILL);
+    velko.finish();  // reaps it: nothing writes after this
     EXPECT_TRUE(sawSave);
     std::string onDisk = test::readFile(project.file("big.txt"));
     EXPECT_TRUE(onDisk == oldContent || onDisk == newContent) << "size after the kill: " << onDisk.size();
@@ -330,24 +217,22 @@ TEST(FilesHeadless, AHugeFolderListsCompletelyWhileTheMainThreadKeepsAnswering) 
         ASSERT_GE(fd, 0);
         close(fd);
     }
-    HeadlessVelko velko(project.path());
-    ASSERT_TRUE(velko.running());
+    test::HeadlessProcess velko({"--pick-folder", project.path()});
     std::string id = openPickedProject(velko);
     ASSERT_FALSE(id.empty());
 
-    velko.send({{"type", "project/explorer/directories/request"}, {"payload", {{"projectId", id}, {"paths", {"huge"}}}}});
+    velko.send("project/explorer/directories/request", {{"projectId", id}, {"paths", {"huge"}}});
     // Answered on the main thread alone: it must not wait behind the listing.
-    velko.send({{"type", "project/file/open"},
-                {"payload", {{"projectId", "00000000-0000-4000-8000-000000000000"}, {"path", "a.txt"}}}});
-    auto first = velko.nextOf({"project/explorer/directories", "project/file/error"});
+    velko.send("project/file/open", {{"projectId", "00000000-0000-4000-8000-000000000000"}, {"path", "a.txt"}});
+    auto first = nextOf(velko, {"project/explorer/directories", "project/file/error"});
     ASSERT_TRUE(first);
     EXPECT_EQ((*first)["type"], "project/file/error");
-    auto listing = velko.next("project/explorer/directories");
+    auto listing = next(velko, "project/explorer/directories");
     ASSERT_TRUE(listing);
     const auto& nodes = (*listing)["directories"][0]["nodes"];
     ASSERT_EQ(nodes.size(), static_cast<size_t>(kEntries));
     EXPECT_EQ(nodes[0]["path"], "huge/sub");
     EXPECT_EQ(nodes[0]["type"], "folder");
     velko.closeInput();
-    EXPECT_EQ(velko.waitForExit(), 0);
+    EXPECT_EQ(velko.finish(), 0);
 }

@@ -73,7 +73,8 @@ TEST(GitHeadless, GitPanelMessagesThroughTheProgram) {
     std::optional<HeadlessProcess> program;
     {
         std::vector<std::unique_ptr<ScopedEnv>> scoped;
-        for (const auto& [key, value] : programEnv) scoped.push_back(std::make_unique<ScopedEnv>(key.c_str(), value));
+        for (const auto& [key, value] : programEnv)
+            scoped.push_back(std::make_unique<ScopedEnv>(key.c_str(), value));
         program.emplace(std::vector<std::string>{"--pick-folder", repo, "--pick-folder", lonely});
     }
     HeadlessProcess& velko = *program;

@@ -113,6 +113,23 @@ std::optional<Json> HeadlessProcess::waitForType(const std::string& type, std::c
     return waitFor([&](const Json& e) { return e.value("type", "") == type; }, timeout);
 }
 
+std::optional<Json> HeadlessProcess::take(const std::function<bool(const Json&)>& predicate,
+                                         std::chrono::milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        m_taken.resize(m_events.size(), false);
+        for (size_t i = 0; i < m_events.size(); ++i) {
+            if (!m_taken[i] && predicate(m_events[i])) {
+                m_taken[i] = true;
+                return m_events[i];
+            }
+        }
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0 || m_eof) return std::nullopt;
+        if (!readSome(left) && std::chrono::steady_clock::now() >= deadline) return std::nullopt;
+    }
+}
+
 int HeadlessProcess::finish(std::chrono::milliseconds timeout) {
     closeInput();
     auto deadline = std::chrono::steady_clock::now() + timeout;

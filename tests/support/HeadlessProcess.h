@@ -33,6 +33,11 @@ public:
                                 std::chrono::milliseconds timeout = std::chrono::seconds(15));
     std::optional<Json> waitForType(const std::string& type,
                                     std::chrono::milliseconds timeout = std::chrono::seconds(15));
+    // The first event not yet taken that `predicate` accepts, in the order the
+    // program wrote them; events passed over stay for later takes. Independent
+    // of waitFor's position.
+    std::optional<Json> take(const std::function<bool(const Json&)>& predicate,
+                             std::chrono::milliseconds timeout = std::chrono::seconds(15));
     // Closes input and collects everything until the program exits. Returns its exit code (-1 on timeout).
     int finish(std::chrono::milliseconds timeout = std::chrono::seconds(15));
 
@@ -51,6 +56,7 @@ private:
     std::string m_buffer;
     std::vector<Json> m_events;
     size_t m_checked = 0;
+    std::vector<bool> m_taken;
     std::vector<std::string> m_stray;
     bool m_exited = false;
     bool m_eof = false;
