@@ -4,6 +4,7 @@
 
 import { randomUUID } from 'node:crypto';
 import { eventScript } from '../injectedScript.mjs';
+import { waitForPosted } from './postedMessages.mjs';
 
 const id = () => randomUUID().toUpperCase();
 
@@ -65,14 +66,8 @@ export class FakeNative {
   }
 
   /** Waits for a posted message that matches. */
-  async waitFor(predicate, what, timeout = 5000) {
-    const end = Date.now() + timeout;
-    for (;;) {
-      const hit = this.messages.find(predicate);
-      if (hit) return hit;
-      if (Date.now() > end) throw new Error(`no posted message: ${what}; got ${JSON.stringify(this.messages.map((m) => m.type))}`);
-      await new Promise((r) => setTimeout(r, 20));
-    }
+  waitFor(predicate, what, timeout = 5000) {
+    return waitForPosted(this.messages, predicate, what, timeout);
   }
 
   async handle(message) {

@@ -8,6 +8,7 @@ import fs from 'node:fs';
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
 import { eventScript } from '../injectedScript.mjs';
+import { waitForPosted } from './postedMessages.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
 
@@ -125,13 +126,7 @@ export class RecordedNative {
   }
 
   /** Waits for a posted message that matches. */
-  async waitFor(predicate, what, timeout = 5000) {
-    const end = Date.now() + timeout;
-    for (;;) {
-      const hit = this.messages.find(predicate);
-      if (hit) return hit;
-      if (Date.now() > end) throw new Error(`no posted message: ${what}; got ${JSON.stringify(this.messages.map((m) => m.type))}`);
-      await new Promise((r) => setTimeout(r, 20));
-    }
+  waitFor(predicate, what, timeout = 5000) {
+    return waitForPosted(this.messages, predicate, what, timeout);
   }
 }
