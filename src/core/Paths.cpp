@@ -6,17 +6,17 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 
+#include "core/Environment.h"
+#include "core/FileHandle.h"
 #include "core/Uuid.h"
 
 namespace velko {
 
 namespace {
-std::string env(const char* name) {
-    const char* value = std::getenv(name);
-    return value ? std::string(value) : std::string();
-}
+std::string env(const char* name) { return environmentValue(name).value_or(std::string()); }
 std::string stripTrailingSlashes(std::string path) {
     while (path.size() > 1 && path.back() == '/') path.pop_back();
     return path;
@@ -61,49 +61,60 @@ bool createDirectories(const std::string& path) {
 }
 
 bool writeFileAtomically(const std::string& path, std::string_view contents, unsigned mode) {
-    struct stat st{};
-    if (stat(path.c_str(), &st) == 0) mode = st.st_mode & 07777;
+    struct stat existing {};
+    bool exists = stat(path.c_str(), &existing) == 0;
+    if (exists && S_ISDIR(existing.st_mode)) {
+        errno = EISDIR;
+        return false;
+    }
+    // A named pipe, socket or device is never a file we wrote; replacing it
+    // would destroy it.
+    if (exists && !S_ISREG(existing.st_mode)) {
+        errno = ENOTSUP;
+        return false;
+    }
+    if (exists) mode = existing.st_mode & 07777;
     auto slash = path.find_last_of('/');
-    std::string dir = slash == std::string::npos ? "." : path.substr(0, slash);
-    std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-    std::string temp = dir + "/." + name + "." + Uuid::random().toString().substr(0, 8) + ".tmp";
-    int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd < 0) return false;
-    const char* data = contents.data();
-    size_t left = contents.size();
-    bool ok = true;
-    while (left > 0) {
-        ssize_t n = write(fd, data, left);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            ok = false;
-            break;
-        }
-        data += n;
-        left -= static_cast<size_t>(n);
+    std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    std::string temp = dir + "/" + std::string(kAtomicWritePrefix) + Uuid::random().toString().substr(0, 8) +
+                       std::string(kAtomicWriteSuffix);
+    FileHandle file(open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!file.valid()) return false;
+    int error = 0;
+    for (size_t written = 0; written < contents.size() && !error;) {
+        ssize_t n = write(file.get(), contents.data() + written, contents.size() - written);
+        if (n < 0 && errno != EINTR) error = errno;
+        if (n > 0) written += static_cast<size_t>(n);
     }
-    ok = ok && fchmod(fd, static_cast<mode_t>(mode)) == 0 && fsync(fd) == 0;
-    int saved = errno;
-    if (close(fd) != 0 && ok) {
-        ok = false;
-        saved = errno;
-    }
-    if (ok && rename(temp.c_str(), path.c_str()) != 0) {
-        ok = false;
-        saved = errno;
-    }
-    if (!ok) {
+    // Owner first: changing it afterwards would clear set-id bits again.
+    if (!error && exists && (existing.st_uid != geteuid() || existing.st_gid != getegid()))
+        (void)!fchown(file.get(), existing.st_uid, existing.st_gid);
+    if (!error && fchmod(file.get(), static_cast<mode_t>(mode)) != 0) error = errno;
+    if (!error && fsync(file.get()) != 0) error = errno;
+    if (close(file.release()) != 0 && !error) error = errno;
+    if (!error && rename(temp.c_str(), path.c_str()) != 0) error = errno;
+    if (error) {
         unlink(temp.c_str());
-        errno = saved;
+        errno = error;
         return false;
     }
     // The rename itself must survive a crash too.
-    int dfd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dfd >= 0) {
-        fsync(dfd);
-        close(dfd);
-    }
+    FileHandle directory(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory.valid()) fsync(directory.get());
     return true;
+}
+
+std::string resolveSymlinks(const std::string& path) {
+    char buffer[PATH_MAX];
+    if (realpath(path.c_str(), buffer)) return buffer;
+    return path;
+}
+
+std::optional<std::string> executablePath() {
+    char buffer[PATH_MAX];
+    ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof buffer - 1);
+    if (n <= 0) return std::nullopt;
+    return std::string(buffer, static_cast<size_t>(n));
 }
 
 bool readWholeFile(const std::string& path, std::string& out) {

@@ -132,12 +132,6 @@ bool ExplorerExclusionRules::contains(std::string_view path) const {
     return false;
 }
 
-std::string resolveSymlinks(std::string_view path) {
-    std::string text(path);
-    std::unique_ptr<char, decltype(&std::free)> resolved(realpath(text.c_str(), nullptr), std::free);
-    return resolved ? std::string(resolved.get()) : standardizePath(text, {});
-}
-
 std::optional<std::string> resolveExplorerDirectory(std::string_view relativePath, std::string_view resolvedRoot) {
     std::string candidate = appendPath(resolvedRoot, relativePath);
     std::unique_ptr<char, decltype(&std::free)> resolved(realpath(candidate.c_str(), nullptr), std::free);

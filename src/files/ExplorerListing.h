@@ -66,8 +66,5 @@ std::optional<std::string> resolveExplorerDirectory(std::string_view relativePat
 // The JSON of one snapshot, keys in the page's order; `error` only when set.
 OrderedJson explorerSnapshotJson(const ExplorerDirectorySnapshot& snapshot);
 
-// The path with symbolic links resolved, or the standardised text when it
-// cannot be resolved (a root that vanished still compares as text).
-std::string resolveSymlinks(std::string_view path);
 
 }  // namespace velko

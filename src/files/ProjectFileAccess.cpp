@@ -11,6 +11,7 @@
 #include <cstring>
 #include <cstdlib>
 
+#include "core/FileHandle.h"
 #include "core/Paths.h"
 #include "core/Uuid.h"
 #include "files/PathRules.h"
@@ -18,14 +19,6 @@
 namespace velko {
 
 namespace {
-
-// Closes a descriptor on every way out of a read.
-struct FdGuard {
-    int fd = -1;
-    ~FdGuard() {
-        if (fd >= 0) close(fd);
-    }
-};
 
 std::string describeErrno(int error) {
     char buffer[256];
@@ -71,51 +64,6 @@ mode_t creationMask() {
     return 022;
 }
 
-// Replaces `path` with `content` so that a crash at any moment leaves the old
-// file or the new one, never a part: a temporary file beside the target,
-// written and synced, then renamed over it. The replaced file's permission
-// bits (and, where we may, its owner) carry over; a new file gets the usual
-// 0666 less the creation mask. The temporary name has a fixed length, so a
-// file whose own name is near the file system's limit can still be saved.
-// Returns 0 or the errno of the step that failed.
-int replaceFileAtomically(const std::string& path, std::string_view content) {
-    struct stat existing {};
-    bool exists = stat(path.c_str(), &existing) == 0;
-    if (exists && S_ISDIR(existing.st_mode)) return EISDIR;
-    // A named pipe, socket or device is never opened as text, so a save can
-    // only be a mistake; replacing it would destroy it.
-    if (exists && !S_ISREG(existing.st_mode)) return ENOTSUP;
-    auto mode = static_cast<mode_t>(exists ? existing.st_mode & 07777 : 0666 & ~creationMask());
-    size_t slash = path.rfind('/');
-    std::string directory = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-    std::string temporary = directory + "/.velko-save-" + Uuid::random().toString().substr(0, 8) + ".tmp";
-    int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd < 0) return errno;
-    int error = 0;
-    for (size_t written = 0; written < content.size() && !error;) {
-        ssize_t n = write(fd, content.data() + written, content.size() - written);
-        if (n < 0 && errno != EINTR) error = errno;
-        if (n > 0) written += static_cast<size_t>(n);
-    }
-    // Owner first: changing it afterwards would clear set-id bits again.
-    if (!error && exists && (existing.st_uid != geteuid() || existing.st_gid != getegid()))
-        (void)!fchown(fd, existing.st_uid, existing.st_gid);
-    if (!error && fchmod(fd, mode) != 0) error = errno;
-    if (!error && fsync(fd) != 0) error = errno;
-    if (close(fd) != 0 && !error) error = errno;
-    if (!error && rename(temporary.c_str(), path.c_str()) != 0) error = errno;
-    if (error) {
-        unlink(temporary.c_str());
-        return error;
-    }
-    // The rename itself must reach the disk too.
-    int directoryFd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (directoryFd >= 0) {
-        fsync(directoryFd);
-        close(directoryFd);
-    }
-    return 0;
-}
 
 }  // namespace
 
@@ -211,10 +159,10 @@ Result<FileReadResult, FileReadError> readProjectFile(std::string_view relativeP
     }
 
     // Never block: a FIFO without a writer would hold the file queue forever.
-    FdGuard file{open(target.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY)};
-    if (file.fd < 0) return fail(FileReadError{Kind::Unreadable});
+    FileHandle file(open(target.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+    if (file.get() < 0) return fail(FileReadError{Kind::Unreadable});
     struct stat opened {};
-    if (fstat(file.fd, &opened) != 0 || !S_ISREG(opened.st_mode)) return fail(FileReadError{Kind::Unreadable});
+    if (fstat(file.get(), &opened) != 0 || !S_ISREG(opened.st_mode)) return fail(FileReadError{Kind::Unreadable});
 
     std::string bytes;
     // Read at most one byte past the hard limit: enough to know it was crossed.
@@ -226,7 +174,7 @@ Result<FileReadResult, FileReadError> readProjectFile(std::string_view relativeP
             if (bytes.size() >= cap) break;
             bytes.resize(std::min(cap, bytes.size() * 2 + 4096));
         }
-        ssize_t n = read(file.fd, bytes.data() + used, bytes.size() - used);
+        ssize_t n = read(file.get(), bytes.data() + used, bytes.size() - used);
         if (n < 0) {
             if (errno == EINTR) continue;
             return fail(FileReadError{Kind::Unreadable});
@@ -260,8 +208,10 @@ Status<FileSaveError> saveProjectFile(std::string_view relativePath, std::string
             std::free(resolved);
         }
     }
-    if (int error = replaceFileAtomically(target, content))
-        return fail(FileSaveError{"保存に失敗しました: " + describeErrno(error)});
+    // A new file gets the usual 0666 less the creation mask; a replaced one
+    // keeps its own bits and owner.
+    if (!writeFileAtomically(target, content, 0666 & ~creationMask()))
+        return fail(FileSaveError{"保存に失敗しました: " + describeErrno(errno)});
     return Ok{};
 }
 

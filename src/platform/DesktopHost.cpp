@@ -14,6 +14,7 @@
 
 #include "core/Log.h"
 #include "core/MainQueue.h"
+#include "core/Paths.h"
 #include "platform/DesktopWindow.h"
 #include "platform/IBusInputSources.h"
 #include "shell/AppBundleSchemeHandler.h"
@@ -57,10 +58,8 @@ void beginQuit(DesktopState* state) {
 }
 
 std::optional<std::string> resourceDirectory() {
-    char buffer[PATH_MAX];
-    ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof buffer - 1);
-    if (n <= 0) return std::nullopt;
-    return locateResourceDirectory(std::string(buffer, static_cast<size_t>(n)));
+    auto exe = executablePath();
+    return exe ? locateResourceDirectory(*exe) : std::nullopt;
 }
 
 void addAction(GtkApplication* application, const char* name, GCallback callback, DesktopState* state,

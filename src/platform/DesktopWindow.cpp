@@ -115,13 +115,6 @@ uint32_t keyModifiers(unsigned state) {
     return modifiers;
 }
 
-std::optional<std::string> executablePath() {
-    char buffer[PATH_MAX];
-    ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof buffer - 1);
-    if (n <= 0) return std::nullopt;
-    return std::string(buffer, static_cast<size_t>(n));
-}
-
 double secondsSince1970() {
     using namespace std::chrono;
     return duration<double>(system_clock::now().time_since_epoch()).count();

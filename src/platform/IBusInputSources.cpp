@@ -8,6 +8,7 @@
 #include <fstream>
 #include <string>
 
+#include "core/Environment.h"
 #include "core/Log.h"
 #include "core/Paths.h"
 
@@ -38,10 +39,10 @@ std::optional<std::string> addressFromFile() {
     if (machine.empty()) return std::nullopt;
 
     std::string host = "unix", display;
-    if (const char* wayland = std::getenv("WAYLAND_DISPLAY"); wayland && *wayland) {
-        display = wayland;
-    } else if (const char* x = std::getenv("DISPLAY"); x && *x) {
-        std::string text = x;
+    if (auto wayland = environmentValue("WAYLAND_DISPLAY")) {
+        display = *wayland;
+    } else if (auto x = environmentValue("DISPLAY")) {
+        std::string text = *x;
         auto colon = text.rfind(':');
         if (colon == std::string::npos) return std::nullopt;
         if (colon > 0) host = text.substr(0, colon);
@@ -50,8 +51,7 @@ std::optional<std::string> addressFromFile() {
     } else {
         return std::nullopt;
     }
-    const char* configHome = std::getenv("XDG_CONFIG_HOME");
-    std::string folder = configHome && *configHome ? configHome : homeDirectory() + "/.config";
+    std::string folder = environmentValue("XDG_CONFIG_HOME").value_or(homeDirectory() + "/.config");
     std::ifstream in(folder + "/ibus/bus/" + machine + "-" + host + "-" + display);
     std::string line, address;
     long pid = 0;
@@ -221,11 +221,8 @@ private:
 }  // namespace
 
 std::shared_ptr<InputSourceServicing> connectIBusInputSources() {
-    std::optional<std::string> address;
-    if (const char* fromEnvironment = std::getenv("IBUS_ADDRESS"); fromEnvironment && *fromEnvironment)
-        address = fromEnvironment;
-    else
-        address = addressFromFile();
+    std::optional<std::string> address = environmentValue("IBUS_ADDRESS");
+    if (!address) address = addressFromFile();
     if (!address) {
         kLog.info("no IBus daemon: keys take the web view's path");
         return nullptr;

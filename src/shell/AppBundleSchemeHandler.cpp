@@ -138,33 +138,11 @@ std::string SchemeResponse::contentType() const {
     return mimeType;
 }
 
-std::string standardizePath(std::string_view absolutePath) {
-    std::vector<std::string_view> parts;
-    size_t start = 0;
-    while (start <= absolutePath.size()) {
-        size_t end = absolutePath.find('/', start);
-        if (end == std::string_view::npos) end = absolutePath.size();
-        std::string_view part = absolutePath.substr(start, end - start);
-        if (part == "..") {
-            if (!parts.empty()) parts.pop_back();
-        } else if (!part.empty() && part != ".") {
-            parts.push_back(part);
-        }
-        start = end + 1;
-    }
-    std::string out;
-    for (auto part : parts) {
-        out.push_back('/');
-        out.append(part);
-    }
-    return out.empty() ? "/" : out;
-}
-
 AppBundleSchemeHandler::AppBundleSchemeHandler(std::string baseDirectory)
-    : m_base(standardizePath(baseDirectory)) {}
+    : m_base(standardizePath(baseDirectory, {})) {}
 
 std::optional<std::string> AppBundleSchemeHandler::candidateInside(std::string_view relative) const {
-    std::string candidate = standardizePath(m_base + "/" + std::string(relative));
+    std::string candidate = standardizePath(m_base + "/" + std::string(relative), {});
     // A component-wise prefix: "/res/web-private" is not inside "/res/web".
     std::string prefix = m_base == "/" ? "/" : m_base + "/";
     if (candidate.compare(0, prefix.size(), prefix) != 0) return std::nullopt;
@@ -223,7 +201,7 @@ std::optional<std::string> locateResourceDirectory(const std::string& executable
     std::string folder = executablePath.substr(0, slash);
     if (folder.empty()) folder = "/";
     for (const std::string& candidate : {folder + "/resources", folder + "/../share/velko"}) {
-        if (isDirectory(candidate)) return standardizePath(candidate);
+        if (isDirectory(candidate)) return standardizePath(candidate, {});
     }
     return std::nullopt;
 }

@@ -16,6 +16,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "core/PathText.h"
 #include <utility>
 #include <vector>
 
@@ -35,10 +37,6 @@ std::string rewritePageHtml(std::string html);
 std::string mimeTypeForPath(std::string_view path);
 // "utf-8" for text types, nothing for the rest.
 std::optional<std::string> textEncodingForMimeType(std::string_view mimeType);
-
-// Lexical normalisation of an absolute path: "." and empty components dropped,
-// ".." removes its parent (never above "/"). The result has no trailing slash.
-std::string standardizePath(std::string_view absolutePath);
 
 struct SchemeResponse {
     enum class Kind { File, NotFound, ReadFailed, BadRequest };

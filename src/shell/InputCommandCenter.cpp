@@ -100,7 +100,7 @@ std::optional<std::string> nativeDropScript(const std::vector<std::string>& path
     OrderedJson list = OrderedJson::array();
     for (const auto& path : paths) {
         if (path.empty() || path[0] != '/') continue;
-        list.push_back(standardizePath(path));
+        list.push_back(standardizePath(path, {}));
     }
     if (list.empty()) return std::nullopt;
     OrderedJson payload;

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "core/Environment.h"
 #include "core/Paths.h"
 #include "workspace/Models.h"
 
@@ -29,8 +30,8 @@ CodexShimInstaller::CodexShimInstaller() {
     m_scriptCacheDirectory = scriptCacheDirectory(m_cacheDirectory, home);
     m_shimDirectory = m_cacheDirectory + "/codex-shims";
     m_zshBootstrapDirectory = m_cacheDirectory + "/zsh-bootstrap";
-    const char* zdotdir = std::getenv("ZDOTDIR");
-    m_originalZdotdir = zdotdir && *zdotdir ? expandTilde(zdotdir, home) : home;
+    auto zdotdir = environmentValue("ZDOTDIR");
+    m_originalZdotdir = zdotdir ? expandTilde(*zdotdir, home) : home;
 }
 
 std::string CodexShimInstaller::escapeForDoubleQuotes(const std::string& path) {
@@ -173,9 +174,9 @@ std::map<std::string, std::string> CodexShimInstaller::environmentOverrides() {
         m_cachedOverrides.emplace();
         return *m_cachedOverrides;
     }
-    const char* path = std::getenv("PATH");
+    auto path = environmentValue("PATH");
     std::map<std::string, std::string> overrides;
-    overrides["PATH"] = path && *path ? m_shimDirectory + ":" + path : m_shimDirectory;
+    overrides["PATH"] = path ? m_shimDirectory + ":" + *path : m_shimDirectory;
     if (prepareZshBootstrap()) overrides["ZDOTDIR"] = m_zshBootstrapDirectory;
     m_cachedOverrides = overrides;
     return overrides;

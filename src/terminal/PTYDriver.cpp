@@ -1,5 +1,6 @@
 #include "terminal/PTYDriver.h"
 
+#include "core/Environment.h"
 #include "core/Utf8.h"
 
 #include <fcntl.h>
@@ -17,7 +18,6 @@
 
 #include "terminal/TerminalProcess.h"
 
-extern char** environ;
 
 namespace velko {
 
@@ -61,16 +61,6 @@ std::string PTYDriverError::description() const {
         case Kind::MissingSlavePath: return "missingSlavePath";
     }
     return "unknown";
-}
-
-std::map<std::string, std::string> PTYDriver::processEnvironment() {
-    std::map<std::string, std::string> env;
-    for (char** entry = environ; entry && *entry; ++entry) {
-        const char* eq = strchr(*entry, '=');
-        if (!eq) continue;
-        env.emplace(std::string(*entry, static_cast<size_t>(eq - *entry)), std::string(eq + 1));
-    }
-    return env;
 }
 
 std::map<std::string, std::string> PTYDriver::childEnvironment(const std::map<std::string, std::string>& inherited,

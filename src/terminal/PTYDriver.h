@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "core/Result.h"
-#include "terminal/FileHandle.h"
+#include "core/FileHandle.h"
 
 namespace velko {
 
@@ -62,7 +62,6 @@ public:
     // the terminal variables applied. Exposed for tests.
     static std::map<std::string, std::string> childEnvironment(const std::map<std::string, std::string>& inherited,
                                                                const std::map<std::string, std::string>& overrides);
-    static std::map<std::string, std::string> processEnvironment();
 };
 
 }  // namespace velko

@@ -8,7 +8,7 @@
 #include <cerrno>
 
 #include "core/Base64.h"
-#include "terminal/FileHandle.h"
+#include "core/FileHandle.h"
 #include "terminal/TerminalLogger.h"
 
 namespace velko {

@@ -13,7 +13,7 @@
 #include <optional>
 #include <thread>
 
-#include "terminal/FileHandle.h"
+#include "core/FileHandle.h"
 
 namespace velko {
 

@@ -22,32 +22,6 @@ const Logger& logger() {
     return log;
 }
 
-// Lexical standardisation: collapses "//", drops "." and resolves "..".
-std::string standardizePath(const std::string& path) {
-    std::vector<std::string> parts;
-    size_t i = 0;
-    while (i <= path.size()) {
-        size_t j = path.find('/', i);
-        if (j == std::string::npos) j = path.size();
-        std::string part = path.substr(i, j - i);
-        if (part == "..") {
-            if (!parts.empty()) parts.pop_back();
-        } else if (!part.empty() && part != ".") {
-            parts.push_back(part);
-        }
-        i = j + 1;
-    }
-    std::string out;
-    for (const auto& p : parts) out += "/" + p;
-    return out.empty() ? "/" : out;
-}
-
-std::string resolveSymlinks(const std::string& path) {
-    char buffer[PATH_MAX];
-    if (realpath(path.c_str(), buffer)) return buffer;
-    return path;
-}
-
 std::string lastComponent(const std::string& path) {
     auto slash = path.find_last_of('/');
     std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
@@ -209,7 +183,7 @@ std::vector<ProjectMetadata> ConfigStore::openProjects(const std::vector<std::st
     std::unordered_set<std::string> seen;
     for (const auto& folder : folderPaths) {
         if (folder.empty() || folder[0] != '/') continue;
-        std::string standardized = standardizePath(folder);
+        std::string standardized = standardizePath(folder, {});
         struct stat st{};
         if (stat(standardized.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) continue;
         std::string canonical = resolveSymlinks(standardized);
@@ -217,7 +191,7 @@ std::vector<ProjectMetadata> ConfigStore::openProjects(const std::vector<std::st
         if (!onlySamples) {
             const ProjectMetadata* existing = nullptr;
             for (const auto& p : m_config.projects) {
-                if (standardizePath(expandTilde(p.rootPath, home)) == canonical) {
+                if (standardizePath(expandTilde(p.rootPath, home), {}) == canonical) {
                     existing = &p;
                     break;
                 }

@@ -66,12 +66,6 @@ const ProjectMetadata* AppConfig::project(const Uuid& id) const {
     return nullptr;
 }
 
-std::string expandTilde(const std::string& path, const std::string& homePath) {
-    if (path == "~") return homePath;
-    if (path.size() >= 2 && path[0] == '~' && path[1] == '/') return homePath + path.substr(1);
-    return path;
-}
-
 std::string cliWorkingDirectory(const std::optional<Uuid>& projectId, const std::vector<ProjectMetadata>& projects,
                                 const std::string& homePath) {
     if (projectId) {

@@ -9,6 +9,7 @@
 
 #include "core/Json.h"
 #include "core/Result.h"
+#include "core/PathText.h"
 #include "core/Uuid.h"
 
 namespace velko {
@@ -80,8 +81,6 @@ struct AppConfig {
 std::string cliWorkingDirectory(const std::optional<Uuid>& projectId,
                                 const std::vector<ProjectMetadata>& projects,
                                 const std::string& homePath);
-// "~" or "~/rest" expanded against homePath; anything else unchanged.
-std::string expandTilde(const std::string& path, const std::string& homePath);
 
 // --- JSON form of the configuration file ---
 

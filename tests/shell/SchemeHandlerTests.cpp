@@ -69,7 +69,7 @@ TEST(SchemeHandler, ResolvesRequestsInsideThePageFolderOnly) {
             EXPECT_FALSE(path.has_value()) << *path;
         } else {
             ASSERT_TRUE(path.has_value());
-            EXPECT_EQ(*path, standardizePath(f.web + "/" + c.expected));
+            EXPECT_EQ(*path, standardizePath(f.web + "/" + c.expected, {}));
         }
     }
 }
