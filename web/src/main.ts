@@ -50,8 +50,8 @@ function start(): void {
   bridge.install();
   bridge.post('app/config/request');
   bridge.log('info', 'page ready');
-  // Read-only handles for diagnostics in the web inspector and for end-to-end checks.
-  Object.assign(window, { __velkoDebug: { app, terminal: terminals.terminal, terminalText: terminals.text } });
+  // Only builds made for the browser tests and the benchmark carry this; the shipped page has no handle on window.
+  if (__VELKO_TEST_HOOKS__) Object.assign(window, { __velkoTest: { app, terminal: terminals.terminal, terminalText: terminals.text } });
 }
 
 /**

@@ -53,7 +53,7 @@ export interface TerminalsView {
   /** Focuses the visible terminal; false when there is none. */
   focusActive(): boolean;
   setFontSize(size: number): void;
-  /** The xterm.js instance of a session, for diagnostics and end-to-end checks. */
+  /** The xterm.js instance of a session, for checks in test builds. */
   terminal(sessionId: string): Terminal | undefined;
   /** The session's screen and scrollback as text, one line per row. */
   text(sessionId: string): string | undefined;

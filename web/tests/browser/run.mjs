@@ -2,16 +2,12 @@
 // native event script. Usage: node tests/browser/run.mjs [name filter]
 
 import assert from 'node:assert/strict';
-import path from 'node:path';
-import { fileURLToPath } from 'node:url';
-import fs from 'node:fs';
 import { serve, launch, installChannel } from './harness.mjs';
+import { shippedBuild, testBuild, isStale } from '../../scripts/builds.mjs';
 import { FakeNative } from './fakeNative.mjs';
 import { RecordedNative, loadRecording } from './recordedNative.mjs';
 import { eventScript, dropScript } from '../injectedScript.mjs';
 
-const here = path.dirname(fileURLToPath(import.meta.url));
-const buildDir = path.resolve(here, '../../../resources/web');
 const tests = [];
 const test = (name, fn) => tests.push({ name, fn });
 
@@ -33,7 +29,7 @@ async function openPage(ctx, setup = () => undefined, { channel = true } = {}) {
 
 /** Waits until the session's terminal buffer holds `text`. */
 async function waitForTerminalText(page, sessionId, text) {
-  await page.waitForFunction(([id, t]) => window.__velkoDebug.terminalText(id)?.includes(t), [sessionId, text]);
+  await page.waitForFunction(([id, t]) => window.__velkoTest.terminalText(id)?.includes(t), [sessionId, text]);
 }
 
 test('parked events are delivered, then the page asks for the configuration', async (ctx) => {
@@ -208,25 +204,25 @@ test('a running shell keeps its size in the view until the program confirms the 
     session = n.sessions[0];
   });
   await page.waitForSelector('.term-host:not([hidden]) .xterm');
-  const size = () => page.evaluate((id) => { const t = window.__velkoDebug.terminal(id); return `${t.cols}x${t.rows}`; }, session.id);
+  const size = () => page.evaluate((id) => { const t = window.__velkoTest.terminal(id); return `${t.cols}x${t.rows}`; }, session.id);
   // A page loaded while the shell runs learns its size from the snapshot.
   const entry = { id: session.id, title: session.title, workingDirectory: session.workingDirectory, projectId: session.projectId, status: 'ready', cols: 120, rows: 40, pid: 7 };
   await native.send('terminal/snapshot', { sessions: [entry] });
-  await page.waitForFunction((id) => window.__velkoDebug.terminal(id).cols === 120, session.id);
+  await page.waitForFunction((id) => window.__velkoTest.terminal(id).cols === 120, session.id);
   const asked = await native.waitFor((m) => m.type === 'terminal/resize' && m.payload.sessionId === session.id && m.payload.cols !== 120, 'resize to the view');
   const fitted = `${asked.payload.cols}x${asked.payload.rows}`;
   // Output the shell wrote for 120 columns: a full-width line that wraps only at 120.
   await native.send('terminal/output', { sessionId: session.id, chunk: b64(`${'x'.repeat(100)}END\r\n`), encoding: 'base64' });
   await waitForTerminalText(page, session.id, 'END');
   assert.equal(await size(), '120x40');
-  assert.ok((await page.evaluate((id) => window.__velkoDebug.terminalText(id), session.id)).includes(`${'x'.repeat(100)}END`));
+  assert.ok((await page.evaluate((id) => window.__velkoTest.terminalText(id), session.id)).includes(`${'x'.repeat(100)}END`));
   await native.send('terminal/resize', { sessionId: session.id, cols: asked.payload.cols, rows: asked.payload.rows });
-  await page.waitForFunction(([id, want]) => { const t = window.__velkoDebug.terminal(id); return `${t.cols}x${t.rows}` === want; }, [session.id, fitted]);
+  await page.waitForFunction(([id, want]) => { const t = window.__velkoTest.terminal(id); return `${t.cols}x${t.rows}` === want; }, [session.id, fitted]);
   // Once the shell has ended, the view simply takes its space again.
   await native.send('terminal/status', { sessionId: session.id, status: 'terminated', exitCode: 0 });
   await native.send('terminal/resize', { sessionId: session.id, cols: 60, rows: 10 });
   await page.setViewportSize({ width: 1500, height: 900 });
-  await page.waitForFunction(([id, was]) => { const t = window.__velkoDebug.terminal(id); return `${t.cols}x${t.rows}` !== '60x10' && `${t.cols}x${t.rows}` !== was; }, [session.id, fitted]);
+  await page.waitForFunction(([id, was]) => { const t = window.__velkoTest.terminal(id); return `${t.cols}x${t.rows}` !== '60x10' && `${t.cols}x${t.rows}` !== was; }, [session.id, fitted]);
   await page.close();
 });
 
@@ -465,6 +461,22 @@ test('without a native channel the page loads and logs instead of crashing', asy
   await page.close();
 });
 
+test('the shipped page puts nothing on window beyond the bridge protocol', async (ctx) => {
+  const native = new FakeNative();
+  native.addProject('xi');
+  const session = native.sessions[0];
+  const page = await ctx.context.newPage();
+  await installChannel(page, (m) => native.handle(m));
+  native.attach(page);
+  await page.goto(ctx.shippedUrl);
+  await page.waitForSelector(`.term-host[data-session="${session.id}"] .xterm`);
+  await page.evaluate(dropScript(['/tmp/x']));
+  // __velkoTestPost is this harness's stand-in for the native channel.
+  const globals = await page.evaluate(() => Object.getOwnPropertyNames(window).filter((k) => k.startsWith('__velko')).sort());
+  assert.deepEqual(globals, ['__velkoEventHistory', '__velkoNativeDropPayload', '__velkoPendingEvents', '__velkoTestPost', '__velko__']);
+  await page.close();
+});
+
 // The same journeys against the program's own recorded answers.
 async function openRecorded(ctx) {
   const native = new RecordedNative(loadRecording());
@@ -497,8 +509,8 @@ test('recorded: open a project, see its tree, prompt and git status, run a comma
   // The shell started at its own size and wrote its end-of-line mark (a reverse-video '#' padded to
   // that width, then wiped); parsed at that width nothing of it stays on screen. The view then takes
   // its own size once the program confirms it.
-  await page.waitForFunction((id) => window.__velkoDebug.terminal(id)?.cols < 120, sessionId);
-  const screen = await page.evaluate((id) => window.__velkoDebug.terminalText(id), sessionId);
+  await page.waitForFunction((id) => window.__velkoTest.terminal(id)?.cols < 120, sessionId);
+  const screen = await page.evaluate((id) => window.__velkoTest.terminalText(id), sessionId);
   assert.deepEqual(screen.split('\n').map((l) => l.trimEnd()).filter(Boolean), ['#'], JSON.stringify(screen));
   await page.click('.term-host:not([hidden]) .xterm');
   await page.keyboard.type('echo velko-$((6*7))');
@@ -545,7 +557,7 @@ test('recorded: files open, save, rename, ask before a large file, show images a
   await page.waitForSelector('.dialog >> text=big.log');
   await page.click('.dialog [data-action="cancel"]');
   assert.ok(!native.messages.some((m) => m.type === 'project/file/open' && m.payload.allowLargeFile === true));
-  await page.evaluate((id) => window.__velkoDebug.app.openFile(id, 'nope.txt'), projectId);
+  await page.evaluate((id) => window.__velkoTest.app.openFile(id, 'nope.txt'), projectId);
   await page.waitForSelector('.column-editor .doc-message.error >> text=ファイルが見つかりませんでした');
   await page.click('.tree-row:has-text("old.ts")');
   await page.press('.tree-row:has-text("old.ts")', 'F2');
@@ -589,13 +601,16 @@ test('recorded: diff, commit, push without a remote, a terminal that exits, clos
 
 async function main() {
   const filter = process.argv[2];
-  if (!fs.existsSync(path.join(buildDir, 'index.html'))) {
-    console.error(`no build at ${buildDir}: run npm run build`);
-    process.exit(1);
+  for (const dir of [shippedBuild, testBuild]) {
+    if (isStale(dir)) {
+      console.error(`no up-to-date build at ${dir}: run npm test, which builds both`);
+      process.exit(1);
+    }
   }
-  const { server, url } = await serve(buildDir);
+  const { server, url } = await serve(testBuild);
+  const shipped = await serve(shippedBuild);
   const browser = await launch();
-  const ctx = { context: browser.context, url };
+  const ctx = { context: browser.context, url, shippedUrl: shipped.url };
   let passed = 0;
   const failed = [];
   for (const t of tests) {
@@ -613,6 +628,7 @@ async function main() {
   }
   await browser.close();
   server.close();
+  shipped.server.close();
   console.log(`browser tests: ${passed} passed, ${failed.length} failed`);
   process.exit(failed.length > 0 ? 1 : 0);
 }
