@@ -11,7 +11,7 @@ import { mountLayout } from './ui/layout';
 import { mountExplorer } from './ui/explorer';
 import { mountTerminals } from './ui/terminals';
 import { mountEditor, mountPreview } from './ui/editor';
-import { mountGit } from './ui/git';
+import { mountGit } from './ui/git/column';
 import { mountToasts } from './ui/toasts';
 import { showDialog } from './ui/dialog';
 import { L } from './labels';
