@@ -51,7 +51,10 @@ function start(): void {
   bridge.post('app/config/request');
   bridge.log('info', 'page ready');
   // Only builds made for the browser tests and the benchmark carry this; the shipped page has no handle on window.
-  if (__VELKO_TEST_HOOKS__) Object.assign(window, { __velkoTest: { app, terminal: terminals.terminal, terminalText: terminals.text } });
+  if (__VELKO_TEST_HOOKS__) {
+    const pane = (id: string) => terminals.pane(id);
+    Object.assign(window, { __velkoTest: { app, terminal: (id: string) => pane(id)?.term, terminalText: (id: string) => pane(id)?.text() } });
+  }
 }
 
 /**

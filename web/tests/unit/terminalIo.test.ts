@@ -1,7 +1,6 @@
 import { describe, expect, it } from 'vitest';
 import { OutputQueue } from '../../src/terminal/outputQueue';
 import { decodeBase64, encodeBase64, binaryStringToBase64 } from '../../src/terminal/base64';
-import { dropPaths, shellQuote } from '../../src/terminal/paths';
 
 function harness() {
   const flushes: (() => void)[] = [];
@@ -115,24 +114,5 @@ describe('base64', () => {
     expect(decodeBase64(encodeBase64(bytes))).toEqual(bytes);
     expect(decodeBase64('@@@')).toBeUndefined();
     expect(decodeBase64(binaryStringToBase64('\x1b[M\xff'))).toEqual(new Uint8Array([0x1b, 0x5b, 0x4d, 0xff]));
-  });
-});
-
-describe('dropped paths', () => {
-  it.each([
-    { path: '/home/u/src/a.txt', quoted: '/home/u/src/a.txt' },
-    { path: '/home/u/My Files/a b.txt', quoted: "'/home/u/My Files/a b.txt'" },
-    { path: "/tmp/it's", quoted: "'/tmp/it'\\''s'" },
-    { path: '/tmp/$HOME;rm', quoted: "'/tmp/$HOME;rm'" },
-    { path: '~/x', quoted: "'~/x'" },
-    { path: '=ls', quoted: "'=ls'" },
-  ])('$path', ({ path, quoted }) => {
-    expect(shellQuote(path)).toBe(quoted);
-  });
-
-  it('reads only string paths from the drop detail', () => {
-    expect(dropPaths({ paths: ['/a', 5, '', '/b'], timestamp: 1 })).toEqual(['/a', '/b']);
-    expect(dropPaths({ paths: '/a' })).toEqual([]);
-    expect(dropPaths(null)).toEqual([]);
   });
 });
