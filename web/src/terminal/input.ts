@@ -1,11 +1,14 @@
-// What a terminal view sends for the user's keys, pastes and drops.
+// What a terminal view sends for the user's keys, pastes and drops. Every key
+// goes to the shell as the bytes xterm.js makes of it: Ctrl+C is the ETX
+// byte, which the PTY's line discipline turns into SIGINT for the foreground
+// job (and a raw-mode program reads as a key). Sending a signal as well would
+// interrupt twice.
 
 import { binaryStringToBase64 } from './base64';
 import { dropPaths, shellQuote } from './paths';
 
 export interface InputSink {
   sendInput(sessionId: string, data: string, encoding?: 'base64'): void;
-  interrupt(sessionId: string): void;
 }
 
 /** The xterm.js events we listen to; a terminal or a test stand-in. */
@@ -15,11 +18,7 @@ export interface InputSource {
 }
 
 export function connectInput(source: InputSource, sink: InputSink, sessionId: string): void {
-  source.onData((data) => {
-    sink.sendInput(sessionId, data);
-    // The byte interrupts raw-mode programs; the signal reaches the shell itself.
-    if (data === '\x03') sink.interrupt(sessionId);
-  });
+  source.onData((data) => sink.sendInput(sessionId, data));
   // Some mouse reports are bytes, not text: they travel as base64.
   source.onBinary((data) => sink.sendInput(sessionId, binaryStringToBase64(data), 'base64'));
 }
