@@ -15,6 +15,7 @@ import { mountGit } from './ui/git/column';
 import { mountToasts } from './ui/toasts';
 import { showDialog } from './ui/dialog';
 import { L } from './labels';
+import { installFonts } from './fonts';
 
 function start(): void {
   const host = window as unknown as BridgeHost & Window;
@@ -22,6 +23,7 @@ function start(): void {
   window.addEventListener('error', (ev) => bridge.log('error', ev.message, { file: ev.filename, line: ev.lineno }));
   window.addEventListener('unhandledrejection', (ev) => bridge.log('error', `unhandled rejection: ${String(ev.reason)}`));
 
+  installFonts(document.documentElement);
   const app = new App(bridge, frameScheduler(window));
   const root = document.getElementById('app')!;
   const topbar = h('header', { class: 'topbar' });

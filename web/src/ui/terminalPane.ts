@@ -6,6 +6,7 @@ import { Terminal, type ITheme } from '@xterm/xterm';
 import { FitAddon } from '@xterm/addon-fit';
 import '@xterm/xterm/css/xterm.css';
 import type { App } from '../app';
+import { MONO_FONT } from '../fonts';
 import { decideFit, type Size } from '../terminal/fit';
 import { connectInput, keyAction } from '../terminal/input';
 import { h } from './dom';
@@ -55,7 +56,7 @@ export class TerminalPane {
   ) {
     this.host = h('div', { class: 'term-host', 'data-session': sessionId, hidden: true });
     parent.append(this.host);
-    const term = new Terminal({ theme: THEME, fontFamily: '"DejaVu Sans Mono", "Noto Sans Mono", "Liberation Mono", monospace', fontSize, scrollback: 10000, allowProposedApi: false, cursorBlink: true, convertEol: false });
+    const term = new Terminal({ theme: THEME, fontFamily: MONO_FONT, fontSize, scrollback: 10000, allowProposedApi: false, cursorBlink: true, convertEol: false });
     this.term = term;
     term.loadAddon(this.fitAddon);
     connectInput(term, app, sessionId);
