@@ -133,7 +133,7 @@ void openProjectAndType(KeyPath path, const std::string& screenshot) {
     }};
 
     // The page is up and answered; the workspace starts empty.
-    ASSERT_TRUE(pumpUntil([&] { return evaluate(view, "!!window.__velkoDebug && !!document.querySelector('.add-project')") == "true"; }));
+    ASSERT_TRUE(pumpUntil([&] { return evaluate(view, "!!window.__velko__ && !!document.querySelector('.add-project')") == "true"; }));
 
     // A real click on the page's button opens the picker; the project opens.
     std::optional<std::pair<int, int>> button;
@@ -145,21 +145,22 @@ void openProjectAndType(KeyPath path, const std::string& screenshot) {
                "[\"demo-project\"]";
     }));
 
-    // Its terminal runs a login shell on a PTY; the prompt is drawn.
+    // Its terminal runs a login shell on a PTY; the prompt is drawn. The shipped page has no handle
+    // on its terminals: what it shows is read from the rows xterm.js puts into the document.
     std::string session;
+    auto terminalLines = [&] {
+        auto text = parseJson(evaluate(view, "[...document.querySelectorAll('.term-host[data-session=\"" + session +
+                                                 "\"] .xterm-rows > div')].map(r => r.textContent.replace(/\\u00a0/g, ' ')).join('\\n')"));
+        return text && text->is_string() ? text->get<std::string>() : std::string();
+    };
     ASSERT_TRUE(pumpUntil([&] {
         auto id = parseJson(evaluate(view, "document.querySelector('.term-host:not([hidden])')?.dataset.session ?? ''"));
         if (!id || !id->is_string() || id->get<std::string>().empty()) return false;
         session = id->get<std::string>();
-        auto text = parseJson(evaluate(view, "window.__velkoDebug.terminalText('" + session + "') ?? ''"));
-        return text && text->is_string() && text->get<std::string>().find_first_not_of(" \n") != std::string::npos;
+        return terminalLines().find_first_not_of(" \n") != std::string::npos;
     })) << "no prompt";
 
     // Keys typed on the keyboard reach the shell; its answer comes back.
-    auto terminalLines = [&] {
-        auto text = parseJson(evaluate(view, "window.__velkoDebug.terminalText('" + session + "') ?? ''"));
-        return text && text->is_string() ? text->get<std::string>() : std::string();
-    };
     auto answered = [&] {
         std::string text = terminalLines();
         // A line that is exactly "hi": the output, not the echoed command.
@@ -175,15 +176,17 @@ void openProjectAndType(KeyPath path, const std::string& screenshot) {
     };
     EXPECT_FALSE(answered());
     gtk_widget_grab_focus(view);
-    evaluate(view, "window.__velkoDebug.terminal('" + session + "').focus()");
+    evaluate(view, "document.querySelector('.term-host[data-session=\"" + session + "\"] .xterm-helper-textarea').focus()");
     std::optional<std::pair<int, int>> pane;
     ASSERT_TRUE(pumpUntil([&] { return (pane = screenCentre(window->window(), view, ".term-host:not([hidden])")).has_value(); }));
     // Without a window manager the keyboard follows the pointer.
     ASSERT_TRUE(test::moveRealPointer(pane->first, pane->second));
     ASSERT_TRUE(pumpUntil([&] { return gtk_window_is_active(GTK_WINDOW(window->window())); }, std::chrono::seconds(10)));
-    // What the page's terminal sends on (the web path), recorded on the way.
-    evaluate(view, "(() => { const app = window.__velkoDebug.app, send = app.sendInput.bind(app); window.__sent = [];"
-                   " app.sendInput = (id, data, enc) => { window.__sent.push(data); send(id, data, enc); }; })()");
+    // What the page's terminal sends on (the web path), recorded on the way out of the page. The
+    // handler object is held so that the same one, with the recording post, is found on every send.
+    evaluate(view, "(() => { const channel = window.webkit.messageHandlers.velko, post = channel.postMessage.bind(channel);"
+                   " window.__sent = []; window.__recordedChannel = channel; channel.postMessage = (m) => {"
+                   " if (m && m.type === 'terminal/input') window.__sent.push(m.payload.data); return post(m); }; })()");
     ASSERT_TRUE(test::typeRealKeys("echo hi\n"));
     EXPECT_TRUE(pumpUntil(answered, std::chrono::seconds(30))) << terminalLines();
     std::string sent = evaluate(view, "window.__sent.join('')");

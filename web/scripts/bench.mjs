@@ -7,25 +7,19 @@
 // Also reported: how late the page handles clicks made every 100 ms during
 // the flood (input event creation to handler).
 
-import path from 'node:path';
-import fs from 'node:fs';
-import { fileURLToPath } from 'node:url';
 import { randomUUID } from 'node:crypto';
 import { serve, launch, installChannel } from '../tests/browser/harness.mjs';
 import { eventScript } from '../tests/injectedScript.mjs';
+import { ensureTestBuild, testBuild } from './builds.mjs';
 
 const TOTAL = 20 * 1024 * 1024;
 const CHUNK = 4096;
 const ROUNDS = Number(process.env.BENCH_ROUNDS ?? 5);
 
-const web = path.resolve(path.dirname(fileURLToPath(import.meta.url)), '..');
-const buildDir = path.resolve(web, '../resources/web');
-if (!fs.existsSync(path.join(buildDir, 'index.html'))) {
-  console.error('no build: run npm run build first');
-  process.exit(1);
-}
+// The test build: the same page, plus the handle on its terminals that the measurement needs.
+if (!ensureTestBuild()) process.exit(1);
 
-const { server, url } = await serve(buildDir);
+const { server, url } = await serve(testBuild);
 const browser = await launch();
 const page = await browser.context.newPage();
 await installChannel(page, () => undefined);
@@ -44,7 +38,7 @@ await page.evaluate(
     hasSavedWorkspace: true,
   }),
 );
-await page.waitForFunction((id) => window.__velkoDebug?.terminal(id)?.element !== undefined, sessionId);
+await page.waitForFunction((id) => window.__velkoTest?.terminal(id)?.element !== undefined, sessionId);
 
 // Base64 holds neither quote nor backslash, so a chunk can be spliced into the native script as is.
 const [scriptHead, scriptTail] = eventScript('terminal/output', { sessionId, chunk: '@CHUNK@', encoding: 'base64' }).split('@CHUNK@');
@@ -68,7 +62,7 @@ await page.evaluate(
       scripts.push(scriptHead + c.toBase64() + scriptTail);
     }
 
-    const debug = window.__velkoDebug;
+    const debug = window.__velkoTest;
     const term = debug.terminal(sessionId);
     const channel = new MessageChannel();
     // Each event is its own task, as with the web view's script evaluation.

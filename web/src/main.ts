@@ -11,10 +11,11 @@ import { mountLayout } from './ui/layout';
 import { mountExplorer } from './ui/explorer';
 import { mountTerminals } from './ui/terminals';
 import { mountEditor, mountPreview } from './ui/editor';
-import { mountGit } from './ui/git';
+import { mountGit } from './ui/git/column';
 import { mountToasts } from './ui/toasts';
 import { showDialog } from './ui/dialog';
 import { L } from './labels';
+import { installFonts } from './fonts';
 
 function start(): void {
   const host = window as unknown as BridgeHost & Window;
@@ -22,6 +23,7 @@ function start(): void {
   window.addEventListener('error', (ev) => bridge.log('error', ev.message, { file: ev.filename, line: ev.lineno }));
   window.addEventListener('unhandledrejection', (ev) => bridge.log('error', `unhandled rejection: ${String(ev.reason)}`));
 
+  installFonts(document.documentElement);
   const app = new App(bridge, frameScheduler(window));
   const root = document.getElementById('app')!;
   const topbar = h('header', { class: 'topbar' });
@@ -50,8 +52,11 @@ function start(): void {
   bridge.install();
   bridge.post('app/config/request');
   bridge.log('info', 'page ready');
-  // Read-only handles for diagnostics in the web inspector and for end-to-end checks.
-  Object.assign(window, { __velkoDebug: { app, terminal: terminals.terminal, terminalText: terminals.text } });
+  // Only builds made for the browser tests and the benchmark carry this; the shipped page has no handle on window.
+  if (__VELKO_TEST_HOOKS__) {
+    const pane = (id: string) => terminals.pane(id);
+    Object.assign(window, { __velkoTest: { app, terminal: (id: string) => pane(id)?.term, terminalText: (id: string) => pane(id)?.text() } });
+  }
 }
 
 /**

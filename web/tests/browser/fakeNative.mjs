@@ -13,8 +13,6 @@ export class FakeNative {
     this.page = undefined;
     this.messages = [];
     this.sent = [];
-    /** Folders the next "project/open" picks. */
-    this.pickFolders = [];
     this.projects = [];
     this.resumeProjects = [];
     this.activeProjectId = undefined;
@@ -105,14 +103,6 @@ export class FakeNative {
     switch (type) {
       case 'app/config/request':
         return this.sendConfig();
-      case 'project/open': {
-        const name = this.pickFolders.shift();
-        if (!name) return;
-        const project = this.addProject(name, { 'README.md': '# hi\n', 'src/main.ts': 'export const x = 1;\n' });
-        await this.sendConfig();
-        await this.send('project/activate', { id: project.id, name: project.name, rootPath: project.rootPath });
-        return this.sendStatus(project.id);
-      }
       case 'project/activate':
         if (!this.projects.some((p) => p.id === payload.id)) return;
         this.activeProjectId = payload.id;
@@ -157,24 +147,11 @@ export class FakeNative {
         if (this.largeFiles.has(payload.path) && payload.allowLargeFile !== true) {
           return this.send('project/file/confirm', { projectId: payload.projectId, path: payload.path, sizeBytes: 41943040, softLimitBytes: 31457280, hardLimitBytes: 314572800 });
         }
-        if (payload.path.endsWith('.png')) {
-          return this.send('project/file/content', { projectId: payload.projectId, path: payload.path, content: text, encoding: 'base64', mimeType: 'image/png' });
-        }
         return this.send('project/file/content', { projectId: payload.projectId, path: payload.path, content: text });
       }
       case 'project/file/save':
         this.files.get(payload.projectId)?.set(payload.path, payload.content);
         return this.send('project/file/saved', { projectId: payload.projectId, path: payload.path });
-      case 'project/file/rename': {
-        const files = this.files.get(payload.projectId);
-        const text = files?.get(payload.path);
-        if (text === undefined) return this.send('project/file/error', { projectId: payload.projectId, path: payload.path, message: '対象が見つかりません', code: 'rename_not_found' });
-        files.delete(payload.path);
-        files.set(payload.nextPath, text);
-        await this.send('project/file/renamed', { projectId: payload.projectId, path: payload.path, nextPath: payload.nextPath, entityType: 'file' });
-        const parent = payload.path.includes('/') ? payload.path.slice(0, payload.path.lastIndexOf('/')) : '';
-        return this.send('project/explorer/changed', { projectId: payload.projectId, directoryPaths: [parent], requiresResync: false });
-      }
       case 'git/status':
         return this.sendStatus(payload.projectId ?? this.activeProjectId);
       case 'git/diff':

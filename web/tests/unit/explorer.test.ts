@@ -74,13 +74,3 @@ describe('explorer invalidation', () => {
     expect(ex.applyChanged(s, null).state).toBe(s);
   });
 });
-
-describe('rename paths', () => {
-  it.each([
-    { path: 'a.txt', name: 'b.txt', next: 'b.txt' },
-    { path: 'src/a.txt', name: 'b.txt', next: 'src/b.txt' },
-    { path: 'src/deep/dir', name: 'other', next: 'src/deep/other' },
-  ])('$path → $name', ({ path, name, next }) => {
-    expect(ex.renamedPath(path, name)).toBe(next);
-  });
-});

@@ -1,7 +1,6 @@
 import { describe, expect, it } from 'vitest';
 import { OutputQueue } from '../../src/terminal/outputQueue';
 import { decodeBase64, encodeBase64, binaryStringToBase64 } from '../../src/terminal/base64';
-import { dropPaths, shellQuote } from '../../src/terminal/paths';
 
 function harness() {
   const flushes: (() => void)[] = [];
@@ -18,30 +17,14 @@ function harness() {
 
 describe('OutputQueue', () => {
   it('keeps sessions apart and their bytes in order', () => {
-    const { queue, sink, runFlushes } = harness();
-    const other: string[] = [];
-    queue.attach('s', sink);
-    queue.attach('t', { write: (b, done) => { other.push(new TextDecoder().decode(b)); done(); }, resize: () => undefined });
-    const writes: string[] = [];
-    sink.write = (b, done) => { writes.push(new TextDecoder().decode(b)); done(); };
+    const got: Record<string, string> = { s: '', t: '' };
+    const queue = new OutputQueue((flush) => flush());
+    for (const id of ['s', 't']) queue.attach(id, { write: (b, done) => ((got[id] += new TextDecoder().decode(b)), done()), resize: () => undefined });
     for (const part of ['a', 'b', 'c']) {
       queue.push('s', new TextEncoder().encode(part));
       queue.push('t', new TextEncoder().encode(part.toUpperCase()));
     }
-    runFlushes();
-    expect(writes.join('')).toBe('abc');
-    expect(other.join('')).toBe('ABC');
-  });
-
-  it('holds output for a session until its terminal exists', () => {
-    const { queue, writes, sink, runFlushes } = harness();
-    queue.push('s', new TextEncoder().encode('early '));
-    runFlushes();
-    expect(writes).toEqual([]);
-    queue.push('s', new TextEncoder().encode('bytes'));
-    queue.attach('s', sink);
-    runFlushes();
-    expect(writes).toEqual(['early bytes']);
+    expect(got).toEqual({ s: 'abc', t: 'ABC' });
   });
 
   it('merges what arrives while the terminal is busy into bounded pieces, and reports idle', () => {
@@ -115,24 +98,5 @@ describe('base64', () => {
     expect(decodeBase64(encodeBase64(bytes))).toEqual(bytes);
     expect(decodeBase64('@@@')).toBeUndefined();
     expect(decodeBase64(binaryStringToBase64('\x1b[M\xff'))).toEqual(new Uint8Array([0x1b, 0x5b, 0x4d, 0xff]));
-  });
-});
-
-describe('dropped paths', () => {
-  it.each([
-    { path: '/home/u/src/a.txt', quoted: '/home/u/src/a.txt' },
-    { path: '/home/u/My Files/a b.txt', quoted: "'/home/u/My Files/a b.txt'" },
-    { path: "/tmp/it's", quoted: "'/tmp/it'\\''s'" },
-    { path: '/tmp/$HOME;rm', quoted: "'/tmp/$HOME;rm'" },
-    { path: '~/x', quoted: "'~/x'" },
-    { path: '=ls', quoted: "'=ls'" },
-  ])('$path', ({ path, quoted }) => {
-    expect(shellQuote(path)).toBe(quoted);
-  });
-
-  it('reads only string paths from the drop detail', () => {
-    expect(dropPaths({ paths: ['/a', 5, '', '/b'], timestamp: 1 })).toEqual(['/a', '/b']);
-    expect(dropPaths({ paths: '/a' })).toEqual([]);
-    expect(dropPaths(null)).toEqual([]);
   });
 });

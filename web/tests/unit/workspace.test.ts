@@ -1,6 +1,6 @@
 import { describe, expect, it } from 'vitest';
-import { applyActivation, applyConfig, initialWorkspace, reorderIds, type ColumnKind } from '../../src/state/workspace';
-import { columnOrder } from '../../src/ui/layout';
+import { applyActivation, applyConfig, initialWorkspace, reorderIds } from '../../src/state/workspace';
+import { fakeApp } from './fakeApp';
 import { P1, P2, P3, S1 } from './ids';
 
 const project = (id: string, name: string) => ({ id, name, rootPath: `~/${name}`, explorerExcludedPaths: [] });
@@ -71,12 +71,15 @@ describe('reorderIds', () => {
   });
 });
 
-describe('column order', () => {
+describe('resuming the workspace', () => {
   it.each([
-    { layout: ['explorer', 'preview', 'editor', 'terminal'], order: ['explorer', 'preview', 'editor', 'terminal', 'git'] },
-    { layout: ['git', 'terminal'], order: ['git', 'terminal'] },
-    { layout: ['terminal', 'explorer', 'git', 'editor'], order: ['terminal', 'explorer', 'git', 'editor'] },
-  ] as { layout: ColumnKind[]; order: ColumnKind[] }[])('$layout', ({ layout, order }) => {
-    expect(columnOrder(layout)).toEqual(order);
+    { name: 'a project brought back without a shell gets a new terminal', sessions: [], creates: [{ projectId: P1 }] },
+    { name: 'one whose shell is configured starts nothing', sessions: [{ id: S1, title: 'CLI #1', workingDirectory: '/x', projectId: P1, status: 'pending' }], creates: [] },
+  ])('$name', ({ sessions, creates }) => {
+    const { app, send, take } = fakeApp();
+    send('app/config', { projects: [], hasSavedWorkspace: true, resumeProjects: [project(P1, 'a')] });
+    app.resumeWorkspace();
+    send('app/config', { projects: [project(P1, 'a')], activeProjectId: P1, cliSessions: sessions });
+    expect(take('terminal/create')).toEqual(creates);
   });
 });
