@@ -8,7 +8,7 @@
 #include "shell/HeadlessHost.h"
 
 #ifdef VELKO_HAS_GUI
-#include "platform/DesktopHost.h"
+#include "platform/gtk/DesktopHost.h"
 #endif
 
 int main(int argc, char** argv) {

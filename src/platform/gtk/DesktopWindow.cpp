@@ -1,4 +1,4 @@
-#include "platform/DesktopWindow.h"
+#include "platform/gtk/DesktopWindow.h"
 
 #include <gtk/gtk.h>
 #include <unistd.h>
