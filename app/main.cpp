@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "shell/HeadlessHost.h"
+#include "platform/HeadlessHost.h"
 
 #ifdef VELKO_HAS_GUI
 #include "platform/gtk/DesktopHost.h"
