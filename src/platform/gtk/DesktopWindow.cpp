@@ -15,6 +15,7 @@
 #include "core/Paths.h"
 #include "shell/AppBundleSchemeHandler.h"
 #include "shell/GestureBridge.h"
+#include "input/KeyTable.h"
 #include "shell/InputCommandCenter.h"
 #include "shell/VelkoApp.h"
 #include "shell/WebBridge.h"
