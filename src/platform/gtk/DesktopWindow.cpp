@@ -10,8 +10,10 @@
 #include "core/Log.h"
 #include "core/Paths.h"
 #include "input/KeyTable.h"
+#include "platform/PageNavigationPolicy.h"
 #include "platform/gtk/AppScheme.h"
 #include "platform/gtk/NativeFolderPicker.h"
+#include "platform/gtk/OwnPageGuard.h"
 #include "platform/gtk/WebViewHost.h"
 #include "platform/gtk/WindowEventMonitoring.h"
 #include "platform/gtk/ZoomGestureView.h"
@@ -149,8 +151,8 @@ private:
 
     void buildWebView() {
         m_contentManager = webkit_user_content_manager_new();
-        webkit_user_content_manager_register_script_message_handler(m_contentManager, "velko", nullptr);
         g_signal_connect(m_contentManager, "script-message-received::velko", G_CALLBACK(onScriptMessage), this);
+        installPageChannel(m_contentManager);
 
         WebKitSettings* settings = webkit_settings_new();
         webkit_settings_set_enable_developer_extras(settings, TRUE);
@@ -168,6 +170,7 @@ private:
         gtk_widget_set_vexpand(GTK_WIDGET(m_webView), TRUE);
         gtk_overlay_set_child(GTK_OVERLAY(m_overlay), GTK_WIDGET(m_webView));
 
+        keepViewOnOwnPage(m_webView);
         g_signal_connect(m_webView, "load-changed", G_CALLBACK(onLoadChanged), this);
         g_signal_connect(m_webView, "web-process-terminated", G_CALLBACK(onWebProcessTerminated), this);
 
@@ -272,8 +275,15 @@ private:
 
     static void onScriptMessage(WebKitUserContentManager*, JSCValue* value, gpointer data) {
         auto* self = static_cast<DesktopWindowImpl*>(data);
-        char* text = jsc_value_to_json(value, 0);
-        if (!text) return;  // undefined or a value JSON cannot express
+        // The relay only runs in our page's top frame; this holds even if a
+        // message were still in flight when the view left the page.
+        const char* shown = webkit_web_view_get_uri(self->m_webView);
+        if (!shown || !isOwnPageURI(shown)) return;
+        // The relay posts the body as its JSON text (nothing for a value JSON
+        // cannot express).
+        if (!jsc_value_is_string(value)) return;
+        char* text = jsc_value_to_string(value);
+        if (!text) return;
         std::string_view json(text);
         if (auto body = parseJson(json)) {
             if (auto line = webViewLogText(*body))
