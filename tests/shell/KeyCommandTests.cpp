@@ -9,16 +9,6 @@ namespace {
 constexpr uint32_t kCtrl = kModifierControl, kShift = kModifierShift, kAlt = kModifierAlt;
 }  // namespace
 
-TEST(KeyCommand, SyntheticKeyScriptSendsKeydownThenKeyupWithCommandSemantics) {
-    std::string script = syntheticKeyScript(SyntheticKey{"+", "Equal", true});
-    EXPECT_EQ(script,
-              "(function() {\n  const eventInit = { key: \"+\", code: \"Equal\", metaKey: true, shiftKey: true, "
-              "ctrlKey: false, altKey: false, bubbles: true };\n"
-              "  window.dispatchEvent(new KeyboardEvent(\"keydown\", eventInit));\n"
-              "  window.dispatchEvent(new KeyboardEvent(\"keyup\", eventInit));\n})();");
-    EXPECT_NE(syntheticKeyScript(SyntheticKey{"0", "Digit0", false}).find("shiftKey: false,"), std::string::npos);
-}
-
 TEST(KeyCommand, DropScriptCarriesStandardisedAbsolutePathsInOrder) {
     struct Case {
         std::vector<std::string> paths;
