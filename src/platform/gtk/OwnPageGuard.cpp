@@ -63,10 +63,14 @@ gboolean decidePolicy(WebKitWebView*, WebKitPolicyDecision* decision, WebKitPoli
             webkit_policy_decision_ignore(decision);
             openInDefaultBrowser(target);
             return TRUE;
-        case NavigationDecision::Ignore:
+        case NavigationDecision::Ignore: {
             webkit_policy_decision_ignore(decision);
-            kLog.notice("ignored a navigation away from the page");
+            // The scheme only: the rest of a URL may be private.
+            const char* scheme = g_uri_peek_scheme(target.c_str());  // interned, not ours to free
+            kLog.notice(std::string("ignored a navigation away from the page (") + (scheme ? scheme : "no scheme") +
+                        ")");
             return TRUE;
+        }
     }
     return FALSE;
 }
