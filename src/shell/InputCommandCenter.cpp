@@ -1,7 +1,7 @@
 #include "shell/InputCommandCenter.h"
 
 #include "core/Json.h"
-#include "shell/AppBundleSchemeHandler.h"
+#include "core/PathText.h"
 
 namespace velko {
 
