@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "shell/HeadlessHost.h"
+#include "platform/HeadlessHost.h"
 
 #ifdef VELKO_HAS_GUI
-#include "platform/DesktopHost.h"
+#include "platform/gtk/DesktopHost.h"
 #endif
 
 int main(int argc, char** argv) {

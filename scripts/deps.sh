@@ -5,6 +5,8 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config git zsh
+  # Without a CJK font every Japanese label of the window is a row of empty boxes.
+  fonts-noto-cjk
   libgtk-4-dev libwebkitgtk-6.0-dev libjavascriptcoregtk-6.0-dev
   nlohmann-json3-dev libcurl4-openssl-dev libssl-dev libsecret-1-dev
   libgtest-dev libgmock-dev libbenchmark-dev

@@ -9,7 +9,7 @@
 
 #include <memory>
 
-#include "shell/NativeTerminalInput.h"
+#include "input/NativeTerminalInput.h"
 
 namespace velko {
 

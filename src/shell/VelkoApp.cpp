@@ -7,7 +7,7 @@
 #include "shell/ContentView.h"
 #include "shell/GestureBridge.h"
 #include "shell/InputCommandCenter.h"
-#include "shell/NativeTerminalInput.h"
+#include "input/NativeTerminalInput.h"
 #include "shell/WebBridge.h"
 #include "terminal/CodexShimInstaller.h"
 #include "terminal/TerminalCoordinator.h"

@@ -22,7 +22,7 @@
 #include "core/Json.h"
 #include "core/MainQueue.h"
 #include "core/Paths.h"
-#include "platform/DesktopWindow.h"
+#include "platform/gtk/DesktopWindow.h"
 #include "shell/VelkoApp.h"
 #include "shell/WebBridge.h"
 #include "support/TestSupport.h"

@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "core/Json.h"
 #include "core/Paths.h"
 
 extern char** environ;
@@ -72,6 +73,17 @@ std::string evaluate(GtkWidget* view, const std::string& expression) {
         &pending);
     pumpUntil([&] { return pending.done; });
     return pending.text;
+}
+
+std::optional<std::pair<int, int>> screenCentre(GtkWidget* window, GtkWidget* view, const std::string& selector) {
+    auto box = parseJson(evaluate(view, "(() => { const r = document.querySelector('" + selector +
+                                            "')?.getBoundingClientRect(); "
+                                            "return r && r.width > 0 ? [r.x + r.width / 2, r.y + r.height / 2] : null; })()"));
+    if (!box || !box->is_array() || box->size() != 2) return std::nullopt;
+    graphene_point_t inView = GRAPHENE_POINT_INIT((*box)[0].get<float>(), (*box)[1].get<float>()), inWindow;
+    if (!gtk_widget_compute_point(view, window, &inView, &inWindow)) return std::nullopt;
+    // Undecorated under a bare X server: the window's surface is at (0, 0).
+    return std::make_pair(static_cast<int>(inWindow.x), static_cast<int>(inWindow.y));
 }
 
 namespace {

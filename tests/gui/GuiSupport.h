@@ -5,7 +5,9 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 typedef struct _GtkWidget GtkWidget;
@@ -21,6 +23,11 @@ bool pumpUntil(const std::function<bool()>& done, std::chrono::seconds limit = s
 
 // The page's value of `expression` as JSON text ("error: …" when it threw).
 std::string evaluate(GtkWidget* webView, const std::string& expression);
+
+// The centre of the element `selector` in the window's coordinates (the
+// window sits at the origin of the virtual display), or nullopt while it is
+// not laid out.
+std::optional<std::pair<int, int>> screenCentre(GtkWidget* window, GtkWidget* view, const std::string& selector);
 
 // Real input on the display the program uses. Each returns false when the X
 // server does not offer XTest.

@@ -18,7 +18,7 @@
 #include "core/Json.h"
 #include "core/MainQueue.h"
 #include "core/Paths.h"
-#include "platform/DesktopWindow.h"
+#include "platform/gtk/DesktopWindow.h"
 #include "platform/IBusInputSources.h"
 #include "shell/VelkoApp.h"
 #include "shell/WebBridge.h"
@@ -28,6 +28,7 @@
 using namespace velko;
 using test::evaluate;
 using test::pumpUntil;
+using test::screenCentre;
 
 namespace {
 
@@ -58,19 +59,6 @@ void makeProject(const std::string& folder) {
     std::string git = "git -C '" + folder + "' -c user.name=velko -c user.email=velko@example.invalid ";
     ASSERT_TRUE(run(git + "init -q -b main && " + git + "add -A && " + git + "commit -q -m 'Start the demo'"));
     ASSERT_TRUE(writeFileAtomically(folder + "/README.md", "# demo\n\nChanged.\n"));
-}
-
-// The centre of the element on the screen (the window sits at the origin of
-// the virtual display), or nullopt while it is not laid out.
-std::optional<std::pair<int, int>> screenCentre(GtkWidget* window, GtkWidget* view, const std::string& selector) {
-    auto box = parseJson(evaluate(view, "(() => { const r = document.querySelector('" + selector +
-                                            "')?.getBoundingClientRect(); "
-                                            "return r && r.width > 0 ? [r.x + r.width / 2, r.y + r.height / 2] : null; })()"));
-    if (!box || !box->is_array() || box->size() != 2) return std::nullopt;
-    graphene_point_t inView = GRAPHENE_POINT_INIT((*box)[0].get<float>(), (*box)[1].get<float>()), inWindow;
-    if (!gtk_widget_compute_point(view, window, &inView, &inWindow)) return std::nullopt;
-    // Undecorated under a bare X server: the window's surface is at (0, 0).
-    return std::make_pair(static_cast<int>(inWindow.x), static_cast<int>(inWindow.y));
 }
 
 }  // namespace

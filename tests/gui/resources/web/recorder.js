@@ -1,7 +1,7 @@
 // Records what the native side delivers so the gui tests can read it back:
-// events (as their JSON text), synthetic zoom keys and native drops. Each
-// event's type also goes to the web view log, which is how a test that runs
-// the whole program sees the page.
+// events (as their JSON text), synthetic zoom keys, native drops and what
+// embedded frames report. Each event's type also goes to the web view log,
+// which is how a test that runs the whole program sees the page.
 (function () {
   const post = (message) => window.webkit.messageHandlers.velko.postMessage(message);
   const show = (line) => {
@@ -27,6 +27,9 @@
       window.__keys.push([e.type, e.key, e.code, e.metaKey, e.shiftKey, e.ctrlKey, e.altKey].join(' '));
     });
   }
+  // What embedded frames report with window messaging.
+  window.__frameReports = [];
+  window.addEventListener('message', (e) => window.__frameReports.push(String(e.data)));
   window.addEventListener('velko:native-drop', (e) => {
     window.__drops.push(JSON.stringify(e.detail));
   });

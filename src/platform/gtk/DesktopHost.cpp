@@ -1,4 +1,4 @@
-#include "platform/DesktopHost.h"
+#include "platform/gtk/DesktopHost.h"
 
 #include <glib-unix.h>
 #include <gtk/gtk.h>
@@ -15,7 +15,7 @@
 #include "core/Log.h"
 #include "core/MainQueue.h"
 #include "core/Paths.h"
-#include "platform/DesktopWindow.h"
+#include "platform/gtk/DesktopWindow.h"
 #include "platform/IBusInputSources.h"
 #include "shell/AppBundleSchemeHandler.h"
 #include "shell/InputCommandCenter.h"

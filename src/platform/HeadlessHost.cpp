@@ -1,4 +1,4 @@
-#include "shell/HeadlessHost.h"
+#include "platform/HeadlessHost.h"
 
 #include <glib.h>
 #include <unistd.h>

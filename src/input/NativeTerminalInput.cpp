@@ -1,4 +1,4 @@
-#include "shell/NativeTerminalInput.h"
+#include "input/NativeTerminalInput.h"
 
 #include "core/Json.h"
 #include "terminal/TerminalService.h"

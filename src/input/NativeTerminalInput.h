@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "core/Uuid.h"
-#include "shell/InputCommandCenter.h"
+#include "input/KeyTable.h"
 
 namespace velko {
 

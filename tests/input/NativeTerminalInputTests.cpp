@@ -4,7 +4,7 @@
 
 #include "core/Base64.h"
 #include "core/MainQueue.h"
-#include "shell/NativeTerminalInput.h"
+#include "input/NativeTerminalInput.h"
 #include "support/TestSupport.h"
 #include "terminal/CodexShimInstaller.h"
 #include "terminal/TerminalService.h"
@@ -246,14 +246,12 @@ TEST(NativeTerminalInput, TypedKeysReachTheSessionOrTellOnceThatTerminalsAreOff)
         queue->runUntilIdle();
         ASSERT_EQ(service->isTerminalV2Enabled(), enabled);
 
-        auto commands = std::make_shared<InputCommandCenter>();
         auto input = std::make_shared<NativeTerminalInput>(terminalServiceTarget(service),
                                                            std::make_shared<FakeSources>());
-        commands->setNativeKeyHandler(input);
-        EXPECT_FALSE(commands->handleKeyDown({0x68, 0, "h"}));  // nothing focused yet
+        EXPECT_FALSE(input->handleNativeKeyDown({0x68, 0, "h"}));  // nothing focused yet
         service->setInputFocus(kSession, true);
         for (const char* key : {"h", "i", " "})
-            EXPECT_TRUE(commands->handleKeyDown({static_cast<uint32_t>(key[0]), 0, key}));
+            EXPECT_TRUE(input->handleNativeKeyDown({static_cast<uint32_t>(key[0]), 0, key}));
         queue->runUntilIdle();
 
         size_t notices = 0;

@@ -1,18 +1,22 @@
-#include "platform/DesktopWindow.h"
+#include "platform/gtk/DesktopWindow.h"
 
 #include <gtk/gtk.h>
-#include <unistd.h>
 #include <webkit/webkit.h>
 
 #include <chrono>
 #include <cmath>
-#include <climits>
-#include <functional>
-#include <map>
 
 #include "core/Json.h"
 #include "core/Log.h"
 #include "core/Paths.h"
+#include "input/KeyTable.h"
+#include "platform/PageNavigationPolicy.h"
+#include "platform/gtk/AppScheme.h"
+#include "platform/gtk/NativeFolderPicker.h"
+#include "platform/gtk/OwnPageGuard.h"
+#include "platform/gtk/WebViewHost.h"
+#include "platform/gtk/WindowEventMonitoring.h"
+#include "platform/gtk/ZoomGestureView.h"
 #include "shell/AppBundleSchemeHandler.h"
 #include "shell/GestureBridge.h"
 #include "shell/InputCommandCenter.h"
@@ -43,69 +47,6 @@ const Logger kLog("app.velko", "webview");
 constexpr const char* kCrashMessage =
     "ページの表示プロセスが終了しました。Ctrl+Shift+R で再読み込みできます。";
 
-// The scheme is registered once per web context; the window that lives now
-// answers it.
-std::shared_ptr<AppBundleSchemeHandler>& currentSchemeHandler() {
-    static std::shared_ptr<AppBundleSchemeHandler> handler;
-    return handler;
-}
-
-void answerSchemeRequest(WebKitURISchemeRequest* request, gpointer) {
-    const char* uri = webkit_uri_scheme_request_get_uri(request);
-    auto handler = currentSchemeHandler();
-    SchemeResponse response;
-    if (!uri || !*uri) {
-        GError* error = g_error_new_literal(G_IO_ERROR, G_IO_ERROR_INVALID_ARGUMENT, "bad URL");
-        webkit_uri_scheme_request_finish_error(request, error);
-        g_error_free(error);
-        return;
-    }
-    if (handler) {
-        response = handler->respond(uri);
-    } else {
-        response.body = "Not found";
-        response.mimeType = "text/plain";
-        response.textEncoding = "utf-8";
-    }
-    if (response.kind == SchemeResponse::Kind::ReadFailed || response.kind == SchemeResponse::Kind::BadRequest) {
-        GError* error = g_error_new(G_IO_ERROR, G_IO_ERROR_FAILED, "%s", response.error.c_str());
-        webkit_uri_scheme_request_finish_error(request, error);
-        g_error_free(error);
-        return;
-    }
-    GBytes* bytes = g_bytes_new(response.body.data(), response.body.size());
-    GInputStream* stream = g_memory_input_stream_new_from_bytes(bytes);
-    WebKitURISchemeResponse* answer =
-        webkit_uri_scheme_response_new(stream, static_cast<gint64>(response.body.size()));
-    std::string contentType = response.contentType();
-    webkit_uri_scheme_response_set_content_type(answer, contentType.c_str());
-    if (response.kind == SchemeResponse::Kind::NotFound) {
-        webkit_uri_scheme_response_set_status(answer, 404, "Not Found");
-        SoupMessageHeaders* headers = soup_message_headers_new(SOUP_MESSAGE_HEADERS_RESPONSE);
-        soup_message_headers_append(headers, "Content-Type", contentType.c_str());
-        soup_message_headers_append(headers, "Content-Length", std::to_string(response.body.size()).c_str());
-        webkit_uri_scheme_response_set_http_headers(answer, headers);  // takes ownership
-    } else {
-        webkit_uri_scheme_response_set_status(answer, 200, nullptr);
-    }
-    webkit_uri_scheme_request_finish_with_response(request, answer);
-    g_object_unref(answer);
-    g_object_unref(stream);
-    g_bytes_unref(bytes);
-}
-
-void registerAppScheme() {
-    static bool registered = false;
-    if (registered) return;
-    registered = true;
-    WebKitWebContext* context = webkit_web_context_get_default();
-    webkit_web_context_register_uri_scheme(context, "app", answerSchemeRequest, nullptr, nullptr);
-    WebKitSecurityManager* security = webkit_web_context_get_security_manager(context);
-    // Module scripts and fetch() need a secure, CORS-enabled origin.
-    webkit_security_manager_register_uri_scheme_as_secure(security, "app");
-    webkit_security_manager_register_uri_scheme_as_cors_enabled(security, "app");
-}
-
 uint32_t keyModifiers(unsigned state) {
     uint32_t modifiers = 0;
     if (state & GDK_SHIFT_MASK) modifiers |= kModifierShift;
@@ -119,167 +60,6 @@ double secondsSince1970() {
     using namespace std::chrono;
     return duration<double>(system_clock::now().time_since_epoch()).count();
 }
-
-// The web view as the bridge sees it. Holds a reference so a late script never
-// reaches a destroyed view.
-class WebViewHost final : public WebViewHosting {
-public:
-    explicit WebViewHost(WebKitWebView* view) : m_view(WEBKIT_WEB_VIEW(g_object_ref(view))) {}
-    ~WebViewHost() override { g_object_unref(m_view); }
-    void evaluateScript(const std::string& script) override {
-        webkit_web_view_evaluate_javascript(m_view, script.data(), static_cast<gssize>(script.size()), nullptr,
-                                            nullptr, nullptr, nullptr, nullptr);
-    }
-
-private:
-    WebKitWebView* m_view;
-};
-
-class NativeFolderPicker final : public FolderPicking {
-public:
-    explicit NativeFolderPicker(GtkWindow* parent) : m_parent(parent) {}
-    void pickFolders(std::function<void(std::vector<std::string>)> completion) override {
-        GtkFileChooserNative* chooser = gtk_file_chooser_native_new(
-            "Open", m_parent, GTK_FILE_CHOOSER_ACTION_SELECT_FOLDER, "Open", "Cancel");
-        gtk_file_chooser_set_select_multiple(GTK_FILE_CHOOSER(chooser), TRUE);
-        auto* pending = new std::function<void(std::vector<std::string>)>(std::move(completion));
-        g_signal_connect(chooser, "response", G_CALLBACK(+[](GtkNativeDialog* dialog, int response, gpointer data) {
-                             auto* done = static_cast<std::function<void(std::vector<std::string>)>*>(data);
-                             std::vector<std::string> paths;
-                             if (response == GTK_RESPONSE_ACCEPT) {
-                                 GListModel* files = gtk_file_chooser_get_files(GTK_FILE_CHOOSER(dialog));
-                                 for (guint i = 0; i < g_list_model_get_n_items(files); ++i) {
-                                     GFile* file = G_FILE(g_list_model_get_item(files, i));
-                                     if (char* path = g_file_get_path(file)) {
-                                         paths.emplace_back(path);
-                                         g_free(path);
-                                     }
-                                     g_object_unref(file);
-                                 }
-                                 g_object_unref(files);
-                             }
-                             (*done)(std::move(paths));
-                             delete done;
-                             g_object_unref(dialog);
-                         }),
-                         pending);
-        gtk_native_dialog_set_modal(GTK_NATIVE_DIALOG(chooser), TRUE);
-        gtk_native_dialog_show(GTK_NATIVE_DIALOG(chooser));
-    }
-
-private:
-    GtkWindow* m_parent;
-};
-
-// Key and swipe monitors over the window's capture-phase controllers.
-class WindowEventMonitoring final : public EventMonitoring {
-public:
-    std::optional<MonitorHandle> installKeyDownMonitor(std::function<bool(const KeyPress&)> handler) override {
-        m_keys[++m_next] = std::move(handler);
-        return m_next;
-    }
-    std::optional<MonitorHandle> installSwipeMonitor(std::function<void(double)> handler) override {
-        m_swipes[++m_next] = std::move(handler);
-        return m_next;
-    }
-    void removeMonitor(MonitorHandle handle) override {
-        m_keys.erase(handle);
-        m_swipes.erase(handle);
-    }
-    bool keyDown(const KeyPress& press) {
-        auto keys = m_keys;  // a handler may remove monitors
-        for (auto& [handle, handler] : keys)
-            if (handler(press)) return true;
-        return false;
-    }
-    void swipe(double deltaX) {
-        auto swipes = m_swipes;
-        for (auto& [handle, handler] : swipes) handler(deltaX);
-    }
-
-private:
-    MonitorHandle m_next = 0;
-    std::map<MonitorHandle, std::function<bool(const KeyPress&)>> m_keys;
-    std::map<MonitorHandle, std::function<void(double)>> m_swipes;
-};
-
-// The web view as the pinch logic sees it, over a zoom gesture on the view.
-class ZoomGestureView final : public GestureViewing {
-public:
-    explicit ZoomGestureView(GtkWidget* view) : m_view(view) {
-        m_gesture = gtk_gesture_zoom_new();
-        // Capture without claiming: the page still gets the pinch.
-        gtk_event_controller_set_propagation_phase(GTK_EVENT_CONTROLLER(m_gesture), GTK_PHASE_CAPTURE);
-        g_signal_connect(m_gesture, "begin", G_CALLBACK(onBegin), this);
-        g_signal_connect(m_gesture, "scale-changed", G_CALLBACK(onScaleChanged), this);
-        g_signal_connect(m_gesture, "cancel", G_CALLBACK(onCancel), this);
-        g_signal_connect(m_gesture, "end", G_CALLBACK(onEnd), this);
-        gtk_widget_add_controller(m_view, GTK_EVENT_CONTROLLER(m_gesture));  // the view owns it
-    }
-    ~ZoomGestureView() override { g_signal_handlers_disconnect_by_data(m_gesture, this); }
-
-    const void* window() const override { return gtk_widget_get_root(m_view); }
-    double originX() const override { return origin().x; }
-    double originY() const override { return origin().y; }
-    double width() const override { return gtk_widget_get_width(m_view); }
-    double height() const override { return gtk_widget_get_height(m_view); }
-    double scaleFactor() const override { return gtk_widget_get_scale_factor(m_view); }
-    std::optional<MonitorHandle> installMagnifyMonitor(std::function<void(const MagnifyEvent&)> handler) override {
-        m_handler = std::move(handler);
-        return 1;
-    }
-    void removeMagnifyMonitor(MonitorHandle) override { m_handler = nullptr; }
-
-private:
-    graphene_point_t origin() const {
-        graphene_point_t zero = GRAPHENE_POINT_INIT(0, 0), out = GRAPHENE_POINT_INIT(0, 0);
-        GtkWidget* root = GTK_WIDGET(gtk_widget_get_root(m_view));
-        if (root && !gtk_widget_compute_point(m_view, root, &zero, &out)) out = zero;
-        return out;
-    }
-    void emit(GesturePhase phase, double magnification) {
-        if (!m_handler) return;
-        MagnifyEvent event;
-        event.phase = phase;
-        event.magnification = magnification;
-        event.window = window();
-        double x = 0, y = 0;
-        gtk_gesture_get_bounding_box_center(GTK_GESTURE(m_gesture), &x, &y);
-        auto at = origin();
-        event.windowX = x + at.x;
-        event.windowY = y + at.y;
-        m_handler(event);
-    }
-    static void onBegin(GtkGesture*, GdkEventSequence*, gpointer data) {
-        auto* self = static_cast<ZoomGestureView*>(data);
-        self->m_lastScale = 1.0;
-        self->m_cancelled = false;
-        self->emit(GesturePhase::Began, 0);
-    }
-    static void onScaleChanged(GtkGestureZoom*, double scale, gpointer data) {
-        auto* self = static_cast<ZoomGestureView*>(data);
-        // GTK reports the scale since the start; the logic sums steps.
-        double delta = scale - self->m_lastScale;
-        self->m_lastScale = scale;
-        self->emit(GesturePhase::Changed, delta);
-    }
-    static void onCancel(GtkGesture*, GdkEventSequence*, gpointer data) {
-        auto* self = static_cast<ZoomGestureView*>(data);
-        self->m_cancelled = true;
-        self->emit(GesturePhase::Cancelled, 0);
-    }
-    static void onEnd(GtkGesture*, GdkEventSequence*, gpointer data) {
-        auto* self = static_cast<ZoomGestureView*>(data);
-        if (self->m_cancelled) return;  // GTK ends a cancelled gesture as well
-        self->emit(GesturePhase::Ended, 0);
-    }
-
-    GtkWidget* m_view;
-    GtkGesture* m_gesture;
-    std::function<void(const MagnifyEvent&)> m_handler;
-    double m_lastScale = 1.0;
-    bool m_cancelled = false;
-};
 
 class DesktopWindowImpl final : public DesktopWindow {
 public:
@@ -371,8 +151,8 @@ private:
 
     void buildWebView() {
         m_contentManager = webkit_user_content_manager_new();
-        webkit_user_content_manager_register_script_message_handler(m_contentManager, "velko", nullptr);
         g_signal_connect(m_contentManager, "script-message-received::velko", G_CALLBACK(onScriptMessage), this);
+        installPageChannel(m_contentManager);
 
         WebKitSettings* settings = webkit_settings_new();
         webkit_settings_set_enable_developer_extras(settings, TRUE);
@@ -390,6 +170,7 @@ private:
         gtk_widget_set_vexpand(GTK_WIDGET(m_webView), TRUE);
         gtk_overlay_set_child(GTK_OVERLAY(m_overlay), GTK_WIDGET(m_webView));
 
+        keepViewOnOwnPage(m_webView);
         g_signal_connect(m_webView, "load-changed", G_CALLBACK(onLoadChanged), this);
         g_signal_connect(m_webView, "web-process-terminated", G_CALLBACK(onWebProcessTerminated), this);
 
@@ -472,9 +253,9 @@ private:
         if (resources) m_pageFile = locatePageFile(*resources);
         if (m_pageFile) {
             std::string folder = m_pageFile->substr(0, m_pageFile->rfind('/'));
-            currentSchemeHandler() = std::make_shared<AppBundleSchemeHandler>(folder);
+            setAppSchemeHandler(std::make_shared<AppBundleSchemeHandler>(folder));
         } else {
-            currentSchemeHandler().reset();
+            setAppSchemeHandler(nullptr);
         }
     }
 
@@ -494,8 +275,15 @@ private:
 
     static void onScriptMessage(WebKitUserContentManager*, JSCValue* value, gpointer data) {
         auto* self = static_cast<DesktopWindowImpl*>(data);
-        char* text = jsc_value_to_json(value, 0);
-        if (!text) return;  // undefined or a value JSON cannot express
+        // The relay only runs in our page's top frame; this holds even if a
+        // message were still in flight when the view left the page.
+        const char* shown = webkit_web_view_get_uri(self->m_webView);
+        if (!shown || !isOwnPageURI(shown)) return;
+        // The relay posts the body as its JSON text (nothing for a value JSON
+        // cannot express).
+        if (!jsc_value_is_string(value)) return;
+        char* text = jsc_value_to_string(value);
+        if (!text) return;
         std::string_view json(text);
         if (auto body = parseJson(json)) {
             if (auto line = webViewLogText(*body))

@@ -1,7 +1,8 @@
 #pragma once
 // DesktopWindow: the velko window. It hosts the one web view (the page served
 // from the resources through the "app" scheme, its message channel into the
-// bridge, navigation into the bridge's readiness), watches the input that must
+// bridge, navigation into the bridge's readiness, and nothing but our own page
+// in it: links out go to the browser), watches the input that must
 // be seen before the page (keys, pinch, swipe, file drops), shows the folder
 // picker, and puts up a message when the page's process dies.
 //
