@@ -3,7 +3,7 @@
 // read the stores and call the intents below.
 
 import { Bridge } from './bridge';
-import { num, str, uuid } from './json';
+import { num, str, uuid, type JsonObject } from './json';
 import { Store } from './store';
 import { newRequestId } from './ui/dom';
 import * as ws from './state/workspace';
@@ -11,6 +11,10 @@ import * as term from './state/terminals';
 import * as ex from './state/explorer';
 import * as ed from './state/editor';
 import * as git from './state/git';
+import * as hist from './state/history';
+import * as graph from './state/graph';
+import * as bmap from './state/branchMap';
+import { L } from './labels';
 import { decodeBase64 } from './terminal/base64';
 import { OutputQueue, type Scheduler } from './terminal/outputQueue';
 
@@ -31,11 +35,16 @@ export class App {
   readonly explorer = new Store<ex.ExplorerState>(ex.initialExplorer);
   readonly editor = new Store<ed.EditorState>(ed.initialEditor);
   readonly git = new Store<git.GitState>(git.initialGit);
+  readonly history = new Store<hist.HistoryState>(hist.initialHistory);
+  readonly graph = new Store<graph.GraphState>(graph.initialGraph);
+  readonly branchMap = new Store<bmap.BranchMapState>(bmap.initialBranchMap);
   readonly toasts = new Store<Toast[]>([]);
   /** Sessions that printed something while not on screen. */
   readonly unseen = new Store<ReadonlySet<string>>(new Set());
   private shownSessionId: string | undefined;
   private shownProjectId: string | undefined;
+  /** The project whose history is on screen; a successful action walks it again. */
+  private historyShownId: string | undefined;
   private readonly gitRefreshTimers = new Map<string, ReturnType<typeof setTimeout>>();
   /** The size last asked for per session until the native side confirms one; every resize makes the shell redraw its prompt. */
   private readonly pendingResize = new Map<string, string>();
@@ -113,12 +122,40 @@ export class App {
     b.on('project/file/renamed', (p) => this.editor.update((s) => ed.applyRenamed(s, p)));
     b.on('git/status', (p) => this.git.update((s) => git.applyStatus(s, p)));
     b.on('git/diff', (p) => this.git.update((s) => git.applyDiff(s, p)));
-    b.on('git/result', (p) => {
-      const r = git.applyResult(this.git.get(), p, this.activeProjectId);
-      this.git.set(r.state);
-      if (r.toast) this.toast(r.toast.success ? 'success' : 'error', r.toast.message);
+    b.on('git/result', (p) => this.onGitResult(p));
+    b.on('git/refresh/barrier', (p) => {
+      this.git.update((s) => git.applyBarrier(s, p));
+      this.graph.update((s) => graph.applyGraphBarrier(s, p, L.graphFailed));
+      this.branchMap.update((s) => bmap.applyBranchMapBarrier(s, p, L.branchMapFailed));
     });
-    b.on('git/refresh/barrier', (p) => this.git.update((s) => git.applyBarrier(s, p)));
+    b.on('git/history', (p) => {
+      const r = hist.applyHistory(this.history.get(), p);
+      this.history.set(r.state);
+      if (r.projectId && r.follow === 'more') this.moreHistory(r.projectId);
+      else if (r.projectId && r.follow === 'fresh') this.walkHistory(r.projectId);
+    });
+    b.on('git/history/error', (p) => this.history.update((s) => hist.applyHistoryError(s, p)));
+    b.on('git/commit/diff', (p) => this.history.update((s) => hist.applyCommitDiff(s, p)));
+    b.on('git/graph', (p) => this.graph.update((s) => graph.applyGraph(s, p)));
+    b.on('git/branch-map', (p) => this.branchMap.update((s) => bmap.applyBranchMap(s, p)));
+    b.on('git/branch-map/error', (p) => this.branchMap.update((s) => bmap.applyBranchMapError(s, p)));
+  }
+
+  private onGitResult(payload: JsonObject): void {
+    const message = str(payload, 'message');
+    // The history's failure comes again as "git/history/error", which the history view shows.
+    if (message?.startsWith(hist.HISTORY_FAILURE_PREFIX)) return;
+    if (message?.startsWith(graph.GRAPH_FAILURE_PREFIX)) {
+      const c = graph.claimFailure(this.graph.get(), message);
+      this.graph.set(c.state);
+      // No graph request of ours is outstanding (the page was reloaded meanwhile): the toast is all there is to show.
+      if (!c.claimed) this.toast('error', message);
+      return;
+    }
+    const r = git.applyResult(this.git.get(), payload, this.activeProjectId);
+    this.git.set(r.state);
+    if (r.toast) this.toast(r.toast.success ? 'success' : 'error', r.toast.message);
+    if (r.toast?.success && r.owner !== undefined && r.owner === this.historyShownId) this.walkHistory(r.owner);
   }
 
   private onConfig(payload: unknown): void {
@@ -132,6 +169,9 @@ export class App {
     const open = next.projects.map((p) => p.id);
     this.editor.update((s) => ed.keepProjects(s, open));
     this.git.update((s) => git.forgetProjects(s, open));
+    this.history.update((s) => hist.forgetProjects(s, open));
+    this.graph.update((s) => graph.forgetProjects(s, open));
+    this.branchMap.update((s) => bmap.forgetProjects(s, open));
     this.explorer.update((s) => {
       let out = s;
       for (const id of Object.keys(s.trees)) if (!open.includes(id)) out = ex.forgetProject(out, id);
@@ -368,5 +408,63 @@ export class App {
     this.bridge.post(`git/${action}`, payload);
     this.bridge.post('git/refresh/barrier', { projectId, requestId });
   }
-}
 
+  // History, graph and branch map
+
+  /** The history view shows `projectId` (undefined: it is hidden); opening it walks the history afresh. */
+  showHistory(projectId: string | undefined): void {
+    this.historyShownId = projectId;
+    if (projectId) this.walkHistory(projectId);
+  }
+
+  walkHistory(projectId: string): void {
+    this.postHistory(hist.startWalk(this.history.get(), projectId, newRequestId()));
+  }
+
+  moreHistory(projectId: string): void {
+    this.postHistory(hist.nextPage(this.history.get(), projectId, newRequestId()));
+  }
+
+  retryHistory(projectId: string): void {
+    this.postHistory(hist.retry(this.history.get(), projectId, newRequestId()));
+  }
+
+  private postHistory(step: hist.HistoryStep): void {
+    this.history.set(step.state);
+    if (step.request) this.bridge.post('git/history', step.request);
+  }
+
+  toggleCommit(projectId: string, oid: string): void {
+    this.history.update((s) => hist.toggleCommit(s, projectId, oid));
+  }
+
+  showCommitDiff(projectId: string, oid: string, path: string): void {
+    const asked = hist.renamedPath(path);
+    this.history.update((s) => hist.selectCommitDiff(s, projectId, oid, asked));
+    this.bridge.post('git/commit/diff', { projectId, commit: oid, path: asked });
+  }
+
+  closeCommitDiff(projectId: string): void {
+    this.history.update((s) => hist.clearCommitDiff(s, projectId));
+  }
+
+  /** Asks for the graph; the barrier behind it tells when a request ended without one. */
+  loadGraph(projectId: string): void {
+    const requestId = newRequestId();
+    const r = graph.requestGraph(this.graph.get(), projectId, requestId);
+    this.graph.set(r.state);
+    if (!r.send) return;
+    this.bridge.post('git/graph', { projectId });
+    this.bridge.post('git/refresh/barrier', { projectId, requestId });
+  }
+
+  /** Asks for the branch map; `limit` absent keeps the last one asked for. */
+  loadBranchMap(projectId: string, limit?: number): void {
+    const requestId = newRequestId();
+    const r = bmap.requestBranchMap(this.branchMap.get(), projectId, requestId, limit);
+    this.branchMap.set(r.state);
+    if (!r.request) return;
+    this.bridge.post('git/branch-map', r.request);
+    this.bridge.post('git/refresh/barrier', { projectId, requestId });
+  }
+}

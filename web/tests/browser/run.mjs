@@ -289,6 +289,105 @@ test('commits from the git panel and shows the result', async (ctx) => {
   await page.close();
 });
 
+/** Commits as "git/history" serves them signed out: the local-only ones, then all of HEAD labelled remote, so those come twice. */
+function servedHistory(total, localOnly) {
+  const commits = Array.from({ length: total }, (_, i) => ({
+    oid: i.toString(16).padStart(40, '0'),
+    messageHeadline: `commit ${i}`,
+    author: i % 2 ? { name: 'Ann', login: 'ann' } : { name: 'Bob' },
+    committedDate: '2024-05-01T12:00:00Z',
+    files: i === 0 ? [{ path: 'src/{old => new}/x.ts', additions: 3, deletions: 1 }] : [],
+  }));
+  return [...commits.slice(0, localOnly).map((c) => ({ ...c, origin: 'local' })), ...commits.map((c) => ({ ...c, origin: 'remote' }))];
+}
+
+test('history scrolls 600 commits to the end, each once, and a commit file asks for its diff', async (ctx) => {
+  let project;
+  const { page, native, errors } = await openPage(ctx, (n) => {
+    project = n.addProject('rho');
+    n.history.set(project.id, servedHistory(600, 120));
+  });
+  await page.click('.git-tab[data-tab="history"]');
+  const first = await native.waitFor((m) => m.type === 'git/history', 'git/history');
+  assert.deepEqual(Object.keys(first.payload).sort(), ['pageSize', 'projectId', 'requestId']);
+  await page.waitForSelector('.history-row.commit >> text=commit 0');
+  const end = await page.waitForFunction(() => {
+    const list = document.querySelector('.history-list');
+    list.scrollTop = list.scrollHeight;
+    const tail = document.querySelector('.history-row.tail')?.textContent;
+    return tail?.endsWith('件のコミット') && tail;
+  }, undefined, { polling: 30, timeout: 20000 });
+  assert.equal(await end.jsonValue(), '600 件のコミット');
+  const oids = await page.evaluate((id) => window.__velkoTest.app.history.get().projects[id].commits.map((c) => c.oid), project.id);
+  assert.equal(new Set(oids).size, 600);
+  assert.equal(oids.length, 600);
+  // Only the rows near the viewport exist.
+  assert.ok((await page.locator('.history-row').count()) < 80);
+  const pages = native.messages.filter((m) => m.type === 'git/history');
+  assert.ok(pages.slice(1).every((m) => typeof m.payload.cursorPayload === 'string'));
+  await page.$eval('.history-list', (l) => (l.scrollTop = 0));
+  await page.click('.history-row.commit:has-text("commit 0")');
+  await page.click('.history-row.file:has-text("x.ts")');
+  const asked = await native.waitFor((m) => m.type === 'git/commit/diff', 'git/commit/diff');
+  assert.deepEqual(asked.payload, { projectId: project.id, commit: oids[0], path: 'src/new/x.ts' });
+  await page.waitForSelector('.history-diff .diff-line.add >> text=+added in 0000000');
+  assert.deepEqual(errors, []);
+  await page.close();
+});
+
+test('the graph draws a merge on two lanes, runs an unlisted parent off the bottom, and shows its failure', async (ctx) => {
+  let a, b;
+  const { page, native } = await openPage(ctx, (n) => {
+    a = n.addProject('sigma');
+    b = n.addProject('tau');
+    const node = (oid, lane, branchColor) => ({ oid, lane, branchColor, messageHeadline: `msg ${oid}`, authorName: 'Ann', committedDate: '2024-05-01T12:00:00Z' });
+    n.graphs.set(b.id, {
+      nodes: [node('m', 0, '#E57373'), node('f', 1, '#64B5F6'), node('p', 1, '#64B5F6')],
+      edges: [{ from: 'm', to: 'p', lane: 0 }, { from: 'm', to: 'f', lane: 1 }, { from: 'f', to: 'p', lane: 1 }, { from: 'p', to: 'gone', lane: 1 }],
+    });
+    n.graphFailures.set(a.id, 'コミットグラフの取得に失敗しました: 認証が必要です');
+  });
+  await page.click('.git-tab[data-tab="graph"]');
+  await page.waitForSelector('.graph-row >> text=msg f');
+  const types = native.messages.map((m) => m.type);
+  assert.ok(types.lastIndexOf('git/refresh/barrier') > types.indexOf('git/graph'));
+  const cx = (oid) => page.$eval(`circle[data-oid="${oid}"]`, (c) => Number(c.getAttribute('cx')));
+  assert.notEqual(await cx('m'), await cx('f'));
+  assert.equal(await page.$eval('path[data-from="m"][data-to="f"]', (p) => p.getAttribute('stroke')), '#64B5F6');
+  assert.ok(await page.$('path[data-from="p"][data-to="gone"][data-off-bottom]'));
+  // The other project's graph failed: its message shows in the view, not as an action's toast.
+  await page.click('.project-tab >> text=sigma');
+  await page.waitForSelector('.git-graph .empty-note.error >> text=コミットグラフの取得に失敗しました: 認証が必要です');
+  assert.equal(await page.locator('.graph-row').count(), 0);
+  assert.equal(await page.locator('.toast').count(), 0);
+  await page.close();
+});
+
+test('the branch map shows what it left out, keeps the current branch, and asks for all of it', async (ctx) => {
+  let project;
+  const { page, native } = await openPage(ctx, (n) => {
+    project = n.addProject('upsilon');
+    const node = (name, extra = {}) => ({ name, isCurrent: false, isBase: false, parentConfidence: 'confirmed', mergeState: 'unmerged', location: 'local', pushState: 'noUpstream', inUseByOtherWorktree: false, hasUncommittedChanges: false, hasConflicts: false, isCleanupCandidate: false, overlaps: [], priority: 5, ...extra });
+    const nodes = [node('main', { isBase: true, mergeState: 'base', priority: 0 }), ...Array.from({ length: 56 }, (_, i) => node(`topic-${i}`))];
+    nodes.push(node('feature/mine', { isCurrent: true, parent: 'topic-3', parentConfidence: 'estimated', priority: 2, overlaps: [{ branch: 'topic-1', fileCount: 7, samplePaths: ['a.ts', 'b.ts'] }] }));
+    n.branchMaps.set(project.id, { baseBranch: 'main', currentBranch: 'feature/mine', repositoryState: 'ready', isShallow: true, hasRemote: false, nodes, generatedAt: '2024-05-01T12:00:00Z' });
+  });
+  await page.click('.git-tab[data-tab="branches"]');
+  await page.waitForSelector('.branch-more >> text=8 件を省略');
+  assert.equal(await page.locator('.branch-node').count(), 50);
+  const mine = page.locator('.branch-node.current[data-branch="feature/mine"]');
+  assert.equal(await mine.locator('.branch-badge.estimated').textContent(), '推定');
+  assert.ok((await mine.textContent()).includes('a.ts, b.ts'));
+  await page.waitForSelector('.branch-note >> text=浅いクローン');
+  await page.waitForSelector('.branch-note >> text=リモートリポジトリがありません');
+  await page.click('.branch-more button');
+  const all = await native.waitFor((m) => m.type === 'git/branch-map' && m.payload.limit !== undefined, 'branch map with a limit');
+  assert.deepEqual(all.payload, { projectId: project.id, limit: 58 });
+  await page.waitForFunction(() => document.querySelectorAll('.branch-node').length === 58);
+  assert.ok(await page.isHidden('.branch-more'));
+  await page.close();
+});
+
 test('a pinch on the touchpad widens or narrows the column under the fingers', async (ctx) => {
   const { page, native } = await openPage(ctx, (n) => n.addProject('pi'));
   await page.waitForSelector('.project-tab.active >> text=pi');
@@ -322,6 +421,9 @@ test('malformed events are ignored and the page keeps working', async (ctx) => {
     ['project/explorer/changed', { projectId: native.activeProjectId, directoryPaths: 'src' }],
     ['git/status', { projectId: native.activeProjectId, staged: 'x', ahead: 'two' }],
     ['git/result', { success: 'yes' }],
+    ['git/history', { projectId: native.activeProjectId, edges: 'none', pageInfo: 7 }],
+    ['git/graph', { projectId: native.activeProjectId, nodes: [{ oid: 'a', lane: -1 }, null], edges: {} }],
+    ['git/branch-map', { projectId: native.activeProjectId, nodes: [{ name: 5 }, { name: 'x', overlaps: 'y' }] }],
     ['project/file/content', { projectId: native.activeProjectId, path: 5, content: null }],
     ['unknown/type', {}],
   ];
