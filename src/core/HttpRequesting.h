@@ -28,8 +28,8 @@ struct HttpHeader {
 struct HttpRequest {
     HttpMethod method = HttpMethod::Get;
     std::string url;
-    std::vector<HttpHeader> headers;  // sent as given; no CR, LF or NUL
-    std::string body;                 // Post only
+    std::vector<HttpHeader> headers = {};  // sent as given; no CR, LF or NUL
+    std::string body = {};                 // Post only
     // Time to establish the connection (TLS included).
     std::chrono::milliseconds connectTimeout{10'000};
     // No byte received for this long ends the transfer. Counted in whole
