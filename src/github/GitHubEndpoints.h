@@ -20,10 +20,10 @@ struct GitHubBaseURL {
 };
 
 enum class GitHubBaseURLError {
-    NotAURL,           // no "scheme://", or blanks and control characters inside
-    SchemeNotAllowed,  // neither https nor http
+    NotAURL,               // no "scheme://", or blanks and control characters inside
+    SchemeNotAllowed,      // neither https nor http
     PlainHttpOffLoopback,  // http to anything but 127.0.0.1 or [::1]
-    UserInformation,   // "user@" or "user:password@" before the host
+    UserInformation,       // "user@" or "user:password@" before the host
     QueryOrFragment,
     BadHost,
     BadPort,
