@@ -3,6 +3,7 @@
 // it learns the outcome from the next "app/config" the store's publication
 // causes.
 #include "core/TaskQueue.h"
+#include "shell/ShellMessages.h"
 #include "shell/WebBridge.h"
 #include "workspace/ConfigStore.h"
 
@@ -75,14 +76,14 @@ void WebBridge::resumeProjects() {
     runOnMainWeak(weak_from_this(), [](WebBridge& self) {
         auto store = self.m_configStore.lock();
         if (!store) {
-            self.dispatchEvent("project/resume/error",
-                               OrderedJson{{"reason", "config-unavailable"}, {"message", "設定を読み込めませんでした"}});
+            self.dispatchEvent("project/resume/error", OrderedJson{{"reason", "config-unavailable"},
+                                                                   {"message", shell_messages::kResumeConfigUnavailable}});
             return;
         }
         auto active = store->resumeWorkspace();
         if (!active) {
-            self.dispatchEvent("project/resume/error",
-                               OrderedJson{{"reason", "no-projects"}, {"message", "復元できるプロジェクトが見つかりません"}});
+            self.dispatchEvent("project/resume/error", OrderedJson{{"reason", "no-projects"},
+                                                                   {"message", shell_messages::kResumeNoProjects}});
             return;
         }
         self.refreshGitStatus(*active);
