@@ -6,15 +6,15 @@
 
 namespace velko {
 
-void WebBridge::handleGitHubOAuthMessage(std::string_view type) {
-    if (type == "github/oauth/requestStatus") {
-        dispatchOAuthStatus();
-    } else if (type == "github/oauth/logout") {
-        dispatchEvent("github/oauth/status", OrderedJson{{"status", "disconnected"}, {"reason", "userLogout"}});
-    } else if (type == "github/oauth/start") {
-        dispatchEvent("github/oauth/error",
-                      OrderedJson{{"message", shell_messages::kOAuthNotConfigured}, {"recoverable", true}});
-    }
+void WebBridge::handleOAuthStart(std::string_view, const Json*) {
+    dispatchEvent("github/oauth/error",
+                  OrderedJson{{"message", shell_messages::kOAuthNotConfigured}, {"recoverable", true}});
 }
+
+void WebBridge::handleOAuthLogout(std::string_view, const Json*) {
+    dispatchEvent("github/oauth/status", OrderedJson{{"status", "disconnected"}, {"reason", "userLogout"}});
+}
+
+void WebBridge::handleOAuthRequestStatus(std::string_view, const Json*) { dispatchOAuthStatus(); }
 
 }  // namespace velko

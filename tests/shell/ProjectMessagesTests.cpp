@@ -3,7 +3,9 @@
 #include <filesystem>
 
 #include "core/MainQueue.h"
+#include "shell/BridgeHarness.h"
 #include "shell/ContentView.h"
+#include "shell/ServiceAdapters.h"
 #include "shell/WebBridge.h"
 #include "support/TestSupport.h"
 #include "workspace/ConfigStore.h"
@@ -22,13 +24,14 @@ public:
     int shown = 0;
 };
 
-// The composition of bridge, store and window logic, without a window.
+// The composition of bridge, real store and window logic, without a window.
 struct Workspace : ::testing::Test {
     void SetUp() override {
         setMainQueue(main);
         store = std::make_shared<ConfigStore>(home.dataDir());
+        projects = makeProjectStoring(store);
         bridge = std::make_shared<WebBridge>();
-        bridge->setConfigStore(store);
+        bridge->setProjectStore(projects);
         bridge->setFolderPicker(picker);
         bridge->setWebView(view);
         bridge->notifyWebViewDidFinishNavigation();
@@ -63,6 +66,7 @@ struct Workspace : ::testing::Test {
     test::IsolatedHome home;
     std::shared_ptr<ManualQueue> main = std::make_shared<ManualQueue>();
     std::shared_ptr<ConfigStore> store;
+    std::shared_ptr<ProjectStoring> projects;
     std::shared_ptr<WebBridge> bridge;
     std::shared_ptr<FakePicker> picker = std::make_shared<FakePicker>();
     std::shared_ptr<test::ScriptRecorder> view = std::make_shared<test::ScriptRecorder>();
@@ -109,38 +113,6 @@ TEST_F(Workspace, OpeningFoldersPublishesThemAndActivatesTheFirst) {
     EXPECT_EQ(events("github/oauth/status").size(), configs.size());
 }
 
-TEST_F(Workspace, ActivationMessagesUseIdAndOnlyIdAndMalformedOnesAreDropped) {
-    auto projects = openFolders({"alpha", "beta"});
-    std::string beta = projects[1].id.toString();
-    const std::string dropped[] = {
-        R"({"type":"project/activate","payload":{"projectId":")" + beta + R"("}})",
-        R"({"type":"project/activate","payload":{"id":5}})",
-        R"({"type":"project/activate","payload":{"id":"not-a-uuid"}})",
-        R"({"type":"project/activate"})",
-        R"({"type":"project/close","payload":{"id":")" + beta + R"("}})",
-        R"({"type":"project/reorder","payload":{"order":")" + beta + R"("}})",
-    };
-    for (const auto& message : dropped) {
-        SCOPED_TRACE(message);
-        send(message);
-        EXPECT_TRUE(view->scripts.empty());
-    }
-    EXPECT_EQ(store->config().projects.size(), 2u);
-
-    send(R"({"type":"project/activate","payload":{"id":")" + beta + R"("}})");
-    auto activations = events("project/activate");
-    ASSERT_EQ(activations.size(), 1u);
-    EXPECT_EQ(activations[0]["name"], "beta");
-    EXPECT_EQ(bridge->activeProjectID(), projects[1].id);
-
-    // An unknown id changes nothing in the store but is remembered by the bridge.
-    auto unknown = Uuid::random();
-    send(R"({"type":"project/activate","payload":{"id":")" + unknown.toString() + R"("}})");
-    EXPECT_TRUE(events("app/config").empty());
-    EXPECT_EQ(bridge->activeProjectID(), unknown);
-    EXPECT_EQ(store->config().activeProjectID, projects[1].id);
-}
-
 TEST_F(Workspace, ClosingTheLastProjectLeavesAResumableWorkspace) {
     auto projects = openFolders({"alpha"});
     send(R"({"type":"project/close","payload":{"projectId":")" + projects[0].id.toString() + R"("}})");
@@ -156,31 +128,6 @@ TEST_F(Workspace, ClosingTheLastProjectLeavesAResumableWorkspace) {
     EXPECT_EQ(last["projects"], last["resumeProjects"]);
     EXPECT_EQ(last["activeProjectId"], projects[0].id.toString());
     EXPECT_EQ(events("project/activate").size(), 1u);
-}
-
-TEST_F(Workspace, ResumeWithNothingSavedAnswersWithItsError) {
-    send(R"({"type":"project/resume"})");
-    auto errors = events("project/resume/error");
-    ASSERT_EQ(errors.size(), 1u);
-    EXPECT_EQ(errors[0], (Json{{"reason", "no-projects"}, {"message", "復元できるプロジェクトが見つかりません"}}));
-
-    store.reset();  // the bridge holds the store weakly
-    send(R"({"type":"project/resume"})");
-    errors = events("project/resume/error");
-    ASSERT_EQ(errors.size(), 1u);
-    EXPECT_EQ(errors[0]["reason"], "config-unavailable");
-    EXPECT_EQ(errors[0]["message"], "設定を読み込めませんでした");
-}
-
-TEST_F(Workspace, ReorderSkipsEntriesThatAreNoIds) {
-    auto p = openFolders({"a", "b", "c"});
-    send(R"({"type":"project/reorder","payload":{"order":[")" + p[2].id.toString() + R"(", 7, "junk", ")" +
-         p[1].id.toString() + R"("]}})");
-    auto order = events("app/config").back()["projects"];
-    ASSERT_EQ(order.size(), 3u);
-    EXPECT_EQ(order[0]["name"], "c");
-    EXPECT_EQ(order[1]["name"], "b");
-    EXPECT_EQ(order[2]["name"], "a");
 }
 
 TEST_F(Workspace, MenuSwitchingWrapsAndReactivatesASingleProject) {
@@ -207,4 +154,87 @@ TEST_F(Workspace, MenuSwitchingWrapsAndReactivatesASingleProject) {
     content->moveToNextProject();
     main->runUntilIdle();
     EXPECT_EQ(events("project/activate").size(), 1u) << "one project: activation runs again in full";
+}
+
+// The project messages against a fake store: what each one asks of the store
+// and the services that follow a change of project, and in which order.
+TEST(ProjectMessages, EachMessageCallsTheStoreAndTheServicesThatFollow) {
+    using test::kA, test::kB, test::kC, test::kUnknown;
+    const std::string noProjects =
+        R"(project/resume/error {"reason":"no-projects","message":"復元できるプロジェクトが見つかりません"})";
+    struct Case {
+        std::string name;
+        std::vector<std::string> before;  // messages sent first; their calls are not checked
+        std::string message;
+        test::Journal journal;
+        std::vector<std::string> events = {};
+        std::vector<std::string> picked = {};
+        std::optional<std::string> resumed = {};
+    };
+    auto msg = test::message;
+    const Case cases[] = {
+        {"open: each opened project's status", {}, R"({"type":"project/open"})",
+         {"pick", "store.open /r/c,/r/x", "git.status " + kC}, {}, {"/r/c", "/r/x"}},
+        {"open: cancelled", {}, R"({"type":"project/open","payload":5})", {"pick"}},
+        {"close: the watched folder is released first, the sessions ended last",
+         {msg("project/activate", {{"id", kA}})}, msg("project/close", {{"projectId", kA}}),
+         {"explorer.stop", "store.close " + kA, "terminal.terminate " + test::kSession}},
+        {"close: another project", {msg("project/activate", {{"id", kA}})}, msg("project/close", {{"projectId", kB}}),
+         {"store.close " + kB}},
+        {"close: keyed by id", {}, msg("project/close", {{"id", kA}}), {}},
+        {"activate", {}, msg("project/activate", {{"id", kA}}),
+         {"store.activate " + kA, "explorer.watch " + kA + " /r/a dist", "git.status " + kA}},
+        {"activate: already watched", {msg("project/activate", {{"id", kA}})}, msg("project/activate", {{"id", kA}}),
+         {"store.activate " + kA, "git.status " + kA}},
+        {"activate: unknown id stops the watch",
+         {msg("project/activate", {{"id", kA}})}, msg("project/activate", {{"id", kUnknown}}),
+         {"store.activate " + kUnknown, "explorer.stop", "git.status " + kUnknown}},
+        {"activate: keyed by projectId", {}, msg("project/activate", {{"projectId", kA}}), {}},
+        {"activate: id not text", {}, msg("project/activate", {{"id", 5}}), {}},
+        {"activate: id no UUID", {}, msg("project/activate", {{"id", "not-a-uuid"}}), {}},
+        {"resume", {}, R"({"type":"project/resume"})", {"store.resume", "git.status " + kB}, {}, {}, kB},
+        {"resume: nothing saved", {}, R"({"type":"project/resume"})", {"store.resume"}, {noProjects}},
+        {"reorder", {}, msg("project/reorder", {{"order", {kB, kA}}}), {"store.reorder " + kB + "," + kA}},
+        {"reorder: text that is no id is skipped", {}, msg("project/reorder", {{"order", {kB, "junk", "", kA}}}),
+         {"store.reorder " + kB + "," + kA}},
+        {"reorder: no id left", {}, msg("project/reorder", {{"order", {"junk"}}}), {}},
+        {"reorder: empty", {}, msg("project/reorder", {{"order", Json::array()}}), {}},
+        {"reorder: order is text", {}, msg("project/reorder", {{"order", kB}}), {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        test::BridgeHarness h;
+        h.picker->answer = c.picked;
+        if (c.resumed) h.store->resumeAnswer = test::id(*c.resumed);
+        for (const auto& before : c.before) h.send(before);
+        h.clear();
+        h.send(c.message);
+        EXPECT_EQ(h.journal, c.journal);
+        EXPECT_EQ(h.events(), c.events);
+    }
+}
+
+TEST(ProjectMessages, TheBridgeFollowsTheActivatedIdAndTheWatchedFolder) {
+    test::BridgeHarness h;
+    h.send(test::message("project/activate", {{"id", test::kUnknown}}));
+    EXPECT_EQ(h.bridge->activeProjectID(), test::id(test::kUnknown)) << "kept even for an unknown project";
+
+    h.send(test::message("project/activate", {{"id", test::kA}}));
+    ASSERT_TRUE(h.explorer->onChange);
+    h.clear();
+    h.explorer->onChange({test::id(test::kA), {"", "src"}, true});
+    h.run();
+    EXPECT_EQ(h.events(), (std::vector<std::string>{"project/explorer/changed {\"projectId\":\"" + test::kA +
+                                                    R"(","directoryPaths":["","src"],"requiresResync":true})"}));
+}
+
+TEST(ProjectMessages, WithoutAStoreResumeSaysSoAndTheRestIsDropped) {
+    test::BridgeHarness h;
+    h.store.reset();  // the bridge holds the store weakly
+    for (const char* type : {"project/close", "project/activate", "project/reorder", "project/open"})
+        h.send(test::message(type, {{"projectId", test::kA}, {"id", test::kA}, {"order", {test::kA}}}));
+    h.send(R"({"type":"project/resume"})");
+    EXPECT_EQ(h.events(), (std::vector<std::string>{
+                              R"(project/resume/error {"reason":"config-unavailable","message":"設定を読み込めませんでした"})"}));
+    EXPECT_EQ(h.journal, (test::Journal{"explorer.stop", "git.status " + test::kA, "pick"}));
 }
