@@ -74,7 +74,9 @@ void WebBridge::handleProjectReorder(std::string_view, const Json* payload) {
     if (!order) return;
     std::vector<Uuid> ids;
     for (const auto& entry : *order) {
-        if (!entry.is_string()) continue;
+        // The order must be a list of text: one number, null or object in it and
+        // nothing is reordered. Text that is no id is only skipped.
+        if (!entry.is_string()) return;
         if (auto id = Uuid::parse(entry.get_ref<const std::string&>())) ids.push_back(*id);
     }
     if (ids.empty()) return;
