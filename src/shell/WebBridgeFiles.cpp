@@ -168,8 +168,8 @@ void WebBridge::handleFileRename(std::string_view, const Json* payload) {
                                      hint](WebBridge& self) {
         auto root = self.projectRootForFiles(id);
         if (!root) {
-            self.dispatchEvent("project/file/error",
-                               fileErrorPayload(id, path, shell_messages::kMissingProjectRoot, "rename_invalid_project"));
+            self.dispatchEvent("project/file/error", fileErrorPayload(id, path, shell_messages::kMissingProjectRoot,
+                                                                      "rename_invalid_project"));
             return;
         }
         std::weak_ptr<WebBridge> weak = self.weak_from_this();

@@ -55,8 +55,9 @@ void WebBridge::handleProjectResume(std::string_view, const Json*) {
     runOnMainWeak(weak_from_this(), [](WebBridge& self) {
         auto store = self.m_projectStore.lock();
         if (!store) {
-            self.dispatchEvent("project/resume/error", OrderedJson{{"reason", "config-unavailable"},
-                                                                   {"message", shell_messages::kResumeConfigUnavailable}});
+            self.dispatchEvent("project/resume/error",
+                               OrderedJson{{"reason", "config-unavailable"},
+                                           {"message", shell_messages::kResumeConfigUnavailable}});
             return;
         }
         auto active = store->resumeWorkspace();

@@ -44,12 +44,18 @@ inline const std::string kUnknown = "EEEEEEEE-0000-4000-8000-000000000005";
 inline const std::string kSession = "5E55E55E-0000-4000-8000-000000000006";
 inline Uuid id(const std::string& text) { return *Uuid::parse(text); }
 
+// Each fake writes every call it gets to the shared journal.
+struct Recording {
+    explicit Recording(Journal& journal) : journal(journal) {}
+    void log(std::string line) { journal.push_back(std::move(line)); }
+    Journal& journal;
+};
+
 // Projects A, B and "gone" are open; the folder "/r/c" would open as C.
-class FakeProjectStore final : public ProjectStoring {
-public:
-    explicit FakeProjectStore(Journal& journal) : m_journal(journal) {
+struct FakeProjectStore final : ProjectStoring, Recording {
+    explicit FakeProjectStore(Journal& journal) : Recording(journal) {
         for (auto [text, root] : {std::pair{kA, "/r/a"}, {kB, "/r/b"}, {kGone, "/r/gone"}})
-            m_config.projects.push_back(project(text, root));
+            value.projects.push_back(project(text, root));
     }
     static ProjectMetadata project(const std::string& text, const std::string& root) {
         ProjectMetadata p;
@@ -59,98 +65,78 @@ public:
         p.explorerExcludedPaths = {"dist"};
         return p;
     }
-    const AppConfig& config() const override { return m_config; }
+    const AppConfig& config() const override { return value; }
     std::optional<ProjectMetadata> project(const Uuid& id) const override {
-        if (const ProjectMetadata* found = m_config.project(id)) return *found;
-        return std::nullopt;
+        const ProjectMetadata* found = value.project(id);
+        return found ? std::optional(*found) : std::nullopt;
     }
     std::vector<ProjectMetadata> openProjects(const std::vector<std::string>& folders) override {
-        m_journal.push_back("store.open " + joined(folders));
+        log("store.open " + joined(folders));
         std::vector<ProjectMetadata> opened;
         for (const auto& folder : folders)
             if (folder == "/r/c") opened.push_back(project(kC, folder));
         return opened;
     }
     std::vector<Uuid> closeProject(const Uuid& id) override {
-        m_journal.push_back("store.close " + id.toString());
+        log("store.close " + id.toString());
         return id.toString() == kA ? std::vector<Uuid>{test::id(kSession)} : std::vector<Uuid>{};
     }
-    void setActiveProject(const Uuid& id) override { m_journal.push_back("store.activate " + id.toString()); }
+    void setActiveProject(const Uuid& id) override { log("store.activate " + id.toString()); }
     std::optional<Uuid> resumeWorkspace() override {
-        m_journal.push_back("store.resume");
+        log("store.resume");
         return resumeAnswer;
     }
-    void reorderProjects(const std::vector<Uuid>& ids) override { m_journal.push_back("store.reorder " + joined(ids)); }
+    void reorderProjects(const std::vector<Uuid>& ids) override { log("store.reorder " + joined(ids)); }
 
+    AppConfig value;
     std::optional<Uuid> resumeAnswer;
-
-private:
-    Journal& m_journal;
-    AppConfig m_config;
 };
 
-class FakeGit final : public GitOperating {
-public:
-    explicit FakeGit(Journal& journal) : m_journal(journal) {}
-    void refreshStatus(const std::optional<Uuid>& id) override { log("status " + (id ? id->toString() : "-")); }
-    void fetchStatusDetail(const Uuid& id) override { log("detail " + id.toString()); }
-    void fetchWorkingTree(const Uuid& id) override { log("tree " + id.toString()); }
+struct FakeGit final : GitOperating, Recording {
+    using Recording::Recording;
+    void refreshStatus(const std::optional<Uuid>& id) override { log("git.status " + (id ? id->toString() : "-")); }
+    void fetchStatusDetail(const Uuid& id) override { log("git.detail " + id.toString()); }
+    void fetchWorkingTree(const Uuid& id) override { log("git.tree " + id.toString()); }
     void fetchDiff(const Uuid& id, std::vector<GitDiffTarget> targets) override {
         std::vector<std::string> parts;
         for (const auto& t : targets) parts.push_back(t.path + ":" + toString(t.stage));
-        log("diff " + id.toString() + " [" + joined(parts) + "]");
+        log("git.diff " + id.toString() + " [" + joined(parts) + "]");
     }
     void fetchCommitDiff(const Uuid& id, std::string commit, std::optional<std::string> path) override {
-        log("commitDiff " + id.toString() + " " + commit + (path ? " " + *path : ""));
+        log("git.commitDiff " + id.toString() + " " + commit + (path ? " " + *path : ""));
     }
-    void commit(const Uuid& id, std::string message) override { log("commit " + id.toString() + " " + message); }
-    void push(const Uuid& id) override { log("push " + id.toString()); }
-    void pull(const Uuid& id) override { log("pull " + id.toString()); }
-    void fetch(const Uuid& id) override { log("fetch " + id.toString()); }
-    void fetchRemoteTracking(const Uuid& id) override { log("tracking " + id.toString()); }
-    void reachRefreshBarrier(const Uuid& id, std::string requestId) override {
-        log("barrier " + id.toString() + " " + requestId);
+    void commit(const Uuid& id, std::string message) override { log("git.commit " + id.toString() + " " + message); }
+    void push(const Uuid& id) override { log("git.push " + id.toString()); }
+    void pull(const Uuid& id) override { log("git.pull " + id.toString()); }
+    void fetch(const Uuid& id) override { log("git.fetch " + id.toString()); }
+    void fetchRemoteTracking(const Uuid& id) override { log("git.tracking " + id.toString()); }
+    void reachRefreshBarrier(const Uuid& id, std::string request) override {
+        log("git.barrier " + id.toString() + " " + request);
     }
-
-private:
-    void log(std::string line) { m_journal.push_back("git." + line); }
-    Journal& m_journal;
 };
 
-class FakeTerminal final : public TerminalMessageHandling {
-public:
-    explicit FakeTerminal(Journal& journal) : m_journal(journal) {}
-    void handleMessage(std::string_view type, const Json*) override {
-        m_journal.push_back("terminal " + std::string(type));
-    }
-    void terminateSessions(const std::vector<Uuid>& ids) override {
-        m_journal.push_back("terminal.terminate " + joined(ids));
-    }
-
-private:
-    Journal& m_journal;
+struct FakeTerminal final : TerminalMessageHandling, Recording {
+    using Recording::Recording;
+    void handleMessage(std::string_view type, const Json*) override { log("terminal " + std::string(type)); }
+    void terminateSessions(const std::vector<Uuid>& ids) override { log("terminal.terminate " + joined(ids)); }
 };
 
-class FakeExplorer final : public ExplorerMonitoring {
-public:
-    explicit FakeExplorer(Journal& journal) : m_journal(journal) {}
+struct FakeExplorer final : ExplorerMonitoring, Recording {
+    using Recording::Recording;
     bool activateMonitoring(const Uuid& projectId, const std::string& rootPath,
                             const std::vector<std::string>& excluded, ChangeHandler handler) override {
-        m_journal.push_back("explorer.watch " + projectId.toString() + " " + rootPath + " " + joined(excluded));
+        log("explorer.watch " + projectId.toString() + " " + rootPath + " " + joined(excluded));
         onChange = std::move(handler);
         return true;
     }
-    void stopMonitoring() override { m_journal.push_back("explorer.stop"); }
+    void stopMonitoring() override { log("explorer.stop"); }
     ChangeHandler onChange;
-
-private:
-    Journal& m_journal;
 };
 
-// The project "gone" has no folder; every other project's folder is its stored path.
-class FakeFiles final : public ProjectFileAccessing {
-public:
-    explicit FakeFiles(Journal& journal) : m_journal(journal) {}
+// The project "gone" has no folder; every other project's folder is its stored
+// path. A job answers what the test put in its field, else a failure.
+struct FakeFiles final : ProjectFileAccessing, Recording {
+    using Recording::Recording;
     std::optional<std::string> rootPath(const ProjectMetadata& project) const override {
         if (project.id.toString() == kGone) return std::nullopt;
         return project.rootPath;
@@ -158,46 +144,38 @@ public:
     std::vector<ExplorerDirectorySnapshot> listDirectories(const std::string& root,
                                                            const std::vector<std::string>& paths,
                                                            const std::vector<std::string>&) override {
-        m_journal.push_back("files.list " + root + " [" + joined(paths) + "]");
+        log("files.list " + root + " [" + joined(paths) + "]");
         std::vector<ExplorerDirectorySnapshot> snapshots;
         for (const auto& path : paths) snapshots.push_back({path, {{"f", path.empty() ? "f" : path + "/f"}}, ""});
         return snapshots;
     }
     Result<FileReadResult, FileReadError> readFile(const std::string& root, const std::string& path,
                                                    LargeFilePolicy policy) override {
-        m_journal.push_back("files.read " + root + " " + path + (policy == LargeFilePolicy::Allow ? " large" : ""));
+        log("files.read " + root + " " + path + (policy == LargeFilePolicy::Allow ? " large" : ""));
         return read.value_or(fail(FileReadError{FileReadError::Kind::NotFound}));
     }
     Status<FileSaveError> saveFile(const std::string& root, const std::string& path,
                                    const std::string& content) override {
-        m_journal.push_back("files.save " + root + " " + path + " " + content);
+        log("files.save " + root + " " + path + " " + content);
         return save.value_or(Ok{});
     }
     Result<RenameOutcome, RenameError> renameItem(const std::string& root, const std::string& from,
                                                   const std::string& to, EntityTypeHint) override {
-        m_journal.push_back("files.rename " + root + " " + from + " " + to);
+        log("files.rename " + root + " " + from + " " + to);
         return rename.value_or(fail(RenameError{"rename_not_found", "対象が見つかりません"}));
     }
-
     std::optional<Result<FileReadResult, FileReadError>> read;
     std::optional<Status<FileSaveError>> save;
     std::optional<Result<RenameOutcome, RenameError>> rename;
-
-private:
-    Journal& m_journal;
 };
 
-class FakePicker final : public FolderPicking {
-public:
-    explicit FakePicker(Journal& journal) : m_journal(journal) {}
+struct FakePicker final : FolderPicking, Recording {
+    using Recording::Recording;
     void pickFolders(std::function<void(std::vector<std::string>)> completion) override {
-        m_journal.push_back("pick");
+        log("pick");
         completion(answer);
     }
     std::vector<std::string> answer;
-
-private:
-    Journal& m_journal;
 };
 
 struct BridgeHarness {

@@ -2,101 +2,66 @@
 
 #include <filesystem>
 
-#include "core/MainQueue.h"
 #include "shell/BridgeHarness.h"
 #include "shell/ContentView.h"
 #include "shell/ServiceAdapters.h"
-#include "shell/WebBridge.h"
-#include "support/TestSupport.h"
 #include "workspace/ConfigStore.h"
 
 using namespace velko;
 
 namespace {
 
-class FakePicker final : public FolderPicking {
-public:
-    void pickFolders(std::function<void(std::vector<std::string>)> completion) override {
-        ++shown;
-        completion(answer);
-    }
-    std::vector<std::string> answer;
-    int shown = 0;
-};
-
-// The composition of bridge, real store and window logic, without a window.
+// The window logic and the real store behind the bridge, without a window.
 struct Workspace : ::testing::Test {
     void SetUp() override {
-        setMainQueue(main);
-        store = std::make_shared<ConfigStore>(home.dataDir());
-        projects = makeProjectStoring(store);
-        bridge = std::make_shared<WebBridge>();
-        bridge->setProjectStore(projects);
-        bridge->setFolderPicker(picker);
-        bridge->setWebView(view);
-        bridge->notifyWebViewDidFinishNavigation();
-        content = std::make_shared<ContentView>(bridge, store);
+        h.bridge->setProjectStore(projects);
         store->subscribe([this](const AppConfig& c) { content->applyConfiguration(c); });
         content->bootstrap();
-        main->runUntilIdle();
+        h.run();
     }
-    std::string folder(const std::string& name) {
-        std::string path = home.home() + "/" + name;
-        std::filesystem::create_directories(path);
-        return path;
-    }
-    void send(const std::string& message) {
-        view->scripts.clear();
-        bridge->handleMessageText(message);
-        main->runUntilIdle();
-    }
-    std::vector<Json> events(const std::string& type) {
+    std::vector<Json> payloads(const std::string& type) const {
         std::vector<Json> out;
-        for (const auto& e : view->envelopes())
+        for (const auto& e : h.view->envelopes())
             if (e["type"] == type) out.push_back(e["payload"]);
         return out;
     }
-    std::vector<ProjectMetadata> openFolders(std::vector<std::string> names) {
-        picker->answer.clear();
-        for (const auto& n : names) picker->answer.push_back(folder(n));
+    void send(const std::string& message) {
+        h.clear();
+        h.send(message);
+    }
+    std::vector<ProjectMetadata> openFolders(const std::vector<std::string>& names) {
+        h.picker->answer.clear();
+        for (const auto& name : names) {
+            std::filesystem::create_directories(home.home() + "/" + name);
+            h.picker->answer.push_back(home.home() + "/" + name);
+        }
         send(R"({"type":"project/open"})");
         return store->config().projects;
     }
 
     test::IsolatedHome home;
-    std::shared_ptr<ManualQueue> main = std::make_shared<ManualQueue>();
-    std::shared_ptr<ConfigStore> store;
-    std::shared_ptr<ProjectStoring> projects;
-    std::shared_ptr<WebBridge> bridge;
-    std::shared_ptr<FakePicker> picker = std::make_shared<FakePicker>();
-    std::shared_ptr<test::ScriptRecorder> view = std::make_shared<test::ScriptRecorder>();
-    std::shared_ptr<ContentView> content;
+    test::BridgeHarness h;
+    std::shared_ptr<ConfigStore> store = std::make_shared<ConfigStore>(home.dataDir());
+    std::shared_ptr<ProjectStoring> projects = makeProjectStoring(store);
+    std::shared_ptr<ContentView> content = std::make_shared<ContentView>(h.bridge, store);
 };
 
 }  // namespace
 
-TEST_F(Workspace, FirstStartShowsAnEmptyWorkspaceWithoutActivation) {
-    view->scripts.clear();
-    send(R"({"type":"app/config/request"})");
-    auto configs = events("app/config");
-    ASSERT_EQ(configs.size(), 1u);
-    EXPECT_EQ(configs[0]["projects"], Json::array());
-    EXPECT_FALSE(configs[0].contains("activeProjectId"));
-    EXPECT_FALSE(configs[0].contains("resumeProjects"));
-    EXPECT_EQ(configs[0]["hasSavedWorkspace"], false);
-    EXPECT_EQ(configs[0]["features"], Json::array({"terminal.v2"}));
-    EXPECT_TRUE(events("project/activate").empty());
-}
-
 TEST_F(Workspace, OpeningFoldersPublishesThemAndActivatesTheFirst) {
-    picker->answer.clear();
     send(R"({"type":"project/open"})");  // cancelled picker: nothing at all
-    EXPECT_EQ(picker->shown, 1);
-    EXPECT_TRUE(view->scripts.empty());
+    EXPECT_EQ(h.journal, test::Journal{"pick"});
+    EXPECT_TRUE(h.events().empty());
+    send(R"({"type":"app/config/request"})");
+    auto empty = payloads("app/config");
+    ASSERT_EQ(empty.size(), 1u);
+    EXPECT_EQ(empty[0]["projects"], Json::array());
+    EXPECT_EQ(empty[0]["hasSavedWorkspace"], false);
+    EXPECT_FALSE(empty[0].contains("activeProjectId") || empty[0].contains("resumeProjects"));
 
     auto projects = openFolders({"alpha", "beta"});
     ASSERT_EQ(projects.size(), 2u);
-    auto configs = events("app/config");
+    auto configs = payloads("app/config");
     ASSERT_FALSE(configs.empty());
     const Json& last = configs.back();
     EXPECT_EQ(last["projects"].size(), 2u);
@@ -106,43 +71,26 @@ TEST_F(Workspace, OpeningFoldersPublishesThemAndActivatesTheFirst) {
     ASSERT_EQ(last["cliSessions"].size(), 2u);
     EXPECT_EQ(last["cliSessions"][0]["status"], "pending");
     EXPECT_FALSE(last["cliSessions"][0].contains("pid"));
-    auto activations = events("project/activate");
+    auto activations = payloads("project/activate");
     ASSERT_EQ(activations.size(), 1u) << "later publications with the same active id do not activate again";
     EXPECT_EQ(activations[0], (Json{{"id", projects[0].id.toString()}, {"name", "alpha"}, {"rootPath", "~/alpha"}}));
     // Every snapshot is followed by the account status.
-    EXPECT_EQ(events("github/oauth/status").size(), configs.size());
-}
-
-TEST_F(Workspace, ClosingTheLastProjectLeavesAResumableWorkspace) {
-    auto projects = openFolders({"alpha"});
-    send(R"({"type":"project/close","payload":{"projectId":")" + projects[0].id.toString() + R"("}})");
-    auto last = events("app/config").back();
-    EXPECT_EQ(last["projects"], Json::array());
-    EXPECT_FALSE(last.contains("activeProjectId"));
-    EXPECT_EQ(last["hasSavedWorkspace"], true);
-    ASSERT_EQ(last["resumeProjects"].size(), 1u);
-    EXPECT_EQ(last["cliSessions"], Json::array());
-
-    send(R"({"type":"project/resume"})");
-    last = events("app/config").back();
-    EXPECT_EQ(last["projects"], last["resumeProjects"]);
-    EXPECT_EQ(last["activeProjectId"], projects[0].id.toString());
-    EXPECT_EQ(events("project/activate").size(), 1u);
+    EXPECT_EQ(payloads("github/oauth/status").size(), configs.size());
 }
 
 TEST_F(Workspace, MenuSwitchingWrapsAndReactivatesASingleProject) {
-    view->scripts.clear();
+    h.clear();
     content->moveToNextProject();  // nothing open: nothing happens
-    main->runUntilIdle();
-    EXPECT_TRUE(view->scripts.empty());
+    h.run();
+    EXPECT_TRUE(h.events().empty());
 
     auto p = openFolders({"a", "b"});
-    view->scripts.clear();
+    h.clear();
     content->moveToNextProject();
     content->moveToNextProject();
     content->moveToPreviousProject();
-    main->runUntilIdle();
-    auto activations = events("project/activate");
+    h.run();
+    auto activations = payloads("project/activate");
     ASSERT_EQ(activations.size(), 3u);
     EXPECT_EQ(activations[0]["name"], "b");
     EXPECT_EQ(activations[1]["name"], "a");
@@ -150,10 +98,10 @@ TEST_F(Workspace, MenuSwitchingWrapsAndReactivatesASingleProject) {
     EXPECT_EQ(store->config().activeProjectID, p[1].id);
 
     send(R"({"type":"project/close","payload":{"projectId":")" + p[0].id.toString() + R"("}})");
-    view->scripts.clear();
+    h.clear();
     content->moveToNextProject();
-    main->runUntilIdle();
-    EXPECT_EQ(events("project/activate").size(), 1u) << "one project: activation runs again in full";
+    h.run();
+    EXPECT_EQ(payloads("project/activate").size(), 1u) << "one project: activation runs again in full";
 }
 
 // The project messages against a fake store: what each one asks of the store
@@ -217,26 +165,13 @@ TEST(ProjectMessages, EachMessageCallsTheStoreAndTheServicesThatFollow) {
     }
 }
 
-TEST(ProjectMessages, TheBridgeFollowsTheActivatedIdAndTheWatchedFolder) {
-    test::BridgeHarness h;
-    h.send(test::message("project/activate", {{"id", test::kUnknown}}));
-    EXPECT_EQ(h.bridge->activeProjectID(), test::id(test::kUnknown)) << "kept even for an unknown project";
-
-    h.send(test::message("project/activate", {{"id", test::kA}}));
-    ASSERT_TRUE(h.explorer->onChange);
-    h.clear();
-    h.explorer->onChange({test::id(test::kA), {"", "src"}, true});
-    h.run();
-    EXPECT_EQ(h.events(), (std::vector<std::string>{"project/explorer/changed {\"projectId\":\"" + test::kA +
-                                                    R"(","directoryPaths":["","src"],"requiresResync":true})"}));
-}
-
 TEST(ProjectMessages, WithoutAStoreResumeSaysSoAndTheRestIsDropped) {
     test::BridgeHarness h;
     h.store.reset();  // the bridge holds the store weakly
     for (const char* type : {"project/close", "project/activate", "project/reorder", "project/open"})
         h.send(test::message(type, {{"projectId", test::kA}, {"id", test::kA}, {"order", {test::kA}}}));
     h.send(R"({"type":"project/resume"})");
+    EXPECT_EQ(h.bridge->activeProjectID(), test::id(test::kA)) << "the bridge follows the page even so";
     EXPECT_EQ(h.events(), (std::vector<std::string>{
                               R"(project/resume/error {"reason":"config-unavailable","message":"設定を読み込めませんでした"})"}));
     EXPECT_EQ(h.journal, (test::Journal{"explorer.stop", "git.status " + test::kA, "pick"}));
