@@ -1,13 +1,15 @@
 #include "shell/VelkoApp.h"
 
+#include "core/Paths.h"
 #include "core/SerialQueue.h"
 #include "core/TaskQueue.h"
 #include "files/ExplorerService.h"
 #include "git/GitService.h"
+#include "input/NativeTerminalInput.h"
 #include "shell/ContentView.h"
 #include "shell/GestureBridge.h"
 #include "shell/InputCommandCenter.h"
-#include "input/NativeTerminalInput.h"
+#include "shell/ServiceAdapters.h"
 #include "shell/WebBridge.h"
 #include "terminal/CodexShimInstaller.h"
 #include "terminal/TerminalCoordinator.h"
@@ -27,7 +29,10 @@ VelkoApp::VelkoApp(Options options) {
     // --- files: the explorer service is built before the bridge that owns it ---
     m_explorerService = std::make_shared<ExplorerService>();
 
-    m_bridge = std::make_shared<WebBridge>(m_explorerService);
+    WebBridge::Collaborators bridgeCollaborators;
+    bridgeCollaborators.explorer = makeExplorerMonitoring(m_explorerService);
+    bridgeCollaborators.files = makeDiskProjectFiles(homeDirectory());
+    m_bridge = std::make_shared<WebBridge>(std::move(bridgeCollaborators));
 
     // --- terminal: coordinator and service, first snapshot into the pending queue ---
     {
@@ -40,7 +45,8 @@ VelkoApp::VelkoApp(Options options) {
         m_terminalService->setBridge(m_bridge);
         m_terminalService->dispatchSnapshot(m_configStore->config().cliSessions,
                                             m_terminalService->isTerminalV2Enabled());
-        m_bridge->setTerminalService(m_terminalService);
+        m_terminalMessages = makeTerminalMessageHandling(m_terminalService);
+        m_bridge->setTerminalService(m_terminalMessages);
     }
 
     // --- git: runner, credential broker, service ---
@@ -53,10 +59,12 @@ VelkoApp::VelkoApp(Options options) {
         git.processRunner = std::make_shared<ProcessGitProcessRunner>();
         m_gitService = std::make_shared<GitService>(std::move(git));
         m_gitService->setEventSink(m_bridge);
-        m_bridge->setGitService(m_gitService);
+        m_gitOperations = makeGitOperating(m_gitService);
+        m_bridge->setGitService(m_gitOperations);
     }
 
-    m_bridge->setConfigStore(m_configStore);
+    m_projectStore = makeProjectStoring(m_configStore);
+    m_bridge->setProjectStore(m_projectStore);
     // No account manager yet: the status of no stored token waits in the queue.
     m_bridge->dispatchOAuthStatus();
 

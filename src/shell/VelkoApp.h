@@ -26,6 +26,9 @@ class GestureBridgeDelegate;
 class InputSourceServicing;
 class NativeTerminalTarget;
 class NativeTerminalInput;
+class ProjectStoring;
+class TerminalMessageHandling;
+class GitOperating;
 
 class VelkoApp {
 public:
@@ -58,6 +61,10 @@ private:
     std::shared_ptr<GitService> m_gitService;
     // --- files ---
     std::shared_ptr<ExplorerService> m_explorerService;
+    // --- the services as the bridge reaches them; it holds these weakly ---
+    std::shared_ptr<ProjectStoring> m_projectStore;
+    std::shared_ptr<TerminalMessageHandling> m_terminalMessages;
+    std::shared_ptr<GitOperating> m_gitOperations;
     // --- desktop ---
     std::shared_ptr<InputCommandCenter> m_commandCenter;
     std::shared_ptr<GestureBridge> m_gestureBridge;

@@ -4,10 +4,12 @@
 
 namespace velko {
 
-void WebBridge::handlePreviewTabsMessage(std::string_view, const Json*) {}
-void WebBridge::handleDashboardPresent(const Json*) {}
-void WebBridge::handleDashboardDismiss() {}
-void WebBridge::handleAnalyticsEvent(const Json*) {}
+void WebBridge::handlePreviewTabsPersist(std::string_view, const Json*) {}
+void WebBridge::handlePreviewTabsCacheWrite(std::string_view, const Json*) {}
+void WebBridge::handlePreviewTabsLimitReached(std::string_view, const Json*) {}
+void WebBridge::handleDashboardPresent(std::string_view, const Json*) {}
+void WebBridge::handleDashboardDismiss(std::string_view, const Json*) {}
+void WebBridge::handleAnalyticsEvent(std::string_view, const Json*) {}
 void WebBridge::dispatchPreviewTabs(const std::optional<Uuid>&) {}
 
 }  // namespace velko

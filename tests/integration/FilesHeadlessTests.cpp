@@ -84,9 +84,7 @@ TEST(FilesHeadless, APickedProjectListsOpensSavesRenamesAndReportsChanges) {
     EXPECT_EQ((*listing)["directories"][2]["error"], "invalidPath");
     EXPECT_EQ((*listing)["directories"][3]["error"], "excluded");
 
-    // Malformed requests get no answer: the next answer is the valid request's.
-    velko.send("project/file/open", {{"projectId", id}, {"path", 42}});
-    velko.send("project/file/open", {{"projectId", "not-a-uuid"}, {"path", "a.txt"}});
+    // A named pipe is refused without blocking the file queue.
     velko.send("project/file/open", {{"projectId", id}, {"path", "pipe"}});
     auto pipeError = next(velko, "project/file/error");
     ASSERT_TRUE(pipeError);
@@ -127,26 +125,6 @@ TEST(FilesHeadless, APickedProjectListsOpensSavesRenamesAndReportsChanges) {
     ASSERT_TRUE(refused);
     EXPECT_EQ((*refused)["code"], "rename_invalid_destination");
 
-    // Large files: sparse, so nothing of them is read or sent.
-    fs::create_directories(project.file("big"));
-    std::ofstream(project.file("big/soft.bin")).close();
-    fs::resize_file(project.file("big/soft.bin"), 31457281);
-    velko.send("project/file/open", {{"projectId", id}, {"path", "big/soft.bin"}});
-    auto confirm = next(velko, "project/file/confirm");
-    ASSERT_TRUE(confirm);
-    EXPECT_EQ(confirm->dump(), Json({{"projectId", id},
-                                     {"path", "big/soft.bin"},
-                                     {"sizeBytes", 31457281},
-                                     {"softLimitBytes", 31457280},
-                                     {"hardLimitBytes", 314572800}})
-                                   .dump());
-    fs::resize_file(project.file("big/soft.bin"), 314572801);
-    velko.send("project/file/open", {{"projectId", id}, {"path", "big/soft.bin"}, {"allowLargeFile", true}});
-    auto tooLarge = next(velko, "project/file/error");
-    ASSERT_TRUE(tooLarge);
-    EXPECT_EQ((*tooLarge)["message"], "このファイルは約 300MB あり、上限の 300MB を超えているため開けません。"
-                                      "サイズを削減するか、外部エディタをご利用ください。");
-
     // At most 512 distinct paths are answered, and a request id is made up when none came.
     Json many = Json::array();
     for (int i = 0; i < 600; ++i) many.push_back("missing" + std::to_string(i));
@@ -167,11 +145,6 @@ TEST(FilesHeadless, APickedProjectListsOpensSavesRenamesAndReportsChanges) {
     ASSERT_TRUE(changed);
     EXPECT_EQ((*changed)["projectId"], id);
     EXPECT_EQ((*changed)["requiresResync"], false);
-
-    velko.send("project/file/open", {{"projectId", "00000000-0000-4000-8000-000000000000"}, {"path", "a.txt"}});
-    auto unknown = next(velko, "project/file/error");
-    ASSERT_TRUE(unknown);
-    EXPECT_EQ((*unknown)["message"], "プロジェクトのルートが見つかりませんでした");
 
     velko.closeInput();
     EXPECT_EQ(velko.finish(), 0);
