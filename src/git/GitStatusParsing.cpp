@@ -3,23 +3,9 @@
 #include <algorithm>
 #include <charconv>
 
-#include "git/GitErrors.h"
+#include "git/GitText.h"
 
 namespace velko {
-
-std::vector<std::string_view> splitLines(std::string_view text, bool keepEmpty) {
-    std::vector<std::string_view> lines;
-    size_t start = 0;
-    while (start <= text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string_view::npos) end = text.size();
-        std::string_view line = text.substr(start, end - start);
-        if (keepEmpty || !line.empty()) lines.push_back(line);
-        if (end == text.size()) break;
-        start = end + 1;
-    }
-    return lines;
-}
 
 namespace {
 
