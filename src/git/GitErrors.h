@@ -1,6 +1,7 @@
 #pragma once
 // Typed failures of git runs, and the reading of git's stderr that decides how
-// a failure is shown. Pure functions.
+// a failure is shown. git children speak English to us whatever the user's
+// locale (see gitEnvironment), so these words can be matched. Pure functions.
 
 #include <optional>
 #include <string>

@@ -184,6 +184,25 @@ GitEnvironment gitEnvironment(GitEnvironment env) {
     // the repository names its own ssh command (GIT_SSH_COMMAND here would
     // override core.sshCommand for every repository).
     env.try_emplace("SSH_ASKPASS_REQUIRE", "never");
+
+    // The engine reads git's messages ("no upstream", "Authentication
+    // failed"), so they must be English; everything else stays the user's.
+    // LC_ALL would override LC_MESSAGES: its value goes to each other
+    // category instead, so that names keep the user's character set.
+    static constexpr const char* kOtherCategories[] = {
+        "LC_CTYPE", "LC_NUMERIC", "LC_TIME",    "LC_COLLATE",     "LC_MONETARY",      "LC_PAPER",
+        "LC_NAME",  "LC_ADDRESS", "LC_TELEPHONE", "LC_MEASUREMENT", "LC_IDENTIFICATION",
+    };
+    if (auto all = env.find("LC_ALL"); all != env.end()) {
+        std::string value = std::move(all->second);
+        env.erase(all);
+        if (!value.empty()) {
+            for (const char* category : kOtherCategories) env[category] = value;
+        }
+    }
+    env["LC_MESSAGES"] = "C";
+    // gettext prefers LANGUAGE to the locale's message category.
+    env.erase("LANGUAGE");
     return env;
 }
 

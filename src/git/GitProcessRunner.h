@@ -54,7 +54,9 @@ GitProcessOutput spawnAndDrain(const std::vector<std::string>& arguments, const 
 std::string decodeUtf8OrEmpty(std::string bytes);
 
 // The process environment for git children: everything the application has,
-// with the terminal prompt off and ssh unable to ask for anything.
+// with the terminal prompt off, ssh unable to ask for anything, and git's
+// messages in English (the engine reads them) while names keep the user's
+// character set.
 GitEnvironment gitEnvironment();
 // The same, built from an explicit environment (for tests).
 GitEnvironment gitEnvironment(GitEnvironment base);

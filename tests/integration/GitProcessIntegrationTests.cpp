@@ -78,12 +78,30 @@ TEST(GitProcessRunner, MissingDirectoryIsALaunchFailure) {
     EXPECT_EQ(result.stderr, "No such file or directory");
 }
 
-TEST(GitEnvironment, PromptsOffAndUserChoicesKept) {
-    auto env = gitEnvironment({{"PATH", "/bin"}, {"GIT_TERMINAL_PROMPT", "1"}});
-    EXPECT_EQ(env.at("GIT_TERMINAL_PROMPT"), "0");
-    EXPECT_EQ(env.at("SSH_ASKPASS_REQUIRE"), "never");
-    EXPECT_EQ(env.at("PATH"), "/bin");
-    EXPECT_EQ(gitEnvironment({{"SSH_ASKPASS_REQUIRE", "force"}}).at("SSH_ASKPASS_REQUIRE"), "force");
+TEST(GitEnvironment, PromptsOffEnglishMessagesAndTheUsersCharacterSet) {
+    using E = GitEnvironment;
+    struct Case {
+        const char* name;
+        E given;
+        E expected;  // the variables below as they must come out; "-" for absent
+    };
+    const Case cases[] = {
+        {"prompts off", {{"GIT_TERMINAL_PROMPT", "1"}},
+         {{"GIT_TERMINAL_PROMPT", "0"}, {"SSH_ASKPASS_REQUIRE", "never"}, {"LC_MESSAGES", "C"}}},
+        {"the user's askpass choice kept", {{"SSH_ASKPASS_REQUIRE", "force"}}, {{"SSH_ASKPASS_REQUIRE", "force"}}},
+        {"LANG keeps everything but messages", {{"LANG", "de_DE.UTF-8"}, {"LANGUAGE", "de:en"}},
+         {{"LANG", "de_DE.UTF-8"}, {"LANGUAGE", "-"}, {"LC_MESSAGES", "C"}, {"LC_CTYPE", "-"}}},
+        {"LC_ALL moves to every other category", {{"LC_ALL", "de_DE.UTF-8"}, {"LC_MESSAGES", "de_DE.UTF-8"}},
+         {{"LC_ALL", "-"}, {"LC_CTYPE", "de_DE.UTF-8"}, {"LC_COLLATE", "de_DE.UTF-8"}, {"LC_MESSAGES", "C"}}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        E env = gitEnvironment(c.given);
+        for (const auto& [key, value] : c.expected) {
+            auto it = env.find(key);
+            EXPECT_EQ(it == env.end() ? std::string("-") : it->second, value) << key;
+        }
+    }
 }
 
 TEST(GitCredentialBroker, WritesOneScriptThatAnswersFromTheEnvironment) {

@@ -1,5 +1,6 @@
 // GitService against real git on real temporary repositories.
 #include <gtest/gtest.h>
+#include <locale.h>
 
 #include <filesystem>
 
@@ -20,13 +21,16 @@ struct RealHarness {
     std::shared_ptr<EventRecorder> events = std::make_shared<EventRecorder>();
     std::shared_ptr<GitService> service;
 
-    RealHarness() {
+    // `extraEnvironment` goes over the test's git environment (a locale, say).
+    explicit RealHarness(const GitEnvironment& extraEnvironment = {}) {
+        GitEnvironment environment = testGitEnvironment();
+        for (const auto& [key, value] : extraEnvironment) environment[key] = value;
         GitService::Dependencies deps;
         deps.configProvider = projects;
         deps.authProvider = auth;
         deps.credentialBroker = std::make_shared<GitCredentialBroker>();
         deps.processRunner = std::make_shared<ProcessGitProcessRunner>();
-        deps.environment = testGitEnvironment();
+        deps.environment = std::move(environment);
         service = std::make_shared<GitService>(std::move(deps));
         service->setEventSink(events);
     }
@@ -317,4 +321,61 @@ TEST(GitServiceIntegration, FolderThatIsNoRepositoryStillGetsAnEmptyStatus) {
     EXPECT_EQ(h.only("git/status")["branch"], "--");
     EXPECT_EQ(h.only("git/working-tree")["summary"]["total"], 0);
     EXPECT_TRUE(h.only("git/diff")["files"].empty());
+}
+
+TEST(GitServiceIntegration, FailuresAreReadTheSameUnderAGermanLocale) {
+    locale_t german = newlocale(LC_ALL_MASK, "de_DE.UTF-8", nullptr);
+    if (!german) GTEST_SKIP() << "de_DE.UTF-8 is not generated here (scripts/deps.sh does it)";
+    freelocale(german);
+    const GitEnvironment kEnglish = {{"LANG", "C.UTF-8"}};
+    const GitEnvironment kGerman = {{"LANG", "de_DE.UTF-8"}, {"LC_ALL", "de_DE.UTF-8"}, {"LANGUAGE", "de"}};
+
+    TempDir base;
+    std::string origin = base.file("origin.git");
+    git(base.path(), {"init", "-q", "--bare", "-b", "main", origin});
+    std::string dir = initRepo(base, "repo");
+    commitFile(dir, "a.txt", "1\n", "init");
+    git(dir, {"remote", "add", "origin", origin});
+    git(dir, {"push", "-q", "-u", "origin", "main"});
+    git(dir, {"checkout", "-q", "-b", "topic"});  // no upstream
+    std::string lost = initRepo(base, "lost");
+    commitFile(lost, "a.txt", "1\n", "init");
+    git(lost, {"remote", "add", "origin", base.file("gone.git")});
+
+    // Without velko's environment this git speaks German here.
+    auto raw = [&](const GitEnvironment& locale) {
+        GitEnvironment env = testGitEnvironment();
+        env.erase("LC_MESSAGES");
+        for (const auto& [key, value] : locale) env[key] = value;
+        return spawnAndDrain({"git", "pull", "--rebase"}, dir, env).stderrBytes;
+    };
+    if (raw(kGerman) == raw(kEnglish)) GTEST_SKIP() << "git has no German messages here";
+
+    struct Case {
+        const char* name;
+        std::string project;
+        std::function<void(GitService&, const Uuid&)> act;
+        std::string expected;  // empty: git's own English words
+    };
+    const std::string missing = "fail: リモートリポジトリがないプロジェクトです";
+    const Case cases[] = {
+        {"push without upstream", dir, [](GitService& s, const Uuid& id) { s.push(id); }, missing},
+        {"pull without tracking information", dir, [](GitService& s, const Uuid& id) { s.pull(id); }, missing},
+        {"fetch from a folder that is gone", lost, [](GitService& s, const Uuid& id) { s.fetch(id); }, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<std::string> byLocale[2];
+        for (int i = 0; i < 2; ++i) {
+            RealHarness h(i == 0 ? kEnglish : kGerman);
+            Uuid id = h.projects->add(c.project);
+            c.act(*h.service, id);
+            h.settle();
+            byLocale[i] = h.results();
+        }
+        ASSERT_EQ(byLocale[0].size(), 1u);
+        if (!c.expected.empty()) EXPECT_EQ(byLocale[0][0], c.expected);
+        else EXPECT_NE(byLocale[0][0].find("does not appear to be a git repository"), std::string::npos);
+        EXPECT_EQ(byLocale[1], byLocale[0]);
+    }
 }
