@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "git/GitMessages.h"
 #include "git/GitRemoteParsing.h"
 #include "git/GitText.h"
 
@@ -52,8 +53,12 @@ Result<std::string, GitError> GitCommandContext::run(const std::vector<std::stri
         if (!token) return fail(GitError::authenticationRequired());
         auto prepared = m_broker->prepareEnvironment(token->accessToken);
         if (!prepared) {
-            m_logger.error("git " + subcommand(arguments) + ": askpass script not written: " + prepared.error());
-            return fail(GitError::launchFailed(prepared.error()));
+            const GitCredentialError& problem = prepared.error();
+            m_logger.error("git " + subcommand(arguments) + ": askpass script not written into " + problem.folder +
+                           ": " + problem.text);
+            return fail(GitError::launchFailed(problem.kind == GitCredentialError::Kind::UnsafeFolder
+                                                   ? gitmsg::unsafeCredentialFolder(problem.folder)
+                                                   : problem.text));
         }
         for (auto& [key, value] : *prepared) environment[key] = value;
         environment["GITHUB_TOKEN"] = token->accessToken;

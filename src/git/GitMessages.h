@@ -34,5 +34,11 @@ inline std::string unknownError(std::string_view command) { return std::string(c
 inline std::string signInToRun(std::string_view operation) {
     return std::string(operation) + " を実行するには GitHub にサインインしてください";
 }
+// The askpass folder in the shared temporary directory is not a private
+// folder of ours, so the token is not handed to git through it.
+inline std::string unsafeCredentialFolder(std::string_view folder) {
+    return "一時フォルダ " + std::string(folder) +
+           " が安全でないため、GitHub の認証情報を Git に渡せません（あなただけが使えるフォルダ（権限 700）にしてください）";
+}
 
 }  // namespace velko::gitmsg

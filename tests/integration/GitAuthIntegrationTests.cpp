@@ -139,31 +139,6 @@ bool treeContains(const std::string& root, const std::string& needle) {
     return false;
 }
 
-// Sends this process's standard error (where the log lines go without a
-// journal) to a file while it lives.
-class CapturedStderr {
-public:
-    explicit CapturedStderr(const std::string& path) {
-        fflush(stderr);
-        m_saved = dup(STDERR_FILENO);
-        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        if (fd >= 0) {
-            dup2(fd, STDERR_FILENO);
-            close(fd);
-        }
-    }
-    ~CapturedStderr() {
-        fflush(stderr);
-        if (m_saved >= 0) {
-            dup2(m_saved, STDERR_FILENO);
-            close(m_saved);
-        }
-    }
-
-private:
-    int m_saved = -1;
-};
-
 }  // namespace
 
 TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {

@@ -1,9 +1,13 @@
 #pragma once
 // Real repositories for integration tests: a git of the test's own with a
-// known identity and no system or user configuration of the machine.
+// known identity and no system or user configuration of the machine; the
+// program's log lines.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -46,5 +50,30 @@ inline std::string initRepo(const TempDir& base, const std::string& name) {
     git(dir, {"init", "-q", "-b", "main"});
     return dir;
 }
+
+// Sends this process's standard error (where the log lines go without a
+// journal) to a file while it lives.
+class CapturedStderr {
+public:
+    explicit CapturedStderr(const std::string& path) {
+        fflush(stderr);
+        m_saved = dup(STDERR_FILENO);
+        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        if (fd >= 0) {
+            dup2(fd, STDERR_FILENO);
+            close(fd);
+        }
+    }
+    ~CapturedStderr() {
+        fflush(stderr);
+        if (m_saved >= 0) {
+            dup2(m_saved, STDERR_FILENO);
+            close(m_saved);
+        }
+    }
+
+private:
+    int m_saved = -1;
+};
 
 }  // namespace velko::test
