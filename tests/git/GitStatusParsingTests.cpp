@@ -159,6 +159,8 @@ TEST(GitStatusParsing, TreePutsDirectoriesFirstInCaseInsensitiveOrder) {
         {"empty components dropped", {{"//a//b/", "added"}, {"", "added"}, {"/", "added"}},
          "a:directory(b:added ) "},
         {"case-insensitive files", {{"b", "added"}, {"A", "added"}, {"c", "added"}}, "A:added b:added c:added "},
+        {"accented capitals fold like the explorer's", {{"\xc3\x89" "z.txt", "added"}, {"\xc3\xa9" "a.txt", "added"}},
+         "\xc3\xa9" "a.txt:added \xc3\x89" "z.txt:added "},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
