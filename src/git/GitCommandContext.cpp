@@ -42,6 +42,10 @@ bool GitCommandContext::requiresToken(const std::string& remoteURL) const {
 
 bool GitCommandContext::hasToken() const { return m_auth->loadToken().has_value(); }
 
+void GitCommandContext::stop(std::chrono::milliseconds grace) {
+    if (auto* stopping = dynamic_cast<GitProcessStopping*>(m_runner.get())) stopping->stopAll(grace);
+}
+
 Result<std::string, GitError> GitCommandContext::run(const std::vector<std::string>& arguments,
                                                      const GitProject& project, GitAuth auth,
                                                      const GitEnvironment& extraEnvironment) {

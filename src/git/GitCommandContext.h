@@ -10,6 +10,7 @@
 // Called on the git queues; holds no state of its own between commands, so
 // several queues may share it. Owned by GitService.
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -60,6 +61,8 @@ public:
     // Only the real runner can ask git itself for a remote's URL.
     bool runsRealGit() const { return m_runsRealGit; }
     const std::shared_ptr<GitProcessRunning>& processRunner() const { return m_runner; }
+    // Ends the running children (TERM, KILL after `grace`); later runs fail.
+    void stop(std::chrono::milliseconds grace);
 
 private:
     std::shared_ptr<GitAuthProviding> m_auth;

@@ -57,18 +57,31 @@ std::optional<GitProject> GitProjectResolver::resolve(const std::optional<Uuid>&
     if (isMainThread()) {
         found = lookUp(m_provider, projectID);
     } else {
+        {
+            std::lock_guard lock(m_waits->mutex);
+            if (m_waits->stopped) return std::nullopt;
+        }
         auto slot = std::make_shared<Slot>();
         auto guard = std::make_shared<HopGuard>(m_waits, slot);
         mainQueue().post([guard = std::move(guard), provider = m_provider, projectID] {
             guard->finish(lookUp(provider, projectID));
         });
         std::unique_lock lock(m_waits->mutex);
-        m_waits->changed.wait(lock, [&] { return slot->done; });
+        m_waits->changed.wait(lock, [&] { return slot->done || m_waits->stopped; });
+        if (!slot->done) return std::nullopt;
         found = std::move(slot->value);
     }
     if (!found) return std::nullopt;
     std::string directory = expandTilde(found->second.rootPath, homeDirectory());
     return GitProject{std::move(found->second), found->first, std::move(directory)};
+}
+
+void GitProjectResolver::stop() {
+    {
+        std::lock_guard lock(m_waits->mutex);
+        m_waits->stopped = true;
+    }
+    m_waits->changed.notify_all();
 }
 
 }  // namespace velko

@@ -3,8 +3,9 @@
 // the active project) into the project a git block works on. The workspace
 // lives on the main thread, so a block on a git queue asks there and waits.
 // The main thread never waits for a git queue, so the wait ends; and when the
-// main loop drops the hop unrun (it has ended), the answer is "no project"
-// rather than a block that waits forever.
+// main thread will not run the hop any more (the loop has ended, or the
+// engine is stopping), the answer is "no project" rather than a block that
+// waits forever.
 //
 // Called on git queues; thread-safe. Owned by GitService.
 
@@ -30,10 +31,13 @@ public:
     explicit GitProjectResolver(std::weak_ptr<ProjectProviding> provider);
 
     std::optional<GitProject> resolve(const std::optional<Uuid>& projectID);
+    // Every resolve waiting now, and every later one, answers "no project".
+    void stop();
 
     struct Waits {
         std::mutex mutex;
         std::condition_variable changed;
+        bool stopped = false;
     };
 
 private:

@@ -32,7 +32,14 @@ GitService::GitService(Dependencies dependencies)
               emit("github/oauth/status", gitTokenRefusedStatusPayload(record));
           }}) {}
 
-GitService::~GitService() = default;
+GitService::~GitService() {
+    // Whatever is still queued or running belongs to a service that is gone:
+    // nothing may wait on the main thread or on a git that hangs, or the
+    // queue's thread could not end.
+    m_scheduler->stop();
+    m_resolver.stop();
+    m_commands.stop(kStopGrace);
+}
 
 void GitService::enqueue(std::function<void(GitService&)> block) {
     std::weak_ptr<GitService> weak = weak_from_this();
@@ -49,6 +56,13 @@ void GitService::enqueueForProject(const std::optional<Uuid>& projectID,
 }
 
 void GitService::whenIdle(std::function<void()> done) { m_scheduler->whenIdle(std::move(done)); }
+
+void GitService::stop(std::chrono::milliseconds grace, std::function<void()> done) {
+    m_scheduler->stop();
+    m_resolver.stop();
+    m_commands.stop(grace);
+    m_scheduler->whenIdle(std::move(done));
+}
 
 void GitService::emit(std::string_view type, const OrderedJson& payload) {
     if (auto sink = m_eventSink.lock()) sink->dispatchEvent(type, payload);

@@ -8,11 +8,13 @@
 //
 // Owned by the composition root; every block holds the service weakly and does
 // nothing once it is gone. The main thread must never wait for the git queue:
-// blocks wait for it.
+// blocks wait for it. At shutdown `stop` ends the engine without waiting for
+// a git that hangs.
 //
 // Failures become "git/result" messages (GitMessages) or, for views that wait
 // for an answer, an empty event; nothing throws.
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -45,6 +47,9 @@ public:
         std::string gitHubWebHost = std::string(kGitHubWebHost);
     };
 
+    // How long a git child that is running at shutdown gets after SIGTERM.
+    static constexpr std::chrono::milliseconds kStopGrace{1500};
+
     explicit GitService(Dependencies dependencies);
     ~GitService();
     GitService(const GitService&) = delete;
@@ -67,6 +72,11 @@ public:
 
     // Runs `done` on the queue once every block posted before it has run.
     void whenIdle(std::function<void()> done);
+    // Stops the engine for good: blocks that have not started are dropped, a
+    // block waiting for the main thread gives up, the running git child gets
+    // SIGTERM and SIGKILL after `grace`. `done` runs on the queue once the
+    // block running now has returned.
+    void stop(std::chrono::milliseconds grace, std::function<void()> done);
 
 private:
     enum class RemoteAction { Push, Pull, Fetch };

@@ -399,17 +399,32 @@ public:
 
 }  // namespace
 
-TEST(GitService, WorkOutlivingTheMainLoopEndsWithoutAnswerOrCrash) {
-    Harness h(remote("/srv/origin.git"));
-    setMainQueue(std::make_shared<StoppedMainQueue>());
-    h.service->refreshStatus(std::nullopt);
-    h.service->push(h.projectId);
-    auto done = std::make_shared<std::atomic<bool>>(false);
-    h.service->whenIdle([done] { *done = true; });
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!*done && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-    h.main.reinstall();
-    EXPECT_TRUE(*done);
-    EXPECT_TRUE(h.runner->commands().empty());
-    EXPECT_TRUE(h.events->events().empty());
+TEST(GitService, BlocksWaitingForAMainThreadThatNeverAnswersEndWithoutWork) {
+    struct Case {
+        const char* name;
+        bool mainDropsHops;  // else it keeps them and never runs them
+        bool stop;
+    };
+    const Case cases[] = {
+        {"main loop gone: hops dropped", true, false},
+        {"main thread busy quitting: the stop releases the waits", false, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Harness h(remote("/srv/origin.git"));
+        auto held = std::make_shared<ManualQueue>();  // never run
+        if (c.mainDropsHops) setMainQueue(std::make_shared<StoppedMainQueue>());
+        else setMainQueue(held);
+        h.service->refreshStatus(std::nullopt);
+        h.service->push(h.projectId);
+        auto done = std::make_shared<std::atomic<bool>>(false);
+        if (c.stop) h.service->stop(GitService::kStopGrace, [done] { *done = true; });
+        else h.service->whenIdle([done] { *done = true; });
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (!*done && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+        h.main.reinstall();
+        EXPECT_TRUE(*done);
+        EXPECT_TRUE(h.runner->commands().empty());
+        EXPECT_TRUE(h.events->events().empty());
+    }
 }

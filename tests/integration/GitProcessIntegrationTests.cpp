@@ -1,11 +1,13 @@
 // The git runner and the credential broker with real processes and files.
 #include <gtest/gtest.h>
 #include <glib.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <functional>
+#include <thread>
 
 #include "core/Paths.h"
 #include "git/GitCredentialBroker.h"
@@ -81,6 +83,36 @@ TEST(GitProcessRunner, MissingDirectoryIsALaunchFailure) {
     EXPECT_EQ(result.status, -1);
     EXPECT_EQ(result.stdout, "");
     EXPECT_EQ(result.stderr, "No such file or directory");
+}
+
+TEST(GitProcessRunner, StopEndsTheChildAndRefusesLaterRuns) {
+    struct Case {
+        const char* name;
+        std::string script;  // writes "started" first
+        int status;
+    };
+    const Case cases[] = {
+        {"a child that dies on TERM", "touch started; exec sleep 60", 128 + SIGTERM},
+        // The helper in the background holds the pipes open too: the whole group goes.
+        {"a child that ignores TERM", "trap '' TERM; sleep 60 & touch started; wait", 128 + SIGKILL},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        TempDir dir;
+        ProcessGitProcessRunner runner;
+        GitProcessExecutionResult result;
+        std::thread worker([&] { result = runner.run({"sh", "-c", c.script}, dir.path(), plainEnvironment()); });
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!std::filesystem::exists(dir.file("started")) && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        runner.stopAll(std::chrono::milliseconds(300));
+        worker.join();
+        EXPECT_EQ(result.status, c.status);
+        auto later = runner.run({"true"}, dir.path(), plainEnvironment());
+        EXPECT_EQ(later.status, -1);
+        EXPECT_EQ(later.stderr, std::strerror(ECANCELED));
+    }
 }
 
 TEST(GitEnvironment, PromptsOffEnglishMessagesAndTheUsersCharacterSet) {

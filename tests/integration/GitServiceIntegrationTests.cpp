@@ -3,6 +3,7 @@
 #include <locale.h>
 
 #include <filesystem>
+#include <thread>
 
 #include "git/GitTestSupport.h"
 #include "integration/GitTestRepos.h"
@@ -378,4 +379,75 @@ TEST(GitServiceIntegration, FailuresAreReadTheSameUnderAGermanLocale) {
         else EXPECT_NE(byLocale[0][0].find("does not appear to be a git repository"), std::string::npos);
         EXPECT_EQ(byLocale[1], byLocale[0]);
     }
+}
+
+namespace {
+
+// Accepts connections and never answers, as a server that has hung.
+const char* const kSilentServer = R"PY(
+import socket
+server = socket.socket()
+server.bind(("127.0.0.1", 0))
+server.listen(8)
+print(server.getsockname()[1], flush=True)
+held = []
+while True:
+    held.append(server.accept())
+)PY";
+
+// Live processes (zombies are dead) whose command line holds `text`.
+std::vector<std::string> liveProcessesMentioning(const std::string& text) {
+    std::vector<std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        std::string pid = entry.path().filename().string();
+        if (pid.find_first_not_of("0123456789") != std::string::npos) continue;
+        std::string cmdline = readFile(entry.path().string() + "/cmdline");
+        std::replace(cmdline.begin(), cmdline.end(), '\0', ' ');
+        std::string stat = readFile(entry.path().string() + "/stat");
+        size_t close = stat.rfind(')');
+        bool zombie = close != std::string::npos && close + 2 < stat.size() && stat[close + 2] == 'Z';
+        if (!zombie && cmdline.find(text) != std::string::npos) found.push_back(pid + " " + cmdline);
+    }
+    return found;
+}
+
+template <typename Predicate>
+bool waitUntil(Predicate ready, std::chrono::seconds limit = std::chrono::seconds(30)) {
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!ready()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+}  // namespace
+
+TEST(GitServiceIntegration, StoppingWhileAFetchHangsOnASilentServerEndsTheFetch) {
+    RealHarness h;
+    LoopbackServer server(h.base.write("silent.py", kSilentServer), {});
+    ASSERT_GT(server.port, 0);
+    const std::string url = "http://127.0.0.1:" + std::to_string(server.port) + "/hung.git";
+    std::string dir = initRepo(h.base, "repo");
+    commitFile(dir, "a.txt", "1\n", "init");
+    git(dir, {"remote", "add", "origin", url});
+    Uuid id = h.projects->add(dir);
+
+    h.service->fetch(id);
+    // git's http helper names the URL on its command line. (The fetch block
+    // reads its project on the main thread first.)
+    ASSERT_TRUE(waitUntil([&] {
+        h.main.queue().runUntilIdle();
+        return !liveProcessesMentioning(url).empty();
+    }));
+    auto stopped = std::make_shared<std::atomic<bool>>(false);
+    h.service->stop(GitService::kStopGrace, [stopped] { *stopped = true; });
+    EXPECT_TRUE(waitUntil([&] { return stopped->load(); }));
+    EXPECT_TRUE(waitUntil([&] { return liveProcessesMentioning(url).empty(); }, std::chrono::seconds(5)))
+        << liveProcessesMentioning(url).front();
+    // The engine stays stopped: later work is dropped.
+    h.service->fetch(id);
+    h.service->refreshStatus(id);
+    EXPECT_TRUE(drain(*h.service, h.main.queue()));
+    EXPECT_TRUE(h.events->eventsOfType("git/status").empty());
 }
