@@ -42,6 +42,14 @@ bool GitCommandContext::requiresToken(const std::string& remoteURL) const {
 
 bool GitCommandContext::hasToken() const { return m_auth->loadToken().has_value(); }
 
+std::optional<GitAuthToken> GitCommandContext::token() const { return m_auth->loadToken(); }
+
+void GitCommandContext::forgetRefusedToken() {
+    auto record = m_auth->loadToken();
+    m_auth->deleteToken();
+    if (m_onTokenRefused) m_onTokenRefused(record);
+}
+
 void GitCommandContext::stop(std::chrono::milliseconds grace) {
     if (auto* stopping = dynamic_cast<GitProcessStopping*>(m_runner.get())) stopping->stopAll(grace);
 }
@@ -89,9 +97,7 @@ Result<std::string, GitError> GitCommandContext::run(const std::vector<std::stri
     m_logger.info("git " + subcommand(arguments) + " exited with status " + std::to_string(result.status));
     if (authenticated && isAuthenticationFailure(result.stderr)) {
         m_logger.notice("git " + subcommand(arguments) + ": the server refused the token; it is forgotten");
-        auto record = m_auth->loadToken();
-        m_auth->deleteToken();
-        if (m_onTokenRefused) m_onTokenRefused(record);
+        forgetRefusedToken();
         m_broker->cleanup();
         return fail(GitError::authenticationFailed(std::move(result.stderr)));
     }

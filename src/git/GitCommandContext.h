@@ -58,6 +58,10 @@ public:
     // True when `remoteURL` is a GitHub HTTPS remote, whose runs carry the token.
     bool requiresToken(const std::string& remoteURL) const;
     bool hasToken() const;
+    std::optional<GitAuthToken> token() const;
+    // The server refused the stored token: it is deleted, and the account
+    // reported disconnected through `onTokenRefused`.
+    void forgetRefusedToken();
     // Only the real runner can ask git itself for a remote's URL.
     bool runsRealGit() const { return m_runsRealGit; }
     const std::shared_ptr<GitProcessRunning>& processRunner() const { return m_runner; }
