@@ -5,6 +5,8 @@
 #include "core/TaskQueue.h"
 #include "files/ExplorerService.h"
 #include "git/GitService.h"
+#include "github/GitHubEndpoints.h"
+#include "platform/http/CurlHttpClient.h"
 #include "input/NativeTerminalInput.h"
 #include "shell/ContentView.h"
 #include "shell/GestureBridge.h"
@@ -54,9 +56,15 @@ VelkoApp::VelkoApp(Options options) {
         m_bridge->setTerminalService(m_terminalMessages);
     }
 
+    m_http = std::make_shared<CurlHttpClient>();
+
     // --- git: runner, credential broker, service ---
     {
+        const GitHubEndpoints endpoints = GitHubEndpoints::fromEnvironment();
         GitService::Dependencies git;
+        git.gitHubWebHost = endpoints.webHost();
+        git.http = m_http;
+        git.graphqlURL = endpoints.graphqlURL();
         git.configProvider = m_configStore;
         // No account manager yet: GitHub HTTPS remotes ask the user to sign in.
         git.authProvider = std::make_shared<NoGitAuthProvider>();
@@ -134,7 +142,7 @@ void VelkoApp::shutdown(std::function<void()> done) {
     // hangs (a fetch from a silent server) is ended, TERM then KILL ---
     if (m_gitService) {
         auto next = std::move(done);
-        done = [git = std::weak_ptr<GitService>(m_gitService), next = std::move(next)]() mutable {
+        done = [git = std::weak_ptr<GitService>(m_gitService), http = m_http, next = std::move(next)]() mutable {
             auto service = git.lock();
             if (!service) return next();
             // Main thread only, so a plain flag decides which path goes on.
@@ -146,7 +154,9 @@ void VelkoApp::shutdown(std::function<void()> done) {
                 go();
             };
             service->whenIdle([finish] { runOnMain(finish); });
-            mainQueue().postDelayed(kGitPatience, [git, finish] {
+            mainQueue().postDelayed(kGitPatience, [git, http, finish] {
+                // Requests to GitHub in flight end with the client.
+                if (http) http->cancelAll();
                 auto service = git.lock();
                 if (!service) return finish();
                 service->stop(GitService::kStopGrace, [finish] { runOnMain(finish); });

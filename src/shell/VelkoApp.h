@@ -29,6 +29,7 @@ class NativeTerminalInput;
 class ProjectStoring;
 class TerminalMessageHandling;
 class GitOperating;
+class CurlHttpClient;
 
 class VelkoApp {
 public:
@@ -59,6 +60,8 @@ private:
     std::shared_ptr<TerminalService> m_terminalService;
     // --- git ---
     std::shared_ptr<GitService> m_gitService;
+    // --- the one HTTP client of everything that asks GitHub ---
+    std::shared_ptr<CurlHttpClient> m_http;
     // --- files ---
     std::shared_ptr<ExplorerService> m_explorerService;
     // --- the services as the bridge reaches them; it holds these weakly ---
