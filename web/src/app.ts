@@ -14,6 +14,7 @@ import * as git from './state/git';
 import * as hist from './state/history';
 import * as graph from './state/graph';
 import * as bmap from './state/branchMap';
+import * as acct from './state/account';
 import { L } from './labels';
 import { decodeBase64 } from './terminal/base64';
 import { OutputQueue, type Scheduler } from './terminal/outputQueue';
@@ -38,6 +39,7 @@ export class App {
   readonly history = new Store<hist.HistoryState>(hist.initialHistory);
   readonly graph = new Store<graph.GraphState>(graph.initialGraph);
   readonly branchMap = new Store<bmap.BranchMapState>(bmap.initialBranchMap);
+  readonly account = new Store<acct.AccountState>(acct.initialAccount);
   readonly toasts = new Store<Toast[]>([]);
   /** Sessions that printed something while not on screen. */
   readonly unseen = new Store<ReadonlySet<string>>(new Set());
@@ -139,6 +141,13 @@ export class App {
     b.on('git/graph', (p) => this.graph.update((s) => graph.applyGraph(s, p)));
     b.on('git/branch-map', (p) => this.branchMap.update((s) => bmap.applyBranchMap(s, p)));
     b.on('git/branch-map/error', (p) => this.branchMap.update((s) => bmap.applyBranchMapError(s, p)));
+    b.on('github/oauth/status', (p) => this.onAccountStep(acct.applyStatus(this.account.get(), p)));
+    b.on('github/oauth/error', (p) => this.onAccountStep(acct.applyError(this.account.get(), p)));
+  }
+
+  private onAccountStep(step: acct.AccountStep): void {
+    this.account.set(step.state);
+    if (step.notice) this.toast(step.notice.kind, step.notice.message);
   }
 
   private onGitResult(payload: JsonObject): void {
@@ -266,6 +275,22 @@ export class App {
   resumeWorkspace(): void {
     this.resumeRequested = true;
     this.bridge.post('project/resume');
+  }
+
+  // GitHub account
+
+  signIn(): void {
+    this.account.update(acct.signInStarted);
+    this.bridge.post('github/oauth/start');
+  }
+
+  /** Stops waiting for the browser; the native side has no way to be told, and a new start replaces its flow. */
+  cancelSignIn(): void {
+    this.account.update(acct.signInCancelled);
+  }
+
+  signOut(): void {
+    this.bridge.post('github/oauth/logout');
   }
 
   // Terminals

@@ -132,4 +132,11 @@ export const L = {
   pushState: { pushed: 'プッシュ済み', unpushed: '未プッシュ', noUpstream: '上流なし' } as Record<string, string>,
   priority: ['関連', '他のワークツリー', '要対応', '要確認', '削除候補', '最近', 'その他'],
   dismiss: '閉じる',
+  account: {
+    signIn: 'GitHub にサインイン',
+    continueInBrowser: 'ブラウザでサインインを続けてください…',
+    signOut: 'サインアウト',
+    connected: 'GitHub に接続済み',
+    signedInAs: (login: string) => `GitHub に @${login} としてサインインしています`,
+  },
 };

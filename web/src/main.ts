@@ -13,6 +13,7 @@ import { mountTerminals } from './ui/terminals';
 import { mountEditor, mountPreview } from './ui/editor';
 import { mountGit } from './ui/git/column';
 import { mountToasts } from './ui/toasts';
+import { mountAccount } from './ui/account';
 import { showDialog } from './ui/dialog';
 import { L } from './labels';
 import { installFonts } from './fonts';
@@ -32,6 +33,8 @@ function start(): void {
   root.append(topbar, main, toasts);
 
   mountProjectTabs(app, topbar);
+  topbar.append(h('span', { class: 'spacer' }));
+  mountAccount(app, topbar);
   const columns = mountLayout(app, main);
   mountPreview(app, columns.preview);
   const editor = mountEditor(app, columns.editor);

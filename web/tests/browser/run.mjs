@@ -409,6 +409,36 @@ test('a pinch on the touchpad widens or narrows the column under the fingers', a
   await page.close();
 });
 
+test('the account control signs in through the browser and signs out', async (ctx) => {
+  const { page, native } = await openPage(ctx, (n) => n.addProject('acct'));
+  const referers = [];
+  await page.route('https://avatars.example/**', (route) => {
+    referers.push(route.request().headers().referer ?? 'none');
+    if (route.request().url().endsWith('/gone.png')) return route.fulfill({ status: 404 });
+    return route.fulfill({ status: 200, contentType: 'image/png', body: Buffer.from('iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR42mNk+M9QDwADhgGAWjR9awAAAABJRU5ErkJggg==', 'base64') });
+  });
+  await page.click('.account-sign-in');
+  const start = await native.waitFor((m) => m.type === 'github/oauth/start', 'github/oauth/start');
+  assert.equal(start.payload, undefined);
+  await page.waitForSelector('.account-waiting >> text=ブラウザでサインインを続けてください…');
+  // Each configuration is followed by a plain status; the sign-in in the browser is still open.
+  await native.sendConfig();
+  assert.ok(await page.isVisible('.account-cancel'));
+  native.oauth = { status: 'connected', account: { login: 'octo', avatarUrl: 'https://avatars.example/u/1.png' } };
+  await native.send('github/oauth/status', native.oauth);
+  await page.waitForSelector('.account-login >> text=@octo');
+  await page.waitForFunction(() => document.querySelector('.account-avatar img')?.naturalWidth === 1);
+  assert.equal(await page.getAttribute('.account-avatar img', 'referrerpolicy'), 'no-referrer');
+  assert.deepEqual(referers, ['none']);
+  await native.send('github/oauth/status', { status: 'connected', account: { login: 'octo', avatarUrl: 'https://avatars.example/gone.png' } });
+  await page.waitForSelector('.account-initial >> text=O');
+  await page.click('.account-sign-out');
+  await native.waitFor((m) => m.type === 'github/oauth/logout', 'github/oauth/logout');
+  await page.waitForSelector('.toast >> text=サインアウトしました');
+  await page.waitForSelector('.account-sign-in >> text=GitHub にサインイン');
+  await page.close();
+});
+
 test('malformed events are ignored and the page keeps working', async (ctx) => {
   const { page, native, errors } = await openPage(ctx, (n) => n.addProject('mu'));
   await page.waitForSelector('.project-tab.active >> text=mu');
