@@ -15,6 +15,7 @@ import * as hist from './state/history';
 import * as graph from './state/graph';
 import * as bmap from './state/branchMap';
 import * as acct from './state/account';
+import * as dash from './state/dashboard';
 import { L } from './labels';
 import { decodeBase64 } from './terminal/base64';
 import { OutputQueue, type Scheduler } from './terminal/outputQueue';
@@ -28,6 +29,7 @@ export interface Toast {
 }
 
 const TERMINAL_EVENTS = ['terminal/snapshot', 'terminal/created', 'terminal/status', 'terminal/exit', 'terminal/error', 'terminal/resize'];
+const DASHBOARD_EVENTS = ['dashboard.toggled', 'dashboard.metrics', 'dashboard.metrics.error', 'system/metrics'];
 const FILE_EVENTS = ['project/file/content', 'project/file/confirm', 'project/file/saved', 'project/file/error'];
 
 export class App {
@@ -40,6 +42,7 @@ export class App {
   readonly graph = new Store<graph.GraphState>(graph.initialGraph);
   readonly branchMap = new Store<bmap.BranchMapState>(bmap.initialBranchMap);
   readonly account = new Store<acct.AccountState>(acct.initialAccount);
+  readonly dashboard = new Store<dash.DashboardState>(dash.initialDashboard);
   readonly toasts = new Store<Toast[]>([]);
   /** Sessions that printed something while not on screen. */
   readonly unseen = new Store<ReadonlySet<string>>(new Set());
@@ -141,6 +144,7 @@ export class App {
     b.on('git/graph', (p) => this.graph.update((s) => graph.applyGraph(s, p)));
     b.on('git/branch-map', (p) => this.branchMap.update((s) => bmap.applyBranchMap(s, p)));
     b.on('git/branch-map/error', (p) => this.branchMap.update((s) => bmap.applyBranchMapError(s, p)));
+    for (const type of DASHBOARD_EVENTS) b.on(type, (p) => this.dashboard.update((s) => dash.applyEvent(s, type, p)));
     b.on('github/oauth/status', (p) => this.onAccountStep(acct.applyStatus(this.account.get(), p)));
     b.on('github/oauth/error', (p) => this.onAccountStep(acct.applyError(this.account.get(), p)));
   }
@@ -291,6 +295,31 @@ export class App {
 
   signOut(): void {
     this.bridge.post('github/oauth/logout');
+  }
+
+  // Dashboard
+
+  presentDashboard(source: string): void {
+    this.bridge.post('dashboard.present', { source });
+  }
+
+  refreshDashboard(): void {
+    this.dashboard.update(dash.refreshRequested);
+    this.bridge.post('dashboard.present', { forceRefresh: true, source: 'refresh' });
+  }
+
+  dismissDashboard(): void {
+    this.bridge.post('dashboard.dismiss');
+  }
+
+  /**
+   * A card was chosen: its project comes forward and the dashboard closes.
+   * The activation goes first, and even for the active project, because the
+   * native side counts a card as opened only while the dashboard is up.
+   */
+  openProjectFromDashboard(id: string): void {
+    this.bridge.post('project/activate', { id });
+    this.dismissDashboard();
   }
 
   // Terminals

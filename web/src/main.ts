@@ -14,6 +14,7 @@ import { mountEditor, mountPreview } from './ui/editor';
 import { mountGit } from './ui/git/column';
 import { mountToasts } from './ui/toasts';
 import { mountAccount } from './ui/account';
+import { mountDashboard } from './ui/dashboard';
 import { showDialog } from './ui/dialog';
 import { L } from './labels';
 import { installFonts } from './fonts';
@@ -34,6 +35,7 @@ function start(): void {
 
   mountProjectTabs(app, topbar);
   topbar.append(h('span', { class: 'spacer' }));
+  const dashboard = mountDashboard(app, topbar, root);
   mountAccount(app, topbar);
   const columns = mountLayout(app, main);
   mountPreview(app, columns.preview);
@@ -42,7 +44,7 @@ function start(): void {
   const terminals = mountTerminals(app, columns.terminal);
   mountGit(app, columns.git);
   mountToasts(app, toasts);
-  keepFocus(terminals.focusActive, editor.focus);
+  keepFocus(dashboard.focus, terminals.focusActive, editor.focus);
   installZoom(terminals.setFontSize);
   // Commits and checkouts made in a terminal touch only .git, which nobody watches; catch up when the user returns.
   window.addEventListener('focus', () => {

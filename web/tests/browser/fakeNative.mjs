@@ -31,6 +31,9 @@ export class FakeNative {
     this.branchMaps = new Map();
     /** What "github/oauth/status" says after each configuration. */
     this.oauth = { status: 'disconnected' };
+    /** "dashboard.metrics" as the program writes it, and whether the dashboard is up. */
+    this.dashboardSnapshot = undefined;
+    this.dashboardOpen = false;
   }
 
   attach(page) {
@@ -222,6 +225,16 @@ export class FakeNative {
         }
         return this.send('git/branch-map', { ...map, projectId: payload.projectId, nodes, totalCount: map.nodes.length, truncatedCount: map.nodes.length - nodes.length });
       }
+      case 'dashboard.present':
+        if (!this.dashboardOpen) {
+          this.dashboardOpen = true;
+          await this.send('dashboard.toggled', { open: true });
+        } else if (payload.forceRefresh !== true) return undefined;
+        return this.dashboardSnapshot ? this.send('dashboard.metrics', this.dashboardSnapshot) : this.send('dashboard.metrics.error', { message: 'Failed to fetch dashboard metrics' });
+      case 'dashboard.dismiss':
+        if (!this.dashboardOpen) return undefined;
+        this.dashboardOpen = false;
+        return this.send('dashboard.toggled', { open: false });
       case 'github/oauth/logout':
         this.oauth = { status: 'disconnected' };
         return this.send('github/oauth/status', { status: 'disconnected', reason: 'userLogout' });

@@ -5,7 +5,7 @@ import assert from 'node:assert/strict';
 import { serve, launch, installChannel } from './harness.mjs';
 import { shippedBuild, testBuild, isStale } from '../../scripts/builds.mjs';
 import { FakeNative } from './fakeNative.mjs';
-import { RecordedNative, loadRecording } from './recordedNative.mjs';
+import { RecordedNative, loadRecording, loadFixture } from './recordedNative.mjs';
 import { dropScript } from '../injectedScript.mjs';
 
 const tests = [];
@@ -14,7 +14,7 @@ const test = (name, fn) => tests.push({ name, fn });
 const b64 = (text) => Buffer.from(text, 'utf8').toString('base64');
 
 /** Opens the page with a fake native side that already has `setup`'s projects. */
-async function openPage(ctx, setup = () => undefined, { channel = true } = {}) {
+async function openPage(ctx, setup = () => undefined, { channel = true, before } = {}) {
   const native = new FakeNative();
   setup(native);
   const page = await ctx.context.newPage();
@@ -24,6 +24,7 @@ async function openPage(ctx, setup = () => undefined, { channel = true } = {}) {
   page.on('console', (m) => logs.push(m.text()));
   native.attach(page);
   if (channel) await installChannel(page, (m) => native.handle(m));
+  if (before) await before(page);
   await page.goto(ctx.url);
   await page.waitForSelector('.topbar');
   return { page, native, errors, logs };
@@ -436,6 +437,48 @@ test('the account control signs in through the browser and signs out', async (ct
   await native.waitFor((m) => m.type === 'github/oauth/logout', 'github/oauth/logout');
   await page.waitForSelector('.toast >> text=サインアウトしました');
   await page.waitForSelector('.account-sign-in >> text=GitHub にサインイン');
+  await page.close();
+});
+
+test('the dashboard opens from the top bar, ends its heatmap today in the user\'s zone, and a card opens its project', async (ctx) => {
+  let a, b;
+  const { page, native } = await openPage(ctx, (n) => {
+    a = n.addProject('velko');
+    b = n.addProject('notes');
+    n.dashboardSnapshot = JSON.parse(JSON.stringify(loadFixture('dashboard.json')).replaceAll('PROJECT-0', a.id).replaceAll('PROJECT-1', b.id));
+  }, {
+    before: async (page) => {
+      // 20:00 on 1 May in Los Angeles, already 2 May in UTC.
+      await page.clock.setFixedTime(new Date('2024-05-02T03:00:00Z'));
+      await (await page.context().newCDPSession(page)).send('Emulation.setTimezoneOverride', { timezoneId: 'America/Los_Angeles' });
+    },
+  });
+  await page.waitForSelector('.project-tab.active >> text=notes');
+  await page.click('.dashboard-button');
+  const present = await native.waitFor((m) => m.type === 'dashboard.present', 'dashboard.present');
+  assert.deepEqual(present.payload, { source: 'topbar' });
+  await page.waitForSelector('.dash-card >> text=velko');
+  assert.equal(await page.textContent('.dash-delta'), '↑ 125.0%');
+  const card = page.locator('.dash-card', { hasText: 'velko' });
+  assert.ok((await card.textContent()).includes('最終コミット 3 時間前'));
+  const cells = await card.locator('.heat-cell').evaluateAll((els) => els.map((e) => [e.dataset.day, e.className, e.title]));
+  assert.equal(cells.length, 28);
+  assert.deepEqual(cells.at(-1), ['2024-05-01', 'heat-cell level-2 today', '2024/05/01 (水) · 3 コミット']);
+  assert.equal(cells[0][0], '2024-04-04');
+  assert.equal(await card.locator('.dash-lang').count(), 6);
+  await native.send('system/metrics', { timestamp: '2024-05-02T03:00:00Z', cpuPercent: 3.14, memoryMB: 141.6 });
+  await page.waitForSelector('.dash-metrics >> text=CPU 3.1% · 142 MB');
+  await page.click('.dash-refresh');
+  await native.waitFor((m) => m.type === 'dashboard.present' && m.payload.forceRefresh === true, 'refresh');
+  await page.keyboard.press('Escape');
+  await native.waitFor((m) => m.type === 'dashboard.dismiss', 'dashboard.dismiss');
+  await page.waitForSelector('.dashboard', { state: 'hidden' });
+  await page.click('.dashboard-button');
+  await page.click('.dash-card:has-text("velko")');
+  await page.waitForSelector('.project-tab.active >> text=velko');
+  const after = native.messages.slice(native.messages.findLastIndex((m) => m.type === 'dashboard.present') + 1).map((m) => m.type).filter((t) => t.startsWith('dashboard') || t === 'project/activate');
+  assert.deepEqual(after, ['project/activate', 'dashboard.dismiss']);
+  await page.waitForSelector('.dashboard', { state: 'hidden' });
   await page.close();
 });
 
