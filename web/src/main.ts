@@ -38,8 +38,8 @@ function start(): void {
   const dashboard = mountDashboard(app, topbar, root);
   mountAccount(app, topbar);
   const columns = mountLayout(app, main);
-  mountPreview(app, columns.preview);
   const editor = mountEditor(app, columns.editor);
+  mountPreview(app, columns.preview, editor.textOf);
   mountExplorer(app, columns.explorer, editor.focus);
   const terminals = mountTerminals(app, columns.terminal);
   mountGit(app, columns.git);
@@ -52,6 +52,8 @@ function start(): void {
     if (id) app.refreshGitSoon(id);
   });
   mountLargeFileDialog(app);
+  // Tab changes wait a moment before they are stored; a page going away stores them now.
+  window.addEventListener('pagehide', () => app.flushPersist());
 
   // Only now: every panel listens, so neither parked nor answered events are lost.
   bridge.install();

@@ -482,6 +482,52 @@ test('the dashboard opens from the top bar, ends its heatmap today in the user\'
   await page.close();
 });
 
+test('preview tabs: a drag reorders and is stored, restored tabs come back unread, a gone file stays marked', async (ctx) => {
+  let project;
+  const { page, native } = await openPage(ctx, (n) => {
+    project = n.addProject('phi', { 'a.ts': 'a', 'b.ts': 'b', 'c.ts': 'c' });
+  }, { before: (page) => page.addInitScript(() => localStorage.removeItem('velko.columnWidths')) });
+  await page.waitForSelector('.project-tab.active >> text=phi');
+  const tab = (id, path) => ({ id, path, title: path, isDirty: false, viewMode: 'source', lastOpenedAt: 1714500000000 });
+  await native.send('previewTab:hydrate', { projectId: project.id, snapshot: { activeTabId: 't1', tabs: [tab('t1', 'a.ts'), tab('t2', 'gone.ts'), tab('t3', 'b.ts')], version: 1 } });
+  await native.send('previewTab:warning', { projectId: project.id, tabs: [{ tabId: 't2', path: 'gone.ts', code: 'file_missing', message: 'ファイルが見つかりません' }] });
+  await page.waitForSelector('.cm-content >> text=a');
+  assert.equal(await page.getAttribute('.doc-tab.missing', 'title'), 'gone.ts — ファイルが見つかりません');
+  // Only the tab on screen was read.
+  assert.deepEqual(native.messages.filter((m) => m.type === 'project/file/open').map((m) => m.payload.path), ['a.ts']);
+  await page.dblclick('.tree-row:has-text("c.ts")');
+  await page.waitForSelector('.doc-tab.active >> text=c.ts');
+  await page.dragAndDrop('.doc-tab:has-text("c.ts")', '.doc-tab:has-text("a.ts")', { targetPosition: { x: 2, y: 10 } });
+  const stored = await native.waitFor((m) => m.type === 'previewTabs/persist' && m.payload.snapshot.tabs[0].path === 'c.ts', 'persist after the drag');
+  assert.equal(stored.payload.projectId, project.id);
+  assert.deepEqual(stored.payload.snapshot.tabs.map((t) => t.path), ['c.ts', 'a.ts', 'gone.ts', 'b.ts']);
+  assert.equal(stored.payload.snapshot.tabs.find((t) => t.path === 'c.ts').id, stored.payload.snapshot.activeTabId);
+  await page.close();
+});
+
+test('Markdown renders beside its source and nothing in it runs or posts', async (ctx) => {
+  const evil = ['# Notes', '', '<script>window.__ran = 1; window.webkit.messageHandlers.velko.postMessage({ type: "evil" })</script>', '',
+    '<img src="x" onerror="window.__ran = 2">', '', '[click](javascript:window.__ran=3) [next](b.md)', '',
+    '![pic](javascript:window.__ran=4) <a href="javascript:window.__ran=5" onclick="window.__ran=6">raw</a>'].join('\n');
+  const { page, native, errors } = await openPage(ctx, (n) => n.addProject('chi', { 'evil.md': evil, 'b.md': '# B' }));
+  await page.dblclick('.tree-row:has-text("evil.md")');
+  await page.waitForSelector('.markdown-body h1 >> text=Notes');
+  await page.waitForSelector('.cm-content >> text=# Notes');
+  for (const p of await page.$$('.markdown-body p')) await p.click({ position: { x: 2, y: 4 } });
+  assert.equal(await page.evaluate(() => window.__ran), undefined);
+  assert.equal(await page.locator('.markdown-body script, .markdown-body [onerror], .markdown-body [onclick], .markdown-body [href^="javascript" i], .markdown-body img').count(), 0);
+  assert.ok((await page.textContent('.markdown-body')).includes('<script>'));
+  assert.ok(!native.messages.some((m) => m.type === 'evil'));
+  // A link to another file of the project opens it in a tab; the toggle shows the source alone.
+  await page.click('.markdown-body .md-file-link');
+  await page.waitForSelector('.doc-tab.active >> text=b.md');
+  await page.waitForSelector('.markdown-body h1 >> text=B');
+  await page.click('.view-mode');
+  await page.waitForSelector('.markdown-body', { state: 'hidden' });
+  assert.deepEqual(errors, []);
+  await page.close();
+});
+
 test('malformed events are ignored and the page keeps working', async (ctx) => {
   const { page, native, errors } = await openPage(ctx, (n) => n.addProject('mu'));
   await page.waitForSelector('.project-tab.active >> text=mu');
