@@ -238,6 +238,7 @@ export class App {
       if (t.request.length > 0) this.requestDirectories(id, t.request);
     }
     if (!this.git.get().projects[id]?.status) this.bridge.post('git/status', { projectId: id });
+    this.readShownTab();
   }
 
   private onOutput(payload: Record<string, unknown>): void {

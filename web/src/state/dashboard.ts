@@ -4,7 +4,7 @@
 // and the program's own CPU and memory ("system/metrics"). The page never
 // opens or closes the dashboard itself; it asks and follows the answer.
 
-import { arr, isObject, num, str, type JsonObject } from '../json';
+import { arr, isObject, num, str, uuid, type JsonObject } from '../json';
 
 export interface HeatCell {
   /** The user's local day, as the native side sends it: midnight UTC of that calendar date, read with UTC getters. */
@@ -74,10 +74,10 @@ export function localDay(ms: number): string {
 }
 
 function parseSummary(o: JsonObject): ProjectSummary | undefined {
-  const projectId = str(o, 'projectId');
+  const projectId = uuid(o, 'projectId');
   if (!projectId) return undefined;
   const summary: ProjectSummary = {
-    projectId: projectId.toUpperCase(),
+    projectId,
     projectName: str(o, 'projectName') ?? '',
     branch: str(o, 'branch') || 'HEAD',
     commitCount: count(o, 'commitCount'),

@@ -63,6 +63,7 @@ export function mountDashboard(app: App, topbar: HTMLElement, root: HTMLElement)
   const render = (s: dash.DashboardState, prev?: dash.DashboardState) => {
     toggle.classList.toggle('active', s.open);
     toggle.setAttribute('aria-pressed', String(s.open));
+    toggle.title = s.open ? L.dashboard.close : L.dashboard.open;
     view.hidden = !s.open;
     if (s.open && !prev?.open) {
       // Keys must not reach the terminal hidden under the view; they come back to it on close.

@@ -35,12 +35,4 @@ describe('Markdown preview', () => {
   ])('link $href', ({ href, out }) => {
     expect(linkTarget(href, 'docs/guide.md')).toEqual(out);
   });
-
-  it('a link to a project file opens it', () => {
-    const opened: string[] = [];
-    const box = document.createElement('div');
-    box.append(renderMarkdown('[b](b.md)', { path: 'docs/guide.md', openPath: (p) => opened.push(p) }));
-    box.querySelector<HTMLElement>('.md-file-link')!.click();
-    expect(opened).toEqual(['docs/b.md']);
-  });
 });

@@ -80,10 +80,10 @@ describe('preview tabs', () => {
     const { app, send, posted, persisted, opened } = workspace();
     const snapshot = { activeTabId: 't2', tabs: [tab('t1', 'a.ts'), tab('t2', 'docs/b.md', 'markdown', 5), tab('t3', 'c.png', 'rendered'), tab('t4', 'bad', 'sideways'), tab('t1', 'dup.ts')], version: 1 };
     send('previewTab:hydrate', { projectId: P1, snapshot });
-    send('previewTab:hydrate', { projectId: P2, snapshot: { activeTabId: 'x', tabs: [tab('x', 'x.ts')], version: 2 } });
+    send('previewTab:hydrate', { projectId: P2, snapshot: { activeTabId: 'x', tabs: [tab('x', 'x.ts')], version: 1 } });
     const docs = ed.projectDocs(app.editor.get(), P1);
     expect(docs.map((d) => [d.path, d.kind])).toEqual([['a.ts', 'unloaded'], ['docs/b.md', 'loading'], ['c.png', 'unloaded']]);
-    expect(ed.projectDocs(app.editor.get(), P2)).toEqual([]);
+    expect(ed.projectDocs(app.editor.get(), P2).map((d) => d.kind)).toEqual(['unloaded']);
     expect(opened()).toEqual(['docs/b.md']);
     vi.advanceTimersByTime(400);
     expect(persisted()).toEqual([]);
@@ -96,6 +96,9 @@ describe('preview tabs', () => {
     posted.length = 0;
     app.activateTab(ed.docKey(P1, 'c.png'));
     expect(opened()).toEqual(['c.png']);
+    posted.length = 0;
+    send('app/config', { projects: [project(P1, 'a'), project(P2, 'b')], activeProjectId: P2 });
+    expect(opened()).toEqual(['x.ts']);
   });
 
   it('merge with tabs opened before they came back, and the merge is stored', () => {
