@@ -12,6 +12,7 @@
 #include "core/SerialQueue.h"
 #include "core/TaskQueue.h"
 #include "files/ExplorerService.h"
+#include "files/FileMessages.h"
 #include "files/ItemRename.h"
 #include "files/PathRules.h"
 #include "files/ProjectFileAccess.h"
@@ -23,7 +24,8 @@ namespace velko {
 namespace {
 
 constexpr size_t kMaxExplorerPathsPerRequest = 512;
-constexpr const char* kMissingRootMessage = "プロジェクトのルートが見つかりませんでした";
+
+std::string missingRootMessage() { return std::string(file_messages::kMissingRoot); }
 
 OrderedJson fileErrorPayload(const Uuid& projectId, const std::string& path, const std::string& message,
                              const std::optional<std::string>& code = std::nullopt) {
@@ -94,7 +96,7 @@ void WebBridge::handleFileOpen(const Json* payload) {
     runOnMainWeak(weak_from_this(), [id = *projectId, path = std::move(*path), policy](WebBridge& self) {
         auto root = self.projectRootForFiles(id);
         if (!root) {
-            self.dispatchEvent("project/file/error", fileErrorPayload(id, path, kMissingRootMessage));
+            self.dispatchEvent("project/file/error", fileErrorPayload(id, path, missingRootMessage()));
             return;
         }
         std::weak_ptr<WebBridge> weak = self.weak_from_this();
@@ -138,7 +140,7 @@ void WebBridge::handleFileSave(const Json* payload) {
                                      content = std::move(*content)](WebBridge& self) mutable {
         auto root = self.projectRootForFiles(id);
         if (!root) {
-            self.dispatchEvent("project/file/error", fileErrorPayload(id, path, kMissingRootMessage));
+            self.dispatchEvent("project/file/error", fileErrorPayload(id, path, missingRootMessage()));
             return;
         }
         std::weak_ptr<WebBridge> weak = self.weak_from_this();
@@ -171,7 +173,7 @@ void WebBridge::handleFileRename(const Json* payload) {
         auto root = self.projectRootForFiles(id);
         if (!root) {
             self.dispatchEvent("project/file/error",
-                               fileErrorPayload(id, path, kMissingRootMessage, "rename_invalid_project"));
+                               fileErrorPayload(id, path, missingRootMessage(), "rename_invalid_project"));
             return;
         }
         std::weak_ptr<WebBridge> weak = self.weak_from_this();
