@@ -1,6 +1,5 @@
 #include "files/InotifyExplorerWatcher.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -23,10 +22,6 @@ namespace {
 constexpr uint32_t kWatchMask = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB | IN_MOVED_FROM |
                                 IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW |
                                 IN_EXCL_UNLINK;
-
-struct DirCloser {
-    void operator()(DIR* dir) const { closedir(dir); }
-};
 
 std::string joinPath(const std::string& directory, std::string_view name) {
     std::string path = directory;
@@ -120,13 +115,15 @@ void InotifyExplorerWatcher::reportResync(ExplorerFileChangeKind kind) {
 }
 
 void InotifyExplorerWatcher::watchTree(const std::string& top, bool reportContents) {
+    if (isExcludedDirectory(top)) return;
+    const size_t relativeStart = m_root == "/" ? 1 : m_root.size() + 1;
     std::vector<std::string> stack{top};
     while (!stack.empty() && !m_stopRequested.load(std::memory_order_relaxed)) {
-        std::string directory = std::move(stack.back());
+        std::string next = std::move(stack.back());
         stack.pop_back();
-        if (isExcludedDirectory(directory)) continue;
         bool overBudget = m_maxWatches > 0 && m_watches.size() >= m_maxWatches;
-        int wd = overBudget ? -1 : inotify_add_watch(m_inotifyFd, directory.c_str(), kWatchMask);
+        // Watched before it is read, so an entry made in between is told as an event.
+        int wd = overBudget ? -1 : inotify_add_watch(m_inotifyFd, next.c_str(), kWatchMask);
         if (overBudget) errno = ENOSPC;
         if (wd < 0) {
             if (errno == ENOSPC && !m_reportedOutOfWatches) {
@@ -138,24 +135,13 @@ void InotifyExplorerWatcher::watchTree(const std::string& top, bool reportConten
             }
             continue;
         }
-        m_watches[wd] = directory;
+        // Node-based map: the reference stays valid while the entries are read.
+        const std::string& directory = m_watches[wd] = std::move(next);
         m_watchCount = m_watches.size();
-        int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
-        if (fd < 0) continue;
-        std::unique_ptr<DIR, DirCloser> dir(fdopendir(fd));
-        if (!dir) {
-            close(fd);
-            continue;
-        }
-        while (dirent* entry = readdir(dir.get())) {
-            std::string_view name = entry->d_name;
-            if (name == "." || name == "..") continue;
-            unsigned char type = entry->d_type;
-            if (type == DT_UNKNOWN) {
-                struct stat st {};
-                if (fstatat(dirfd(dir.get()), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-                type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_LNK;
-            }
+        if (!m_reader.open(AT_FDCWD, directory.c_str())) continue;
+        m_reader.forEach([&](std::string_view name, unsigned char type) {
+            // Gone before it could be asked about, or not wanted by the first walk.
+            if (type == DT_UNKNOWN || (!reportContents && type != DT_DIR)) return;
             std::string path = joinPath(directory, name);
             if (reportContents) {
                 append(ExplorerFileEvent{path,
@@ -163,8 +149,10 @@ void InotifyExplorerWatcher::watchTree(const std::string& top, bool reportConten
                                          ExplorerFileChangeKind::Created, false});
             }
             // Links are never followed, so a link loop cannot trap the walk.
-            if (type == DT_DIR) stack.push_back(std::move(path));
-        }
+            if (type == DT_DIR && !m_rules.containsChild(std::string_view(path).substr(relativeStart), name))
+                stack.push_back(std::move(path));
+        });
+        m_reader.close();
     }
 }
 

@@ -24,6 +24,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "files/DirectoryReader.h"
 #include "files/ExplorerEventWatching.h"
 #include "files/ExplorerListing.h"
 
@@ -80,6 +81,7 @@ private:
     // instead of holding the caller (the main thread) until it is done.
     std::atomic<bool> m_stopRequested{false};
     std::unordered_map<int, std::string> m_watches;  // watcher thread only, once started
+    DirectoryReader m_reader;                         // watcher thread only
     std::atomic<size_t> m_watchCount{0};
     std::vector<ExplorerFileEvent> m_pending;
     std::unordered_map<std::string, size_t> m_pendingKeys;
