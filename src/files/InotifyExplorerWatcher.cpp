@@ -14,6 +14,7 @@
 
 #include "core/Log.h"
 #include "files/PathRules.h"
+#include "files/SaveLeftovers.h"
 
 namespace velko {
 
@@ -117,6 +118,7 @@ void InotifyExplorerWatcher::reportResync(ExplorerFileChangeKind kind) {
 void InotifyExplorerWatcher::watchTree(const std::string& top, bool reportContents) {
     if (isExcludedDirectory(top)) return;
     const size_t relativeStart = m_root == "/" ? 1 : m_root.size() + 1;
+    const auto leftoverCutoff = processStartTime();
     std::vector<std::string> stack{top};
     while (!stack.empty() && !m_stopRequested.load(std::memory_order_relaxed)) {
         std::string next = std::move(stack.back());
@@ -140,6 +142,11 @@ void InotifyExplorerWatcher::watchTree(const std::string& top, bool reportConten
         m_watchCount = m_watches.size();
         if (!m_reader.open(AT_FDCWD, directory.c_str())) continue;
         m_reader.forEach([&](std::string_view name, unsigned char type) {
+            // A save killed before its rename left this; the walk that opens
+            // the project is the one moment every folder is read anyway.
+            if (type == DT_REG && leftoverCutoff && name.front() == '.' &&
+                removeSaveLeftoverAt(m_reader.fd(), name, *leftoverCutoff))
+                return;
             // Gone before it could be asked about, or not wanted by the first walk.
             if (type == DT_UNKNOWN || (!reportContents && type != DT_DIR)) return;
             std::string path = joinPath(directory, name);

@@ -9,6 +9,9 @@
 // A queue overflow, the loss of the root or running out of watches becomes
 // one event with `requiresResync`, never a crash and never silent loss.
 //
+// The first walk also removes what a killed save left in the folders it reads
+// (see SaveLeftovers.h), since it reads every folder of the project anyway.
+//
 // Events are collected for a short latency (0.2 s from the first of a burst)
 // and handed over as one delivery, with duplicates removed. Everything runs on
 // the watcher's own thread ("app.velko.explorer.fsevents"); start and stop are

@@ -16,6 +16,7 @@
 #include "core/Uuid.h"
 #include "files/FileMessages.h"
 #include "files/PathRules.h"
+#include "files/SaveLeftovers.h"
 
 namespace velko {
 
@@ -212,6 +213,8 @@ Status<FileSaveError> saveProjectFile(std::string_view relativePath, std::string
             std::free(resolved);
         }
     }
+    // Before the write: a leftover of a killed save may be what filled the disk.
+    removeSaveLeftoversOnce(resolveSymlinks(std::string(parentPath(target))));
     // A new file gets the usual 0666 less the creation mask; a replaced one
     // keeps its own bits and owner.
     if (!writeFileAtomically(target, content, 0666 & ~creationMask()))
