@@ -24,6 +24,9 @@ constexpr uint32_t kWatchMask = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRI
                                 IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW |
                                 IN_EXCL_UNLINK;
 
+// The parent is watched only for the root itself going away.
+constexpr uint32_t kParentMask = IN_DELETE | IN_MOVED_FROM | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW;
+
 std::string joinPath(const std::string& directory, std::string_view name) {
     std::string path = directory;
     if (path.empty() || path.back() != '/') path.push_back('/');
@@ -67,6 +70,15 @@ bool InotifyExplorerWatcher::start(Handler handler) {
         stop();
         return false;
     }
+    // Best effort: without the parent (the root is "/", no permission) the
+    // root's own events still come, only later while it is someone's cwd.
+    m_parentWatch = -1;
+    if (auto slash = m_root.find_last_of('/'); slash != std::string::npos && m_root.size() > 1) {
+        std::string parent = slash == 0 ? std::string("/") : m_root.substr(0, slash);
+        m_rootName = m_root.substr(slash + 1);
+        m_parentWatch = inotify_add_watch(m_inotifyFd, parent.c_str(), kParentMask);
+        if (m_parentWatch == m_rootWatch) m_parentWatch = -1;
+    }
     m_handler = std::move(handler);
     m_watches = {{m_rootWatch, m_root}};
     m_watchCount = 1;
@@ -92,7 +104,7 @@ void InotifyExplorerWatcher::stop() {
     }
     if (m_inotifyFd >= 0) close(m_inotifyFd);
     if (m_stopFd >= 0) close(m_stopFd);
-    m_inotifyFd = m_stopFd = m_rootWatch = -1;
+    m_inotifyFd = m_stopFd = m_rootWatch = m_parentWatch = -1;
     m_watches.clear();
     m_handler = nullptr;
     // Wake anyone still waiting for a scan that will not come.
@@ -214,6 +226,11 @@ void InotifyExplorerWatcher::processEvents(const char* buffer, size_t length) {
             watchTree(m_root, false);
             continue;
         }
+        if (m_parentWatch >= 0 && header.wd == m_parentWatch) {
+            processParentEvent(header.mask, header.len > 0 ? std::string_view(nameStart, strnlen(nameStart, header.len))
+                                                           : std::string_view());
+            continue;
+        }
         auto found = m_watches.find(header.wd);
         if (found == m_watches.end()) continue;
         std::string directory = found->second;
@@ -235,6 +252,21 @@ void InotifyExplorerWatcher::processEvents(const char* buffer, size_t length) {
             if (header.mask & IN_MOVED_FROM) unwatchTree(path);
         }
     }
+}
+
+void InotifyExplorerWatcher::processParentEvent(uint32_t mask, std::string_view name) {
+    if (mask & IN_IGNORED) {
+        m_parentWatch = -1;
+        return;
+    }
+    // The parent itself moved or went: the root's path names nothing now.
+    if (name.empty()) {
+        if (mask & (IN_MOVE_SELF | IN_DELETE_SELF)) reportResync(ExplorerFileChangeKind::Renamed);
+        return;
+    }
+    if (name != m_rootName) return;
+    if (mask & IN_DELETE) reportResync(ExplorerFileChangeKind::Removed);
+    if (mask & IN_MOVED_FROM) reportResync(ExplorerFileChangeKind::Renamed);
 }
 
 void InotifyExplorerWatcher::run() {

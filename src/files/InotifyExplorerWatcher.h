@@ -7,7 +7,10 @@
 // watched at once and scanned, and what the scan finds is reported as
 // created, so files made in the same instant as their folder are not missed.
 // A queue overflow, the loss of the root or running out of watches becomes
-// one event with `requiresResync`, never a crash and never silent loss.
+// one event with `requiresResync`, never a crash and never silent loss. The
+// root's parent is watched for the root's name as well: while a process has
+// the root as its working directory, the kernel holds the root's own deletion
+// event back until that process lets go, but the parent learns at once.
 //
 // The first walk also removes what a killed save left in the folders it reads
 // (see SaveLeftovers.h), since it reads every folder of the project anyway.
@@ -62,6 +65,7 @@ public:
 private:
     void run();
     void processEvents(const char* buffer, size_t length);
+    void processParentEvent(uint32_t mask, std::string_view name);
     // Watches `directory` and everything below it; with `reportContents`, the
     // entries found are reported as created.
     void watchTree(const std::string& directory, bool reportContents);
@@ -79,6 +83,8 @@ private:
     int m_inotifyFd = -1;
     int m_stopFd = -1;
     int m_rootWatch = -1;
+    int m_parentWatch = -1;  // the root's parent, for the root's own name only
+    std::string m_rootName;
     std::thread m_thread;
     // Set by stop() so that a long first walk of a big tree ends early
     // instead of holding the caller (the main thread) until it is done.
