@@ -12,11 +12,9 @@
 #include "terminal/CodexShimInstaller.h"
 #include "terminal/TerminalCoordinator.h"
 #include "terminal/TerminalDebugDumpStore.h"
-#include "terminal/TerminalProcess.h"
+#include "terminal/TerminalReaper.h"
 #include "terminal/TerminalService.h"
 #include "workspace/ConfigStore.h"
-
-#include <thread>
 
 namespace velko {
 
@@ -34,6 +32,8 @@ VelkoApp::VelkoApp(Options options) {
         TerminalCoordinator::Options terminalOptions;
         terminalOptions.logger = TerminalLogger::create();
         terminalOptions.dumpStore = TerminalDebugDumpStore::create();
+        m_terminalReaper = std::make_shared<TerminalReaper>();
+        terminalOptions.reaper = m_terminalReaper;
         auto coordinator = std::make_shared<TerminalCoordinator>(std::move(terminalOptions));
         m_terminalService =
             TerminalService::create(m_configStore, coordinator, std::make_shared<CodexShimInstaller>());
@@ -103,38 +103,51 @@ VelkoApp::~VelkoApp() = default;
 void VelkoApp::contentDidAppear() { m_contentView->bootstrap(); }
 
 void VelkoApp::shutdown(std::function<void()> done) {
-    // --- terminal: end every session ---
-    // Shells get their hang-up now; a helper thread waits (bounded) until the
-    // monitors reaped them, so no zsh outlives the program and the main thread never blocks.
-    if (m_terminalService) m_terminalService->shutdown();
-    done = [done = std::move(done)]() mutable {
-        auto shared = std::make_shared<std::function<void()>>(std::move(done));
-        std::thread([shared] {
-            (void)TerminalProcess::waitForAbandonedChildren(TerminalProcess::kAbandonGracePeriod +
-                                                            std::chrono::seconds(1));
-            mainQueue().post([shared] { (*shared)(); });
-        }).detach();
+    // Two roads run side by side, terminals and git-then-files; `done` follows
+    // the later one, or the deadline: nothing that refuses to end holds the
+    // window, and the destructors end what is still running then.
+    struct Pending {
+        int roads = 2;
+        std::function<void()> done;
+        void finish() {
+            if (!done) return;
+            auto callback = std::move(done);
+            done = nullptr;
+            callback();
+        }
+        void arrive() {
+            if (--roads == 0) finish();
+        }
     };
+    auto pending = std::make_shared<Pending>();
+    pending->done = std::move(done);
+    mainQueue().postDelayed(kShutdownDeadline, [pending] { pending->finish(); });
+    auto arrive = [pending] { runOnMain([pending] { pending->arrive(); }); };
 
-    // --- git: a commit or push in flight finishes before the files step ---
-    if (m_gitService) {
-        auto next = std::move(done);
-        done = [git = std::weak_ptr<GitService>(m_gitService), next = std::move(next)]() mutable {
-            auto service = git.lock();
-            if (!service) return next();
-            service->whenIdle([next = std::move(next)]() mutable { runOnMain(std::move(next)); });
-        };
-    }
+    // --- terminal: end every session ---
+    // Shells get their hang-up and SIGTERM now; the reaper kills those still
+    // there after the grace period, so no zsh outlives the program.
+    if (m_terminalService) m_terminalService->shutdown();
+    if (m_terminalReaper) m_terminalReaper->endAll(kShellGracePeriod, arrive);
+    else arrive();
 
     // Work already queued for files finishes first; monitoring ends with it,
     // so no change batch goes out while the program exits.
     std::weak_ptr<WebBridge> bridge = m_bridge;
-    m_bridge->fileQueue().post([bridge, done = std::move(done)]() mutable {
-        runOnMain([bridge, done = std::move(done)] {
-            if (auto self = bridge.lock()) self->stopExplorerMonitoring();
-            done();
+    std::function<void()> files = [bridge, arrive] {
+        auto self = bridge.lock();
+        if (!self) return arrive();
+        self->fileQueue().post([bridge, arrive] {
+            runOnMain([bridge, arrive] {
+                if (auto self = bridge.lock()) self->stopExplorerMonitoring();
+                arrive();
+            });
         });
-    });
+    };
+
+    // --- git: a commit or push in flight finishes before the files step ---
+    if (!m_gitService) return files();
+    m_gitService->whenIdle([files = std::move(files)] { runOnMain(files); });
 }
 
 }  // namespace velko

@@ -23,7 +23,7 @@
 #include "terminal/TerminalDebugDumpStore.h"
 #include "terminal/TerminalCoordinator.h"
 #include "terminal/TerminalLogger.h"
-#include "terminal/TerminalProcess.h"
+#include "terminal/TerminalReaper.h"
 #include "terminal/TerminalService.h"
 #include "workspace/ConfigStore.h"
 
@@ -136,7 +136,8 @@ protected:
         page->release();
         service->shutdown();
         queue->runUntilIdle();
-        EXPECT_TRUE(TerminalProcess::waitForAbandonedChildren(TerminalProcess::kAbandonGracePeriod + 5s));
+        EXPECT_TRUE(waitFor([&] { return coordinator->reaper()->childCount() == 0; },
+                            TerminalReaper::kAbandonGracePeriod + kDeadline));
         service.reset();
         coordinator.reset();
         queue->runUntilIdle();
@@ -363,7 +364,7 @@ TEST_F(TerminalSessionTest, AShellIgnoringHangupIsStillEndedAndReaped) {
     ASSERT_GT(shell, 0);
     coordinator->terminateSession(config.id);
     EXPECT_TRUE(processExists(shell));
-    EXPECT_TRUE(waitFor([&] { return !processExists(shell); }, TerminalProcess::kAbandonGracePeriod + kDeadline));
+    EXPECT_TRUE(waitFor([&] { return !processExists(shell); }, TerminalReaper::kAbandonGracePeriod + kDeadline));
 }
 
 // Under a flood the output waiting for the page stays bounded, the shell is
@@ -397,14 +398,14 @@ TEST_F(TerminalSessionTest, ManySessionsLeaveNoDescriptorOrChildBehind) {
     const Uuid warm = createSession();
     waitForPrompt(warm);
     send("terminal/close", OrderedJson{{"sessionId", warm.toString()}}.dump());
-    ASSERT_TRUE(waitFor([&] { return childProcesses() == 0 && TerminalProcess::abandonedChildCount() == 0; }));
+    ASSERT_TRUE(waitFor([&] { return childProcesses() == 0 && coordinator->reaper()->childCount() == 0; }));
     const int descriptors = openDescriptors();
     for (int i = 0; i < 200; ++i) {
         const Uuid id = createSession();
         ASSERT_TRUE(coordinator->processID(id)) << "cycle " << i;
         send("terminal/close", OrderedJson{{"sessionId", id.toString()}}.dump());
     }
-    EXPECT_TRUE(waitFor([&] { return childProcesses() == 0; }, TerminalProcess::kAbandonGracePeriod + kDeadline))
+    EXPECT_TRUE(waitFor([&] { return childProcesses() == 0; }, TerminalReaper::kAbandonGracePeriod + kDeadline))
         << childProcesses() << " children left";
     EXPECT_TRUE(waitFor([&] { return openDescriptors() <= descriptors; })) << openDescriptors() << " vs " << descriptors;
     EXPECT_EQ(coordinator->sessionCount(), 0u);
