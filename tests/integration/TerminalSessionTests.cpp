@@ -351,22 +351,6 @@ TEST_F(TerminalSessionTest, ClosingEndsTheShellAndReapsIt) {
     EXPECT_EQ(page->events().size(), events);
 }
 
-// A shell that ignores the hang-up and SIGTERM is killed after a grace
-// period and reaped; closing it does not wait on the main thread.
-TEST_F(TerminalSessionTest, AShellIgnoringHangupIsStillEndedAndReaped) {
-    const std::string stubborn = home.home() + "/bin/stubborn";
-    std::ofstream(stubborn) << "#!/bin/sh\ntrap '' HUP TERM\necho stubborn-ready\nwhile :; do sleep 1; done\n";
-    ASSERT_EQ(::chmod(stubborn.c_str(), 0755), 0);
-    CLISessionConfig config{Uuid::random(), "stubborn", home.home(), stubborn, std::nullopt};
-    coordinator->startSession(config);
-    waitForOutput(config.id, "stubborn-ready");
-    const int shell = pid(config.id);
-    ASSERT_GT(shell, 0);
-    coordinator->terminateSession(config.id);
-    EXPECT_TRUE(processExists(shell));
-    EXPECT_TRUE(waitFor([&] { return !processExists(shell); }, TerminalReaper::kAbandonGracePeriod + kDeadline));
-}
-
 // Under a flood the output waiting for the page stays bounded, the shell is
 // held back instead, Ctrl+C still reaches it, and the session goes on.
 TEST_F(TerminalSessionTest, AFloodStaysBoundedAndCanBeInterrupted) {
