@@ -16,17 +16,16 @@
 #include "terminal/CodexShimInstaller.h"
 #include "terminal/TerminalCoordinator.h"
 #include "terminal/TerminalDebugDumpStore.h"
-#include "terminal/TerminalProcess.h"
+#include "terminal/TerminalReaper.h"
 #include "terminal/TerminalService.h"
 #include "workspace/ConfigStore.h"
-
-#include <thread>
 
 namespace velko {
 
 namespace {
-// How long queued git work may still run once quitting has begun.
-constexpr auto kGitPatience = std::chrono::seconds(1);
+// How long queued git work, history pages asking GitHub included, may still
+// run once quitting has begun; the stop's grace follows within the deadline.
+constexpr auto kGitPatience = std::chrono::seconds(2);
 }  // namespace
 
 VelkoApp::VelkoApp(Options options) {
@@ -46,6 +45,8 @@ VelkoApp::VelkoApp(Options options) {
         TerminalCoordinator::Options terminalOptions;
         terminalOptions.logger = TerminalLogger::create();
         terminalOptions.dumpStore = TerminalDebugDumpStore::create();
+        m_terminalReaper = std::make_shared<TerminalReaper>();
+        terminalOptions.reaper = m_terminalReaper;
         auto coordinator = std::make_shared<TerminalCoordinator>(std::move(terminalOptions));
         m_terminalService =
             TerminalService::create(m_configStore, coordinator, std::make_shared<CodexShimInstaller>());
@@ -124,57 +125,68 @@ VelkoApp::~VelkoApp() = default;
 void VelkoApp::contentDidAppear() { m_contentView->bootstrap(); }
 
 void VelkoApp::shutdown(std::function<void()> done) {
-    // --- terminal: end every session ---
-    // Shells get their hang-up now; a helper thread waits (bounded) until the
-    // monitors reaped them, so no zsh outlives the program and the main thread never blocks.
-    if (m_terminalService) m_terminalService->shutdown();
-    done = [done = std::move(done)]() mutable {
-        auto shared = std::make_shared<std::function<void()>>(std::move(done));
-        std::thread([shared] {
-            (void)TerminalProcess::waitForAbandonedChildren(TerminalProcess::kAbandonGracePeriod +
-                                                            std::chrono::seconds(1));
-            mainQueue().post([shared] { (*shared)(); });
-        }).detach();
+    // Two roads run side by side, terminals and git-then-files; `done` follows
+    // the later one, or the deadline: nothing that refuses to end holds the
+    // window, and the destructors end what is still running then.
+    struct Pending {
+        int roads = 2;
+        std::function<void()> done;
+        void finish() {
+            if (!done) return;
+            auto callback = std::move(done);
+            done = nullptr;
+            callback();
+        }
+        void arrive() {
+            if (--roads == 0) finish();
+        }
     };
+    auto pending = std::make_shared<Pending>();
+    pending->done = std::move(done);
+    mainQueue().postDelayed(kShutdownDeadline, [pending] { pending->finish(); });
+    auto arrive = [pending] { runOnMain([pending] { pending->arrive(); }); };
 
-    // --- git: queued work gets a moment to answer (a script's last messages),
-    // then the engine stops: what is still queued is dropped and a git that
-    // hangs (a fetch from a silent server) is ended, TERM then KILL ---
-    if (m_gitService) {
-        auto next = std::move(done);
-        done = [git = std::weak_ptr<GitService>(m_gitService), http = m_http, next = std::move(next)]() mutable {
-            auto service = git.lock();
-            if (!service) return next();
-            // Main thread only, so a plain flag decides which path goes on.
-            auto pending = std::make_shared<std::function<void()>>(std::move(next));
-            auto finish = [pending] {
-                if (!*pending) return;
-                auto go = std::move(*pending);
-                *pending = nullptr;
-                go();
-            };
-            service->whenIdle([finish] { runOnMain(finish); });
-            mainQueue().postDelayed(kGitPatience, [git, http, finish] {
-                // Requests to GitHub in flight end with the client.
-                if (http) http->cancelAll();
-                auto service = git.lock();
-                if (!service) return finish();
-                service->stop(GitService::kStopGrace, [finish] { runOnMain(finish); });
-            });
-            // The stop ends the running child within its grace; this bound holds
-            // even if a block were stuck elsewhere.
-            mainQueue().postDelayed(kGitPatience + GitService::kStopGrace + std::chrono::seconds(1), finish);
-        };
-    }
+    // --- terminal: end every session ---
+    // Shells get their hang-up and SIGTERM now; the reaper kills those still
+    // there after the grace period, so no zsh outlives the program.
+    if (m_terminalService) m_terminalService->shutdown();
+    if (m_terminalReaper) m_terminalReaper->endAll(kShellGracePeriod, arrive);
+    else arrive();
 
     // Work already queued for files finishes first; monitoring ends with it,
     // so no change batch goes out while the program exits.
     std::weak_ptr<WebBridge> bridge = m_bridge;
-    m_bridge->fileQueue().post([bridge, done = std::move(done)]() mutable {
-        runOnMain([bridge, done = std::move(done)] {
-            if (auto self = bridge.lock()) self->stopExplorerMonitoring();
-            done();
+    std::function<void()> files = [bridge, arrive] {
+        auto self = bridge.lock();
+        if (!self) return arrive();
+        self->fileQueue().post([bridge, arrive] {
+            runOnMain([bridge, arrive] {
+                if (auto self = bridge.lock()) self->stopExplorerMonitoring();
+                arrive();
+            });
         });
+    };
+
+    // --- git: queued work gets a moment to answer (a script's last messages),
+    // then the engine stops: what is still queued is dropped and a git that
+    // hangs (a fetch from a silent server) is ended, TERM then KILL; the files
+    // step follows whichever comes first ---
+    if (!m_gitService) return files();
+    auto once = std::make_shared<std::function<void()>>(std::move(files));
+    auto next = [once] {  // main thread only, so a plain flag decides
+        if (!*once) return;
+        auto go = std::move(*once);
+        *once = nullptr;
+        go();
+    };
+    std::weak_ptr<GitService> git = m_gitService;
+    m_gitService->whenIdle([next] { runOnMain(next); });
+    mainQueue().postDelayed(kGitPatience, [git, http = m_http, next] {
+        // Requests to GitHub in flight end with the client.
+        if (http) http->cancelAll();
+        auto service = git.lock();
+        if (!service) return next();
+        service->stop(GitService::kStopGrace, [next] { runOnMain(next); });
     });
 }
 

@@ -7,6 +7,7 @@
 // is left out: the bridge's reference to it stays empty and its messages do
 // nothing.
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -18,6 +19,7 @@ class WebBridge;
 class ConfigStore;
 class ContentView;
 class TerminalService;
+class TerminalReaper;
 class GitService;
 class ExplorerService;
 class InputCommandCenter;
@@ -49,14 +51,19 @@ public:
     // The window's content appeared: load the configuration and apply it.
     void contentDidAppear();
     // Ends terminal sessions and waits for queued work; `done` runs on the main
-    // thread when it is safe to exit (at most a few seconds later).
+    // thread when it is safe to exit, or once kShutdownDeadline has passed.
+    // Children still running then are killed by the destructor.
     void shutdown(std::function<void()> done);
+    static constexpr std::chrono::milliseconds kShutdownDeadline{4000};
+    // How long shells get to leave after their hang-up before they are killed.
+    static constexpr std::chrono::milliseconds kShellGracePeriod{2000};
 
 private:
     std::shared_ptr<ConfigStore> m_configStore;
     std::shared_ptr<WebBridge> m_bridge;
     std::shared_ptr<ContentView> m_contentView;
     // --- terminal ---
+    std::shared_ptr<TerminalReaper> m_terminalReaper;
     std::shared_ptr<TerminalService> m_terminalService;
     // --- git ---
     std::shared_ptr<GitService> m_gitService;
