@@ -3,6 +3,8 @@
 #include <optional>
 #include <unordered_map>
 
+#include "git/GitJsonWriter.h"
+
 namespace velko {
 
 namespace {
@@ -74,31 +76,42 @@ GitCommitGraph buildCommitGraph(std::vector<GitHubCommitNode>& commits) {
     return graph;
 }
 
-OrderedJson gitCommitGraphPayload(const std::string& projectId, const GitCommitGraph& graph) {
-    OrderedJson nodes = OrderedJson::array();
-    for (const auto& node : graph.nodes) {
-        OrderedJson item;
-        item["oid"] = node.oid;
-        item["lane"] = node.lane;
-        item["branchColor"] = node.branchColor;
-        item["messageHeadline"] = node.messageHeadline;
-        item["authorName"] = node.authorName;
-        item["committedDate"] = node.committedDate;
-        nodes.push_back(std::move(item));
+std::string encodeCommitGraphPayload(const std::string& projectId, const GitCommitGraph& graph) {
+    // Texts come from a JSON answer or from us, so they are valid UTF-8.
+    std::string out;
+    out.reserve(64 + graph.nodes.size() * 220 + graph.edges.size() * 110);
+    out += "{\"projectId\":";
+    appendJsonString(out, projectId);
+    out += ",\"nodes\":[";
+    for (size_t i = 0; i < graph.nodes.size(); ++i) {
+        const auto& node = graph.nodes[i];
+        out += i ? ",{\"oid\":" : "{\"oid\":";
+        appendJsonString(out, node.oid);
+        out += ",\"lane\":";
+        appendJsonInteger(out, node.lane);
+        out += ",\"branchColor\":";
+        appendJsonString(out, node.branchColor);
+        out += ",\"messageHeadline\":";
+        appendJsonString(out, node.messageHeadline);
+        out += ",\"authorName\":";
+        appendJsonString(out, node.authorName);
+        out += ",\"committedDate\":";
+        appendJsonString(out, node.committedDate);
+        out += "}";
     }
-    OrderedJson edges = OrderedJson::array();
-    for (const auto& edge : graph.edges) {
-        OrderedJson item;
-        item["from"] = edge.from;
-        item["to"] = edge.to;
-        item["lane"] = edge.lane;
-        edges.push_back(std::move(item));
+    out += "],\"edges\":[";
+    for (size_t i = 0; i < graph.edges.size(); ++i) {
+        const auto& edge = graph.edges[i];
+        out += i ? ",{\"from\":" : "{\"from\":";
+        appendJsonString(out, edge.from);
+        out += ",\"to\":";
+        appendJsonString(out, edge.to);
+        out += ",\"lane\":";
+        appendJsonInteger(out, edge.lane);
+        out += "}";
     }
-    OrderedJson payload;
-    payload["projectId"] = projectId;
-    payload["nodes"] = std::move(nodes);
-    payload["edges"] = std::move(edges);
-    return payload;
+    out += "]}";
+    return out;
 }
 
 bool shouldDisableCommitGraph(const GitHubGraphQLClientError& error) {

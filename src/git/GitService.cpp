@@ -565,7 +565,12 @@ void GitService::doFetchRemoteTracking(const GitProject& project) {
 
 void GitService::doFetchCommitGraph(const GitProject& project, int64_t pageSize) {
     const std::string projectId = project.id.toString();
-    auto emitEmpty = [&] { emit("git/graph", gitCommitGraphPayload(projectId, GitCommitGraph{})); };
+    auto emitGraph = [&](const GitCommitGraph& graph) {
+        if (auto sink = m_eventSink.lock()) {
+            sink->dispatchEncodedEvent("git/graph", makeEventEnvelope("git/graph", encodeCommitGraphPayload(projectId, graph)));
+        }
+    };
+    auto emitEmpty = [&] { emitGraph(GitCommitGraph{}); };
     if (m_commitGraphUnavailableProjects.count(project.id)) return emitEmpty();
     auto token = m_commands.token();
     if (!token) return emitEmpty();
@@ -593,7 +598,7 @@ void GitService::doFetchCommitGraph(const GitProject& project, int64_t pageSize)
     }
     auto& history = result.value().defaultBranchHistory;
     if (!history || history->nodes.empty()) return emitEmpty();
-    emit("git/graph", gitCommitGraphPayload(projectId, buildCommitGraph(history->nodes)));
+    emitGraph(buildCommitGraph(history->nodes));
 }
 
 }  // namespace velko

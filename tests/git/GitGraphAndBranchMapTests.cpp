@@ -4,6 +4,7 @@
 
 #include "git/GitCommitGraph.h"
 #include "git/GitBranchMap.h"
+#include "core/Json.h"
 
 using namespace velko;
 
@@ -71,6 +72,15 @@ TEST(GitCommitGraph, PlacesCommitsAndParentLinksOnLanes) {
     EXPECT_EQ(graph.nodes[1].lane, 8);
     EXPECT_EQ(graph.nodes[1].branchColor, "#E57373");
     EXPECT_EQ(graph.nodes[0].branchColor, "#E57373");
+
+    // The hand-written payload is what the library would write for it.
+    auto texts = commits({"m:a,b", "a"});
+    texts[0].messageHeadline = "quote \" slash \\ tab \t bell \x07 ü 日本";
+    texts[0].hasAuthor = true;
+    texts[0].authorLogin = "octo";
+    std::string encoded = encodeCommitGraphPayload("P", buildCommitGraph(texts));
+    EXPECT_EQ(dumpJson(OrderedJson::parse(encoded)), encoded);
+    EXPECT_EQ(OrderedJson::parse(encoded)["nodes"][0]["authorName"], "octo");
 }
 
 TEST(GitBranchMapAnalysis, OverlapsPrioritiesAndTheLimit) {
