@@ -1,8 +1,12 @@
 #pragma once
-// AnalyticsLogging: the narrow road by which a subsystem records a local
-// analytics event (one line in the system log; nothing leaves the machine).
-// Callers hold it as an optional shared reference. Implementations never fail
-// towards the caller and may be called from any thread.
+// AnalyticsLogging: the narrow road by which any part of velko records a
+// usage event. Analytics stay on this machine: each event becomes one line in
+// the system log, nothing is sent anywhere.
+//
+// Callers hold it as an optional reference; it never fails towards them and
+// may be called from any thread. Values are what a property can be after
+// sanitising: a flag, a whole number, a fraction, or text (nested data arrives
+// as its compact JSON text).
 
 #include <cstdint>
 #include <map>
@@ -12,14 +16,13 @@
 
 namespace velko {
 
-// A property's value: what survives sanitising of the page's free-form JSON.
 using AnalyticsValue = std::variant<bool, int64_t, double, std::string>;
 using AnalyticsProperties = std::map<std::string, AnalyticsValue>;
 
 class AnalyticsLogging {
 public:
     virtual ~AnalyticsLogging() = default;
-    virtual void log(std::string_view event, const AnalyticsProperties& properties) = 0;
+    virtual void log(std::string_view event, const AnalyticsProperties& properties = {}) = 0;
 };
 
 }  // namespace velko
