@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <glib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "core/NameCollation.h"
 #include "core/Paths.h"
 #include "files/PathRules.h"
 
@@ -21,21 +21,6 @@ namespace {
 struct DirCloser {
     void operator()(DIR* dir) const { closedir(dir); }
 };
-
-// A case-insensitive key that sorts by the user's collation. Names that are
-// not UTF-8 (possible on Linux) sort by their lower-cased bytes instead.
-std::string sortKey(const std::string& name) {
-    if (!g_utf8_validate(name.data(), static_cast<gssize>(name.size()), nullptr)) {
-        std::string lowered = name;
-        for (char& c : lowered)
-            if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-        return lowered;
-    }
-    std::unique_ptr<gchar, decltype(&g_free)> folded(g_utf8_casefold(name.data(), static_cast<gssize>(name.size())),
-                                                     g_free);
-    std::unique_ptr<gchar, decltype(&g_free)> key(g_utf8_collate_key(folded.get(), -1), g_free);
-    return key.get();
-}
 
 struct ListedEntry {
     ExplorerNode node;
@@ -69,7 +54,7 @@ bool listDirectChildren(const std::string& directory, const std::string& directo
         listed.node.name = name;
         listed.node.path = std::move(relative);
         listed.node.type = type == DT_DIR ? ExplorerNodeType::Folder : ExplorerNodeType::File;
-        listed.key = sortKey(listed.node.name);
+        listed.key = caseInsensitiveSortKey(listed.node.name);
         entries.push_back(std::move(listed));
     }
     std::stable_sort(entries.begin(), entries.end(), [](const ListedEntry& a, const ListedEntry& b) {

@@ -22,6 +22,11 @@
 
 namespace velko {
 
+namespace {
+// How long queued git work may still run once quitting has begun.
+constexpr auto kGitPatience = std::chrono::seconds(1);
+}  // namespace
+
 VelkoApp::VelkoApp(Options options) {
     // The file is not read here: the store holds the samples until the window appears.
     m_configStore = std::make_shared<ConfigStore>(options.storageDirectory);
@@ -124,13 +129,31 @@ void VelkoApp::shutdown(std::function<void()> done) {
         }).detach();
     };
 
-    // --- git: a commit or push in flight finishes before the files step ---
+    // --- git: queued work gets a moment to answer (a script's last messages),
+    // then the engine stops: what is still queued is dropped and a git that
+    // hangs (a fetch from a silent server) is ended, TERM then KILL ---
     if (m_gitService) {
         auto next = std::move(done);
         done = [git = std::weak_ptr<GitService>(m_gitService), next = std::move(next)]() mutable {
             auto service = git.lock();
             if (!service) return next();
-            service->whenIdle([next = std::move(next)]() mutable { runOnMain(std::move(next)); });
+            // Main thread only, so a plain flag decides which path goes on.
+            auto pending = std::make_shared<std::function<void()>>(std::move(next));
+            auto finish = [pending] {
+                if (!*pending) return;
+                auto go = std::move(*pending);
+                *pending = nullptr;
+                go();
+            };
+            service->whenIdle([finish] { runOnMain(finish); });
+            mainQueue().postDelayed(kGitPatience, [git, finish] {
+                auto service = git.lock();
+                if (!service) return finish();
+                service->stop(GitService::kStopGrace, [finish] { runOnMain(finish); });
+            });
+            // The stop ends the running child within its grace; this bound holds
+            // even if a block were stuck elsewhere.
+            mainQueue().postDelayed(kGitPatience + GitService::kStopGrace + std::chrono::seconds(1), finish);
         };
     }
 
