@@ -13,31 +13,11 @@
 #include <optional>
 #include <string>
 
+#include "dashboard/DashboardEventEmitting.h"
 #include "dashboard/DashboardMetricsService.h"
 #include "telemetry/AnalyticsLogging.h"
 
 namespace velko {
-
-struct DashboardSnapshot;
-
-// The three dashboard events ("dashboard.toggled", "dashboard.metrics",
-// "dashboard.metrics.error"); the bridge implements it. Any thread.
-class DashboardEventEmitting {
-public:
-    virtual ~DashboardEventEmitting() = default;
-    virtual void emitDashboardToggled(bool open) = 0;
-    virtual void emitDashboardMetrics(const DashboardSnapshot& snapshot) = 0;
-    virtual void emitDashboardMetricsError(const std::string& message) = 0;
-};
-
-// What the page's dashboard messages reach. Main thread.
-class DashboardControlling {
-public:
-    virtual ~DashboardControlling() = default;
-    virtual void present(bool forceRefresh, const std::optional<std::string>& source) = 0;
-    virtual void dismiss() = 0;
-    virtual void noteCardOpened(const Uuid& projectId, const std::optional<std::string>& projectName) = 0;
-};
 
 inline constexpr const char* kDashboardMetricsErrorMessage = "Failed to fetch dashboard metrics";
 

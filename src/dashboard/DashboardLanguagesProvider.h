@@ -68,8 +68,8 @@ public:
         std::shared_ptr<HttpRequesting> session;  // none: every fetch answers nothing
         GitHubEndpoints endpoints;
         // The children's base environment; empty means the process environment.
-        std::optional<GitEnvironment> environment;
-        std::string homePath;  // what a leading "~" in a project's path means
+        std::optional<GitEnvironment> environment = std::nullopt;
+        std::string homePath = {};  // what a leading "~" in a project's path means
     };
 
     explicit DashboardLanguagesProvider(Dependencies dependencies);
