@@ -3,107 +3,82 @@
 #include <gtest/gtest.h>
 
 #include "dashboard/DashboardController.h"
-#include "dashboard/DashboardFakes.h"
 
 using namespace velko;
-using namespace velko::test;
 
 namespace {
 
-class HeldFetches final : public DashboardMetricsServicing {
-public:
-    void fetchSnapshot(bool forceRefresh, Completion completion) override {
-        forced.push_back(forceRefresh);
+// Every call and event in one journal, in order.
+struct Recorder final : DashboardMetricsServicing, DashboardEventEmitting, AnalyticsLogging {
+    void fetchSnapshot(bool force, Completion completion) override {
+        journal.push_back(force ? "fetch forced" : "fetch");
         pending.push_back(std::move(completion));
     }
-    void completeOldest(bool ok) {
+    void complete(bool ok) {
         auto completion = std::move(pending.front());
         pending.erase(pending.begin());
-        if (ok) completion(DashboardSnapshot{});
-        else completion(fail(DashboardMetricsError::ProjectsUnavailable));
+        ok ? completion(DashboardSnapshot{}) : completion(fail(DashboardMetricsError::ProjectsUnavailable));
     }
-    std::vector<bool> forced;
+    void emitDashboardToggled(bool open) override { journal.push_back(open ? "open" : "closed"); }
+    void emitDashboardMetrics(const DashboardSnapshot&) override { journal.push_back("metrics"); }
+    void emitDashboardMetricsError(const std::string& message) override { journal.push_back("error: " + message); }
+    void log(std::string_view event, const AnalyticsProperties& properties) override {
+        std::string line(event);
+        for (const auto& [key, value] : properties) line += " " + key + "=" + std::get<std::string>(value);
+        journal.push_back(line);
+    }
+    std::vector<std::string> journal;
     std::vector<Completion> pending;
 };
-
-class RecordingEmitter final : public DashboardEventEmitting {
-public:
-    void emitDashboardToggled(bool open) override { events.push_back(open ? "toggled:open" : "toggled:closed"); }
-    void emitDashboardMetrics(const DashboardSnapshot&) override { events.push_back("metrics"); }
-    void emitDashboardMetricsError(const std::string& message) override { events.push_back("error:" + message); }
-    std::vector<std::string> events;
-};
-
-std::string describeEvent(const LoggedEvent& event) {
-    std::string text = event.name;
-    for (const auto& [key, value] : event.properties)
-        text += " " + key + "=" + (std::holds_alternative<std::string>(value) ? std::get<std::string>(value) : "?");
-    return text;
-}
 
 }  // namespace
 
 TEST(DashboardController, ShowsFetchesAndRecordsAsTheUserAsks) {
     const Uuid card = *Uuid::parse("00000000-0000-4000-8000-000000000001");
-    enum class Op { Present, PresentForced, PresentFrom, Dismiss, Succeed, Fail, Card };
+    enum Op { Present, Forced, FromToolbar, Dismiss, Succeed, Fail, Card };
     struct Case {
         const char* name;
         std::vector<Op> ops;
-        std::vector<std::string> events;
-        std::vector<bool> fetches;  // forceRefresh of each fetch started
-        std::vector<std::string> analytics;
+        std::vector<std::string> journal;
         bool fetchingAtEnd;
     };
-    const std::string kError = std::string("error:") + kDashboardMetricsErrorMessage;
+    const std::string opened = "dashboard_opened source=native", closed = "dashboard_closed source=native";
     const Case cases[] = {
-        {"present twice: one toggle, one fetch", {Op::Present, Op::Present}, {"toggled:open"}, {false},
-         {"dashboard_opened source=native"}, true},
-        {"forced present while open and idle: a fetch only",
-         {Op::Present, Op::Succeed, Op::PresentForced}, {"toggled:open", "metrics"}, {false, true},
-         {"dashboard_opened source=native"}, true},
-        {"forced present during a fetch: nothing more", {Op::Present, Op::PresentForced}, {"toggled:open"}, {false},
-         {"dashboard_opened source=native"}, true},
-        {"dismiss when closed: nothing", {Op::Dismiss}, {}, {}, {}, false},
-        {"card when closed: nothing", {Op::Card}, {}, {}, {}, false},
-        {"the source travels to the close",
-         {Op::PresentFrom, Op::Card, Op::Dismiss}, {"toggled:open", "toggled:closed"}, {false},
-         {"dashboard_opened source=acceptance", "dashboard_card_opened projectId=" + card.toString() +
-                                                    " projectName=shop source=dashboard",
-          "dashboard_closed source=acceptance"},
+        {"present twice: one toggle, one fetch", {Present, Present}, {"open", opened, "fetch"}, true},
+        {"forced present while open and idle: a fetch only", {Present, Succeed, Forced},
+         {"open", opened, "fetch", "metrics", "fetch forced"}, true},
+        {"forced present during a fetch: nothing more", {Present, Forced}, {"open", opened, "fetch"}, true},
+        {"dismiss or a card when closed: nothing", {Dismiss, Card}, {}, false},
+        {"the source travels to the card and the close", {FromToolbar, Card, Dismiss},
+         {"open", "dashboard_opened source=toolbar", "fetch",
+          "dashboard_card_opened projectId=" + card.toString() + " projectName=shop source=dashboard", "closed",
+          "dashboard_closed source=toolbar"},
          true},
-        {"a snapshot still arrives after a dismiss", {Op::Present, Op::Dismiss, Op::Succeed},
-         {"toggled:open", "toggled:closed", "metrics"}, {false},
-         {"dashboard_opened source=native", "dashboard_closed source=native"}, false},
-        {"a failed fetch clears the flag and a forced present retries",
-         {Op::Present, Op::Fail, Op::PresentForced}, {"toggled:open", kError}, {false, true},
-         {"dashboard_opened source=native", "dashboard_metrics_error reason=projectsUnavailable"}, true},
-        {"reopening while the first fetch runs starts no second one",
-         {Op::Present, Op::Dismiss, Op::Present}, {"toggled:open", "toggled:closed", "toggled:open"}, {false},
-         {"dashboard_opened source=native", "dashboard_closed source=native", "dashboard_opened source=native"},
+        {"a snapshot still arrives after a dismiss", {Present, Dismiss, Succeed},
+         {"open", opened, "fetch", "closed", closed, "metrics"}, false},
+        {"a failed fetch clears the flag; a forced present retries", {Present, Fail, Forced},
+         {"open", opened, "fetch", "error: Failed to fetch dashboard metrics",
+          "dashboard_metrics_error reason=projectsUnavailable", "fetch forced"},
          true},
+        {"reopening while the first fetch runs starts no second one", {Present, Dismiss, Present},
+         {"open", opened, "fetch", "closed", closed, "open", opened}, true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        auto service = std::make_shared<HeldFetches>();
-        auto emitter = std::make_shared<RecordingEmitter>();
-        auto analytics = std::make_shared<CapturingAnalytics>();
-        auto controller = std::make_shared<DashboardController>(service, emitter, analytics);
+        auto recorder = std::make_shared<Recorder>();
+        auto controller = std::make_shared<DashboardController>(recorder, recorder, recorder);
         for (Op op : c.ops) {
             switch (op) {
-                case Op::Present: controller->present(false, std::nullopt); break;
-                case Op::PresentForced: controller->present(true, std::nullopt); break;
-                case Op::PresentFrom: controller->present(false, "acceptance"); break;
-                case Op::Dismiss: controller->dismiss(); break;
-                case Op::Succeed: service->completeOldest(true); break;
-                case Op::Fail: service->completeOldest(false); break;
-                case Op::Card: controller->noteCardOpened(card, "shop"); break;
+                case Present: controller->present(false, std::nullopt); break;
+                case Forced: controller->present(true, std::nullopt); break;
+                case FromToolbar: controller->present(false, "toolbar"); break;
+                case Dismiss: controller->dismiss(); break;
+                case Succeed: recorder->complete(true); break;
+                case Fail: recorder->complete(false); break;
+                case Card: controller->noteCardOpened(card, "shop"); break;
             }
         }
-        EXPECT_EQ(emitter->events, c.events);
-        EXPECT_EQ(service->forced, c.fetches);
-        std::vector<std::string> logged;
-        for (const auto& event : analytics->events()) logged.push_back(describeEvent(event));
-        EXPECT_EQ(logged, c.analytics);
+        EXPECT_EQ(recorder->journal, c.journal);
         EXPECT_EQ(controller->isFetchingSnapshot(), c.fetchingAtEnd);
     }
 }

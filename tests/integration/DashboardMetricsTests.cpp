@@ -16,49 +16,40 @@ using namespace velko::test;
 
 namespace {
 
-void commitAt(const std::string& dir, const std::string& date, const std::string& message = "change") {
+void gitAt(const std::string& dir, const std::string& date, std::vector<std::string> args) {
     GitEnvironment env = testGitEnvironment();
-    env["GIT_COMMITTER_DATE"] = date;
-    env["GIT_AUTHOR_DATE"] = date;
-    ProcessGitProcessRunner runner;
-    auto result = runner.run({"git", "commit", "-q", "--allow-empty", "-m", message}, dir, env);
+    env["GIT_COMMITTER_DATE"] = env["GIT_AUTHOR_DATE"] = date;
+    args.insert(args.begin(), "git");
+    auto result = ProcessGitProcessRunner().run(args, dir, env);
     ASSERT_EQ(result.status, 0) << result.stderr;
 }
+void commitAt(const std::string& dir, const std::string& date) {
+    gitAt(dir, date, {"commit", "-q", "--allow-empty", "-m", "change"});
+}
 
-class EmptyLanguages final : public DashboardLanguagesProviding {
-public:
-    LanguagesAnswer fetchLanguages(const ProjectMetadata&) override { return std::optional<LanguageBytes>{}; }
+struct Projects final : DashboardProjectProviding {
+    Result<std::vector<ProjectMetadata>, DashboardMetricsError> dashboardProjects() override { return list; }
+    std::vector<ProjectMetadata> list;
 };
 
-struct Measured {
-    DashboardSnapshot snapshot;
-    std::map<std::string, int64_t> cells;  // date text → count, non-zero only
-};
-
-std::optional<DashboardSnapshot> measure(const std::vector<ProjectMetadata>& projects, const char* zone,
-                                         SystemTime now) {
-    class Projects final : public DashboardProjectProviding {
-    public:
-        explicit Projects(std::vector<ProjectMetadata> p) : projects(std::move(p)) {}
-        Result<std::vector<ProjectMetadata>, DashboardMetricsError> dashboardProjects() override { return projects; }
-        std::vector<ProjectMetadata> projects;
-    };
+std::optional<DashboardSnapshot> measure(const std::vector<std::string>& folders, const char* zone, const char* now) {
     auto main = std::make_shared<ManualQueue>();
     setMainQueue(main);
+    auto projects = std::make_shared<Projects>();
+    for (const auto& folder : folders)
+        projects->list.push_back({Uuid::random(), std::filesystem::path(folder).filename(), folder, std::nullopt, {}});
     DashboardMetricsService::Dependencies deps;
-    deps.projectProvider = std::make_shared<Projects>(projects);
-    deps.languagesProvider = std::make_shared<EmptyLanguages>();
+    deps.projectProvider = projects;
     deps.processRunner = std::make_shared<ProcessGitProcessRunner>();
-    deps.clock = [now] { return now; };
+    deps.clock = [now = *parseIso8601(now)] { return now; };
     deps.calendar = DashboardCalendar::forZone(zone);
     deps.environment = testGitEnvironment();
     auto service = std::make_shared<DashboardMetricsService>(std::move(deps));
     std::optional<DashboardSnapshot> out;
-    service->fetchSnapshot(true, [&](auto result) {
-        if (result) out = result.value();
-    });
-    auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!out && std::chrono::steady_clock::now() < limit) main->runUntilIdle();
+    service->fetchSnapshot(true, [&](auto result) { out = result.value(); });
+    for (auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+         !out && std::chrono::steady_clock::now() < limit;)
+        main->runUntilIdle();
     return out;
 }
 
@@ -68,10 +59,8 @@ TEST(DashboardMetrics, CountsAndHeatmapFollowTheUsersLocalDays) {
     IsolatedHome home;
     TempDir base;
     struct Case {
-        const char* name;
-        const char* zone;
-        const char* now;
-        std::vector<const char*> commits;
+        const char *name, *zone, *now;
+        std::vector<const char*> commits;  // oldest first: git stops a --since walk at an older HEAD
         int64_t today, last30, previous30;
         double delta;
         std::map<std::string, int64_t> cells;  // every non-zero cell
@@ -87,7 +76,7 @@ TEST(DashboardMetrics, CountsAndHeatmapFollowTheUsersLocalDays) {
         {"Santiago, a day without a midnight", "America/Santiago", "2024-09-08T10:00:00-03:00",
          {"2024-09-07T23:45:00-04:00", "2024-09-08T01:15:00-03:00"}, 1, 2, 0, 100.0,
          {{"2024-09-07T00:00:00Z", 1}, {"2024-09-08T00:00:00Z", 1}}},
-        {"23:30 local is the next day in UTC; a Tokyo committer's morning is our evening", "America/New_York",
+        {"23:30 local is the next day in UTC; a Tokyo morning is our evening", "America/New_York",
          "2024-06-15T10:00:00-04:00", {"2024-06-14T23:30:00-04:00", "2024-06-15T08:00:00+09:00"}, 0, 2, 0, 100.0,
          {{"2024-06-14T00:00:00Z", 2}}},
         {"the last 30 days against the 30 before", "UTC", "2024-06-15T12:00:00Z",
@@ -102,27 +91,25 @@ TEST(DashboardMetrics, CountsAndHeatmapFollowTheUsersLocalDays) {
         SCOPED_TRACE(c.name);
         std::string dir = initRepo(base, "repo" + std::to_string(n++));
         for (const char* date : c.commits) commitAt(dir, date);
-        auto snapshot = measure({{Uuid::random(), "repo", dir, std::nullopt, {}}}, c.zone, *parseIso8601(c.now));
+        auto snapshot = measure({dir}, c.zone, c.now);
         ASSERT_TRUE(snapshot);
         const auto& summary = snapshot->projectSummaries.at(0);
         EXPECT_EQ(summary.branch, "main");
         EXPECT_EQ(summary.commitCount, int64_t(c.commits.size()));
-        EXPECT_EQ(snapshot->todaysCommits, c.today);
-        EXPECT_EQ(snapshot->last30DayCommits, c.last30);
-        EXPECT_EQ(snapshot->previous30DayCommits, c.previous30);
+        EXPECT_EQ((std::vector<int64_t>{snapshot->todaysCommits, snapshot->last30DayCommits,
+                                        snapshot->previous30DayCommits}),
+                  (std::vector<int64_t>{c.today, c.last30, c.previous30}));
         EXPECT_DOUBLE_EQ(snapshot->last30DayDeltaPercent, c.delta);
-        ASSERT_TRUE(summary.lastCommitAt);
+        EXPECT_TRUE(summary.lastCommitAt);
         // 28 consecutive UTC midnights, the last one today's local date.
         ASSERT_EQ(summary.heatmap.size(), 28u);
-        auto localToday = DashboardCalendar::forZone(c.zone)->localDate(*parseIso8601(c.now));
-        EXPECT_EQ(summary.heatmap.back().date, utcMidnight(localToday));
+        EXPECT_EQ(summary.heatmap.back().date,
+                  utcMidnight(DashboardCalendar::forZone(c.zone)->localDate(*parseIso8601(c.now))));
         std::map<std::string, int64_t> cells;
         for (size_t i = 0; i < summary.heatmap.size(); ++i) {
             const auto& cell = summary.heatmap[i];
             EXPECT_EQ(formatDashboardDate(cell.date).substr(10), "T00:00:00Z");
-            if (i > 0) {
-                EXPECT_EQ(cell.date - summary.heatmap[i - 1].date, std::chrono::hours(24));
-            }
+            EXPECT_TRUE(i == 0 || cell.date - summary.heatmap[i - 1].date == std::chrono::hours(24));
             if (cell.count) cells[formatDashboardDate(cell.date)] = cell.count;
         }
         EXPECT_EQ(cells, c.cells);
@@ -138,27 +125,16 @@ TEST(DashboardMetrics, MergesCountInTotalsOnlyAndBrokenProjectsStillHaveTheirLin
     commitAt(merged, "2024-06-11T10:00:00Z");
     git(merged, {"checkout", "-q", "main"});
     commitAt(merged, "2024-06-12T10:00:00Z");
-    {
-        GitEnvironment env = testGitEnvironment();
-        env["GIT_COMMITTER_DATE"] = env["GIT_AUTHOR_DATE"] = "2024-06-13T10:00:00Z";
-        auto result = ProcessGitProcessRunner().run({"git", "merge", "-q", "--no-ff", "-m", "merge", "topic"}, merged, env);
-        ASSERT_EQ(result.status, 0) << result.stderr;
-    }
-    std::string empty = initRepo(base, "empty");
-    std::string plain = base.file("plain");
-    std::filesystem::create_directories(plain);
-    std::vector<ProjectMetadata> projects{{Uuid::random(), "merged", merged, std::nullopt, {}},
-                                          {Uuid::random(), "empty", empty, std::nullopt, {}},
-                                          {Uuid::random(), "plain", plain, std::nullopt, {}},
-                                          {Uuid::random(), "gone", base.file("gone"), std::nullopt, {}}};
-    auto snapshot = measure(projects, "UTC", *parseIso8601("2024-06-15T12:00:00Z"));
+    gitAt(merged, "2024-06-13T10:00:00Z", {"merge", "-q", "--no-ff", "-m", "merge", "topic"});
+    std::filesystem::create_directories(base.file("plain"));
+    auto snapshot = measure({merged, initRepo(base, "empty"), base.file("plain"), base.file("gone")}, "UTC",
+                            "2024-06-15T12:00:00Z");
     ASSERT_TRUE(snapshot);
     ASSERT_EQ(snapshot->projectSummaries.size(), 4u);
-    const auto& withMerge = snapshot->projectSummaries[0];
-    EXPECT_EQ(withMerge.commitCount, 4);
+    EXPECT_EQ(snapshot->projectSummaries[0].commitCount, 4);
     EXPECT_EQ(snapshot->last30DayCommits, 4);
     int64_t cells = 0;
-    for (const auto& cell : withMerge.heatmap) cells += cell.count;
+    for (const auto& cell : snapshot->projectSummaries[0].heatmap) cells += cell.count;
     EXPECT_EQ(cells, 3) << "the merge is not in the heatmap";
     for (size_t i = 1; i < 4; ++i) {
         const auto& summary = snapshot->projectSummaries[i];
@@ -167,6 +143,6 @@ TEST(DashboardMetrics, MergesCountInTotalsOnlyAndBrokenProjectsStillHaveTheirLin
         EXPECT_EQ(summary.branch, "HEAD");
         EXPECT_FALSE(summary.lastCommitAt);
         ASSERT_EQ(summary.heatmap.size(), 28u);
-        for (const auto& cell : summary.heatmap) EXPECT_EQ(cell.count, 0);
+        EXPECT_TRUE(std::all_of(summary.heatmap.begin(), summary.heatmap.end(), [](auto& c) { return c.count == 0; }));
     }
 }
