@@ -2,10 +2,13 @@
 
 #include "core/Paths.h"
 #include "core/SerialQueue.h"
+#include "core/Log.h"
 #include "core/TaskQueue.h"
+#include "dashboard/DashboardController.h"
 #include "files/ExplorerService.h"
 #include "git/GitService.h"
 #include "input/NativeTerminalInput.h"
+#include "platform/http/CurlHttpClient.h"
 #include "shell/ContentView.h"
 #include "shell/GestureBridge.h"
 #include "shell/InputCommandCenter.h"
@@ -18,11 +21,36 @@
 #include "terminal/TerminalService.h"
 #include "workspace/ConfigStore.h"
 
+
 namespace velko {
 
 namespace {
 // How long queued git work may still run once quitting has begun.
 constexpr auto kGitPatience = std::chrono::seconds(1);
+
+// Analytics for the dashboard until the telemetry logger is wired here: the
+// same line, "event=NAME properties=k=v, …" with the pairs sorted.
+class DashboardLogLineAnalytics final : public AnalyticsLogging {
+public:
+    void log(std::string_view event, const AnalyticsProperties& properties) override {
+        std::vector<std::string> pairs;
+        for (const auto& [key, value] : properties) {
+            std::string text;
+            if (auto b = std::get_if<bool>(&value)) text = *b ? "true" : "false";
+            else if (auto i = std::get_if<int64_t>(&value)) text = std::to_string(*i);
+            else if (auto d = std::get_if<double>(&value)) text = dumpJson(OrderedJson(*d));
+            else text = std::get<std::string>(value);
+            pairs.push_back(key + "=" + text);
+        }
+        std::sort(pairs.begin(), pairs.end());
+        std::string line = "event=" + std::string(event);
+        for (size_t i = 0; i < pairs.size(); ++i) line += (i == 0 ? " properties=" : ", ") + pairs[i];
+        m_logger.info(line);
+    }
+
+private:
+    Logger m_logger{"app.velko.analytics", "events"};
+};
 }  // namespace
 
 VelkoApp::VelkoApp(Options options) {
@@ -59,7 +87,8 @@ VelkoApp::VelkoApp(Options options) {
         GitService::Dependencies git;
         git.configProvider = m_configStore;
         // No account manager yet: GitHub HTTPS remotes ask the user to sign in.
-        git.authProvider = std::make_shared<NoGitAuthProvider>();
+        m_gitAuth = std::make_shared<NoGitAuthProvider>();
+        git.authProvider = m_gitAuth;
         git.credentialBroker = std::make_shared<GitCredentialBroker>();
         git.processRunner = std::make_shared<ProcessGitProcessRunner>();
         m_gitService = std::make_shared<GitService>(std::move(git));
@@ -70,6 +99,30 @@ VelkoApp::VelkoApp(Options options) {
 
     m_projectStore = makeProjectStoring(m_configStore);
     m_bridge->setProjectStore(m_projectStore);
+
+    // --- dashboard: languages over the shared HTTP client and token, metrics, controller ---
+    {
+        m_http = std::make_shared<CurlHttpClient>();
+        auto runner = std::make_shared<ProcessGitProcessRunner>();
+        auto languages = std::make_shared<DashboardLanguagesProvider>(DashboardLanguagesProvider::Dependencies{
+            .authProvider = m_gitAuth,
+            .processRunner = runner,
+            .session = m_http,
+            .endpoints = GitHubEndpoints::fromEnvironment(),
+            .homePath = homeDirectory(),
+        });
+        m_dashboardAnalytics = std::make_shared<DashboardLogLineAnalytics>();
+        DashboardMetricsService::Dependencies metrics;
+        metrics.projectProvider = makeDashboardProjectProvider(m_configStore);
+        metrics.languagesProvider = languages;
+        metrics.processRunner = runner;
+        metrics.analyticsLogger = m_dashboardAnalytics;
+        metrics.homePath = homeDirectory();
+        m_dashboardMetrics = std::make_shared<DashboardMetricsService>(std::move(metrics));
+        m_dashboardController =
+            std::make_shared<DashboardController>(m_dashboardMetrics, m_bridge, m_dashboardAnalytics);
+        m_bridge->setDashboardController(m_dashboardController);
+    }
     // No account manager yet: the status of no stored token waits in the queue.
     m_bridge->dispatchOAuthStatus();
 
@@ -136,6 +189,9 @@ void VelkoApp::shutdown(std::function<void()> done) {
     pending->done = std::move(done);
     mainQueue().postDelayed(kShutdownDeadline, [pending] { pending->finish(); });
     auto arrive = [pending] { runOnMain([pending] { pending->arrive(); }); };
+
+    // A languages request in flight ends now rather than at its time limit.
+    if (m_http) m_http->cancelAll();
 
     // --- terminal: end every session ---
     // Shells get their hang-up and SIGTERM now; the reaper kills those still

@@ -31,6 +31,11 @@ class NativeTerminalInput;
 class ProjectStoring;
 class TerminalMessageHandling;
 class GitOperating;
+class GitAuthProviding;
+class CurlHttpClient;
+class DashboardMetricsService;
+class DashboardController;
+class AnalyticsLogging;
 
 class VelkoApp {
 public:
@@ -68,6 +73,13 @@ private:
     std::shared_ptr<GitService> m_gitService;
     // --- files ---
     std::shared_ptr<ExplorerService> m_explorerService;
+    // --- shared by git, the dashboard and the account ---
+    std::shared_ptr<GitAuthProviding> m_gitAuth;
+    std::shared_ptr<CurlHttpClient> m_http;
+    // --- dashboard ---
+    std::shared_ptr<AnalyticsLogging> m_dashboardAnalytics;
+    std::shared_ptr<DashboardMetricsService> m_dashboardMetrics;
+    std::shared_ptr<DashboardController> m_dashboardController;
     // --- the services as the bridge reaches them; it holds these weakly ---
     std::shared_ptr<ProjectStoring> m_projectStore;
     std::shared_ptr<TerminalMessageHandling> m_terminalMessages;
