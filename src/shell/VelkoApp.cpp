@@ -6,6 +6,7 @@
 #include "files/ExplorerService.h"
 #include "git/GitService.h"
 #include "input/NativeTerminalInput.h"
+#include "preview/PreviewTabsPersistenceService.h"
 #include "shell/ContentView.h"
 #include "shell/GestureBridge.h"
 #include "shell/InputCommandCenter.h"
@@ -16,6 +17,7 @@
 #include "terminal/TerminalDebugDumpStore.h"
 #include "terminal/TerminalProcess.h"
 #include "terminal/TerminalService.h"
+#include "telemetry/AnalyticsLogger.h"
 #include "workspace/ConfigStore.h"
 
 #include <thread>
@@ -63,6 +65,13 @@ VelkoApp::VelkoApp(Options options) {
         m_bridge->setGitService(m_gitOperations);
     }
 
+    // --- preview tabs, analytics: the database is read once, here ---
+    m_previewTabsService = std::make_shared<PreviewTabsPersistenceService>(
+        PreviewTabsPersistenceService::Options{.storageDirectory = options.storageDirectory});
+    m_analyticsLogger = std::make_shared<AnalyticsLogger>();
+    m_bridge->setPreviewTabsService(m_previewTabsService);
+    m_bridge->setAnalyticsLogger(m_analyticsLogger);
+
     m_projectStore = makeProjectStoring(m_configStore);
     m_bridge->setProjectStore(m_projectStore);
     // No account manager yet: the status of no stored token waits in the queue.
@@ -84,7 +93,7 @@ VelkoApp::VelkoApp(Options options) {
 
     // --- desktop: command center, gestures ---
     m_gestureBridge = std::make_shared<GestureBridge>();
-    m_pinchDispatcher = std::make_shared<ColumnPinchDispatcher>(m_bridge);
+    m_pinchDispatcher = std::make_shared<ColumnPinchDispatcher>(m_bridge, m_analyticsLogger);
     m_gestureBridge->setDelegate(m_pinchDispatcher);
     m_commandCenter = std::make_shared<InputCommandCenter>();
     m_commandCenter->onNextProject = [view] {

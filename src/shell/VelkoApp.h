@@ -29,6 +29,8 @@ class NativeTerminalInput;
 class ProjectStoring;
 class TerminalMessageHandling;
 class GitOperating;
+class PreviewTabsPersistenceService;
+class AnalyticsLogger;
 
 class VelkoApp {
 public:
@@ -61,6 +63,9 @@ private:
     std::shared_ptr<GitService> m_gitService;
     // --- files ---
     std::shared_ptr<ExplorerService> m_explorerService;
+    // --- preview tabs, telemetry ---
+    std::shared_ptr<PreviewTabsPersistenceService> m_previewTabsService;
+    std::shared_ptr<AnalyticsLogger> m_analyticsLogger;
     // --- the services as the bridge reaches them; it holds these weakly ---
     std::shared_ptr<ProjectStoring> m_projectStore;
     std::shared_ptr<TerminalMessageHandling> m_terminalMessages;
