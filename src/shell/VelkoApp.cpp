@@ -18,6 +18,7 @@
 #include "terminal/TerminalProcess.h"
 #include "terminal/TerminalService.h"
 #include "telemetry/AnalyticsLogger.h"
+#include "telemetry/SystemMetricsService.h"
 #include "workspace/ConfigStore.h"
 
 #include <thread>
@@ -103,6 +104,10 @@ VelkoApp::VelkoApp(Options options) {
         if (auto v = view.lock()) v->moveToPreviousProject();
     };
     m_nativeTerminalTarget = terminalServiceTarget(m_terminalService);
+
+    // --- telemetry: the first metrics wait in the pending queue, then every 5 s ---
+    m_systemMetricsService = std::make_shared<SystemMetricsService>(m_bridge, SystemMetricsService::Options{});
+    m_systemMetricsService->start();
 }
 
 void VelkoApp::setInputSources(std::shared_ptr<InputSourceServicing> sources) {

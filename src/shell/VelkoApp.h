@@ -31,6 +31,7 @@ class TerminalMessageHandling;
 class GitOperating;
 class PreviewTabsPersistenceService;
 class AnalyticsLogger;
+class SystemMetricsService;
 
 class VelkoApp {
 public:
@@ -66,6 +67,7 @@ private:
     // --- preview tabs, telemetry ---
     std::shared_ptr<PreviewTabsPersistenceService> m_previewTabsService;
     std::shared_ptr<AnalyticsLogger> m_analyticsLogger;
+    std::shared_ptr<SystemMetricsService> m_systemMetricsService;
     // --- the services as the bridge reaches them; it holds these weakly ---
     std::shared_ptr<ProjectStoring> m_projectStore;
     std::shared_ptr<TerminalMessageHandling> m_terminalMessages;
