@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "core/MainQueue.h"
+#include "platform/http/CurlHttpClient.h"
 #include "shell/VelkoApp.h"
 #include "shell/WebBridge.h"
 
@@ -78,7 +79,8 @@ int runHeadless(const HeadlessOptions& options) {
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
     setMainQueue(std::make_shared<GlibMainQueue>());
 
-    auto app = std::make_unique<VelkoApp>();
+    auto http = std::make_shared<CurlHttpClient>();
+    auto app = std::make_unique<VelkoApp>(VelkoApp::Options{.http = http});
     auto webView = std::make_shared<StdoutWebView>();
     app->bridge().setFolderPicker(makeFixedFolderPicker(options.pickFolders));
     app->bridge().setWebView(webView);
@@ -141,6 +143,8 @@ int runHeadless(const HeadlessOptions& options) {
 
     g_main_loop_run(loop);
     reader.join();
+    // A transfer in flight (the update check) ends now instead of at its time limit.
+    http->cancelAll();
     app.reset();
     g_main_loop_unref(loop);
     return 0;

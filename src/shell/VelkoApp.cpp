@@ -1,5 +1,6 @@
 #include "shell/VelkoApp.h"
 
+#include "core/Environment.h"
 #include "core/Paths.h"
 #include "core/SerialQueue.h"
 #include "core/TaskQueue.h"
@@ -7,6 +8,7 @@
 #include "git/GitService.h"
 #include "input/NativeTerminalInput.h"
 #include "preview/PreviewTabsPersistenceService.h"
+#include "shell/AppBundleSchemeHandler.h"
 #include "shell/ContentView.h"
 #include "shell/GestureBridge.h"
 #include "shell/InputCommandCenter.h"
@@ -19,11 +21,14 @@
 #include "terminal/TerminalService.h"
 #include "telemetry/AnalyticsLogger.h"
 #include "telemetry/SystemMetricsService.h"
+#include "updater/Updater.h"
 #include "workspace/ConfigStore.h"
 
 #include <thread>
 
 namespace velko {
+
+VelkoApp::VelkoApp() : VelkoApp(Options{}) {}
 
 VelkoApp::VelkoApp(Options options) {
     // The file is not read here: the store holds the samples until the window appears.
@@ -108,6 +113,24 @@ VelkoApp::VelkoApp(Options options) {
     // --- telemetry: the first metrics wait in the pending queue, then every 5 s ---
     m_systemMetricsService = std::make_shared<SystemMetricsService>(m_bridge, SystemMetricsService::Options{});
     m_systemMetricsService->start();
+
+    // --- updates: only with a public key and a feed; the launch probe is silent ---
+    auto resources = options.resourceDirectory;
+    if (!resources) {
+        if (auto exe = executablePath()) resources = locateResourceDirectory(*exe);
+    }
+    if (options.http && resources) {
+        if (auto settings = resolveUpdaterSettings(readBundleInfo(*resources), environmentValue)) {
+            m_updater = std::make_shared<Updater>(Updater::Dependencies{.settings = std::move(*settings),
+                                                                        .http = options.http,
+                                                                        .presenter = options.updatePresenter});
+            m_updater->probe();
+        }
+    }
+}
+
+void VelkoApp::checkForUpdates() {
+    if (m_updater) m_updater->checkForUpdates();
 }
 
 void VelkoApp::setInputSources(std::shared_ptr<InputSourceServicing> sources) {

@@ -17,6 +17,8 @@
 #include "core/Paths.h"
 #include "platform/gtk/DesktopWindow.h"
 #include "platform/IBusInputSources.h"
+#include "platform/gtk/UpdateDialog.h"
+#include "platform/http/CurlHttpClient.h"
 #include "shell/AppBundleSchemeHandler.h"
 #include "shell/InputCommandCenter.h"
 #include "shell/VelkoApp.h"
@@ -32,6 +34,7 @@ const Logger kLog("app.velko", "app");
 struct DesktopState {
     GtkApplication* application = nullptr;
     std::vector<std::string> pickFolders;
+    std::shared_ptr<CurlHttpClient> http = std::make_shared<CurlHttpClient>();
     std::unique_ptr<VelkoApp> app;
     std::unique_ptr<DesktopWindow> window;
     bool quitting = false;
@@ -51,6 +54,8 @@ void beginQuit(DesktopState* state) {
     }
     // Keep the application running while the window is hidden.
     g_application_hold(G_APPLICATION(state->application));
+    // An update check in flight ends now instead of at its time limit.
+    state->http->cancelAll();
     state->app->shutdown([state] {
         g_application_release(G_APPLICATION(state->application));
         g_application_quit(G_APPLICATION(state->application));
@@ -88,9 +93,12 @@ void buildMenus(GtkApplication* application, DesktopState* state) {
                   if (s->window) s->window->reloadPage();
               }),
               state);
-    // Enabled once an update feed exists.
-    addAction(application, "check-for-updates", G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer) {}), state,
-              false);
+    // Greyed out unless the resources name an update feed and its public key.
+    addAction(application, "check-for-updates", G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer data) {
+                  auto* s = static_cast<DesktopState*>(data);
+                  if (s->app) s->app->checkForUpdates();
+              }),
+              state, state->app && state->app->canCheckForUpdates());
     addAction(application, "quit", G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer data) {
                   beginQuit(static_cast<DesktopState*>(data));
               }),
@@ -177,7 +185,12 @@ int runDesktop(int argc, char** argv) {
                                                             (*resources + "/icons").c_str());
                          }
                          gtk_window_set_default_icon_name("velko");
-                         s->app = std::make_unique<VelkoApp>();
+                         VelkoApp::Options options;
+                         options.http = s->http;
+                         options.updatePresenter = makeUpdateDialogPresenter([s]() -> GtkWindow* {
+                             return s->window ? GTK_WINDOW(s->window->window()) : nullptr;
+                         });
+                         s->app = std::make_unique<VelkoApp>(std::move(options));
                          s->app->setInputSources(connectIBusInputSources());
                          buildMenus(GTK_APPLICATION(app), s);
                      }),
@@ -205,6 +218,7 @@ int runDesktop(int argc, char** argv) {
 
     int status = g_application_run(G_APPLICATION(application), static_cast<int>(arguments.size() - 1), arguments.data());
     state.window.reset();
+    state.http->cancelAll();
     state.app.reset();
     g_object_unref(application);
     return status;
