@@ -43,7 +43,7 @@ void PreviewTabsPersistenceService::ensureStorageDirectoryExists() {
 
 void PreviewTabsPersistenceService::loadFromDisk() {
     struct stat st{};
-    if (stat(m_databasePath.c_str(), &st) != 0 && errno == ENOENT) return;
+    if (stat(m_databasePath.c_str(), &st) != 0 && (errno == ENOENT || errno == ENOTDIR)) return;
     auto damaged = [this](const std::string& reason) {
         m_logger.error("previewTabs: failed to load database: " + reason);
         m_keepBadFileAside = true;

@@ -23,8 +23,9 @@ SystemMetricsService::SystemMetricsService(std::weak_ptr<EventDispatching> emitt
 void SystemMetricsService::start() {
     if (m_running) return;
     m_running = true;
-    m_lastCPUTime = m_sampler->sampleCPUTime();
+    // Clock, then sample: the same order as every later reading.
     m_lastSampleTime = m_monotonicClock();
+    m_lastCPUTime = m_sampler->sampleCPUTime();
     emitCurrentMetrics();
     scheduleNext();
 }
