@@ -3,7 +3,7 @@
 #include <glib.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <functional>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -11,7 +11,6 @@
 #include <thread>
 
 #include "core/MainQueue.h"
-#include "platform/http/CurlHttpClient.h"
 #include "shell/VelkoApp.h"
 #include "shell/WebBridge.h"
 
@@ -20,6 +19,11 @@ namespace velko {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+// After end of input: quit once no event went out for this long and the
+// shutdown finished, and at the latest after the deadline.
+constexpr auto kQuietPeriod = std::chrono::milliseconds(300);
+constexpr auto kExitDeadline = std::chrono::seconds(5);
 
 // Writes each event's envelope as one line on standard output. A reader that
 // is slow holds the main thread back, just as a busy page would.
@@ -79,17 +83,35 @@ int runHeadless(const HeadlessOptions& options) {
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
     setMainQueue(std::make_shared<GlibMainQueue>());
 
-    auto http = std::make_shared<CurlHttpClient>();
-    auto app = std::make_unique<VelkoApp>(VelkoApp::Options{.http = http});
+    auto app = std::make_unique<VelkoApp>();
     auto webView = std::make_shared<StdoutWebView>();
     app->bridge().setFolderPicker(makeFixedFolderPicker(options.pickFolders));
     app->bridge().setWebView(webView);
     app->bridge().notifyWebViewDidFinishNavigation();
     app->contentDidAppear();
 
-    std::atomic<bool> inputEnded{false};
+    // At end of input: end the sessions and let queued work finish, then wait
+    // for the events to go quiet (work in flight answers). Nothing is polled
+    // before that: a program that runs for hours has no timer of ours.
+    bool drained = false;
+    Clock::time_point endOfInput{};
+    std::function<void()> quitWhenQuiet = [&] {
+        const auto now = Clock::now();
+        const bool quiet = now - webView->lastEvent > kQuietPeriod;
+        if ((drained && quiet) || now - endOfInput > kExitDeadline) {
+            g_main_loop_quit(loop);
+            return;
+        }
+        mainQueue().postDelayed(std::chrono::milliseconds(50), quitWhenQuiet);
+    };
+    auto endOfInputReached = [&] {
+        endOfInput = Clock::now();
+        app->shutdown([&drained] { drained = true; });
+        quitWhenQuiet();
+    };
+
     std::weak_ptr<WebBridge> weakBridge = app->bridgePtr();
-    std::thread reader([weakBridge, &inputEnded] {
+    std::thread reader([weakBridge, &endOfInputReached] {
         std::string buffer;
         char chunk[65536];
         for (;;) {
@@ -114,37 +136,12 @@ int runHeadless(const HeadlessOptions& options) {
                 if (auto bridge = weakBridge.lock()) bridge->handleMessageText(line);
             });
         }
-        mainQueue().post([&inputEnded] { inputEnded = true; });
+        // The main loop runs until this task has run, so the reference stays good.
+        mainQueue().post([&endOfInputReached] { endOfInputReached(); });
     });
-
-    // After the end of input: let queued work finish, then wait for the events to
-    // go quiet (work in flight answers), at most a few seconds.
-    bool shuttingDown = false;
-    bool drained = false;
-    Clock::time_point endOfInput{};
-    std::function<void()> poll;
-    poll = [&] {
-        if (inputEnded && !shuttingDown) {
-            shuttingDown = true;
-            endOfInput = Clock::now();
-            app->shutdown([&drained] { drained = true; });
-        }
-        if (shuttingDown) {
-            auto now = Clock::now();
-            bool quiet = now - webView->lastEvent > std::chrono::milliseconds(300);
-            if ((drained && quiet) || now - endOfInput > std::chrono::seconds(5)) {
-                g_main_loop_quit(loop);
-                return;
-            }
-        }
-        mainQueue().postDelayed(std::chrono::milliseconds(50), poll);
-    };
-    mainQueue().postDelayed(std::chrono::milliseconds(50), poll);
 
     g_main_loop_run(loop);
     reader.join();
-    // A transfer in flight (the update check) ends now instead of at its time limit.
-    http->cancelAll();
     app.reset();
     g_main_loop_unref(loop);
     return 0;

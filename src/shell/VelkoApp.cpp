@@ -3,10 +3,13 @@
 #include "core/Environment.h"
 #include "core/Paths.h"
 #include "core/SerialQueue.h"
+#include "core/Log.h"
 #include "core/TaskQueue.h"
+#include "dashboard/DashboardController.h"
 #include "files/ExplorerService.h"
 #include "git/GitService.h"
 #include "input/NativeTerminalInput.h"
+#include "platform/http/CurlHttpClient.h"
 #include "preview/PreviewTabsPersistenceService.h"
 #include "shell/AppBundleSchemeHandler.h"
 #include "shell/ContentView.h"
@@ -17,19 +20,22 @@
 #include "terminal/CodexShimInstaller.h"
 #include "terminal/TerminalCoordinator.h"
 #include "terminal/TerminalDebugDumpStore.h"
-#include "terminal/TerminalProcess.h"
+#include "terminal/TerminalReaper.h"
 #include "terminal/TerminalService.h"
 #include "telemetry/AnalyticsLogger.h"
 #include "telemetry/SystemMetricsService.h"
 #include "updater/Updater.h"
 #include "workspace/ConfigStore.h"
 
-#include <thread>
 
 namespace velko {
 
-VelkoApp::VelkoApp() : VelkoApp(Options{}) {}
+namespace {
+// How long queued git work may still run once quitting has begun.
+constexpr auto kGitPatience = std::chrono::seconds(1);
+}  // namespace
 
+VelkoApp::VelkoApp() : VelkoApp(Options{}) {}
 VelkoApp::VelkoApp(Options options) {
     // The file is not read here: the store holds the samples until the window appears.
     m_configStore = std::make_shared<ConfigStore>(options.storageDirectory);
@@ -47,6 +53,8 @@ VelkoApp::VelkoApp(Options options) {
         TerminalCoordinator::Options terminalOptions;
         terminalOptions.logger = TerminalLogger::create();
         terminalOptions.dumpStore = TerminalDebugDumpStore::create();
+        m_terminalReaper = std::make_shared<TerminalReaper>();
+        terminalOptions.reaper = m_terminalReaper;
         auto coordinator = std::make_shared<TerminalCoordinator>(std::move(terminalOptions));
         m_terminalService =
             TerminalService::create(m_configStore, coordinator, std::make_shared<CodexShimInstaller>());
@@ -62,7 +70,8 @@ VelkoApp::VelkoApp(Options options) {
         GitService::Dependencies git;
         git.configProvider = m_configStore;
         // No account manager yet: GitHub HTTPS remotes ask the user to sign in.
-        git.authProvider = std::make_shared<NoGitAuthProvider>();
+        m_gitAuth = std::make_shared<NoGitAuthProvider>();
+        git.authProvider = m_gitAuth;
         git.credentialBroker = std::make_shared<GitCredentialBroker>();
         git.processRunner = std::make_shared<ProcessGitProcessRunner>();
         m_gitService = std::make_shared<GitService>(std::move(git));
@@ -80,6 +89,29 @@ VelkoApp::VelkoApp(Options options) {
 
     m_projectStore = makeProjectStoring(m_configStore);
     m_bridge->setProjectStore(m_projectStore);
+
+    // --- dashboard: languages over the shared HTTP client and token, metrics, controller ---
+    {
+        m_http = std::make_shared<CurlHttpClient>();
+        auto runner = std::make_shared<ProcessGitProcessRunner>();
+        auto languages = std::make_shared<DashboardLanguagesProvider>(DashboardLanguagesProvider::Dependencies{
+            .authProvider = m_gitAuth,
+            .processRunner = runner,
+            .session = m_http,
+            .endpoints = GitHubEndpoints::fromEnvironment(),
+            .homePath = homeDirectory(),
+        });
+        DashboardMetricsService::Dependencies metrics;
+        metrics.projectProvider = makeDashboardProjectProvider(m_configStore);
+        metrics.languagesProvider = languages;
+        metrics.processRunner = runner;
+        metrics.analyticsLogger = m_analyticsLogger;
+        metrics.homePath = homeDirectory();
+        m_dashboardMetrics = std::make_shared<DashboardMetricsService>(std::move(metrics));
+        m_dashboardController =
+            std::make_shared<DashboardController>(m_dashboardMetrics, m_bridge, m_analyticsLogger);
+        m_bridge->setDashboardController(m_dashboardController);
+    }
     // No account manager yet: the status of no stored token waits in the queue.
     m_bridge->dispatchOAuthStatus();
 
@@ -119,10 +151,10 @@ VelkoApp::VelkoApp(Options options) {
     if (!resources) {
         if (auto exe = executablePath()) resources = locateResourceDirectory(*exe);
     }
-    if (options.http && resources) {
+    if (resources) {
         if (auto settings = resolveUpdaterSettings(readBundleInfo(*resources), environmentValue)) {
             m_updater = std::make_shared<Updater>(Updater::Dependencies{.settings = std::move(*settings),
-                                                                        .http = options.http,
+                                                                        .http = m_http,
                                                                         .presenter = options.updatePresenter});
             m_updater->probe();
         }
@@ -148,37 +180,69 @@ VelkoApp::~VelkoApp() = default;
 void VelkoApp::contentDidAppear() { m_contentView->bootstrap(); }
 
 void VelkoApp::shutdown(std::function<void()> done) {
-    // --- terminal: end every session ---
-    // Shells get their hang-up now; a helper thread waits (bounded) until the
-    // monitors reaped them, so no zsh outlives the program and the main thread never blocks.
-    if (m_terminalService) m_terminalService->shutdown();
-    done = [done = std::move(done)]() mutable {
-        auto shared = std::make_shared<std::function<void()>>(std::move(done));
-        std::thread([shared] {
-            (void)TerminalProcess::waitForAbandonedChildren(TerminalProcess::kAbandonGracePeriod +
-                                                            std::chrono::seconds(1));
-            mainQueue().post([shared] { (*shared)(); });
-        }).detach();
+    // Two roads run side by side, terminals and git-then-files; `done` follows
+    // the later one, or the deadline: nothing that refuses to end holds the
+    // window, and the destructors end what is still running then.
+    struct Pending {
+        int roads = 2;
+        std::function<void()> done;
+        void finish() {
+            if (!done) return;
+            auto callback = std::move(done);
+            done = nullptr;
+            callback();
+        }
+        void arrive() {
+            if (--roads == 0) finish();
+        }
     };
+    auto pending = std::make_shared<Pending>();
+    pending->done = std::move(done);
+    mainQueue().postDelayed(kShutdownDeadline, [pending] { pending->finish(); });
+    auto arrive = [pending] { runOnMain([pending] { pending->arrive(); }); };
 
-    // --- git: a commit or push in flight finishes before the files step ---
-    if (m_gitService) {
-        auto next = std::move(done);
-        done = [git = std::weak_ptr<GitService>(m_gitService), next = std::move(next)]() mutable {
-            auto service = git.lock();
-            if (!service) return next();
-            service->whenIdle([next = std::move(next)]() mutable { runOnMain(std::move(next)); });
-        };
-    }
+    // A languages request or an update check in flight ends now rather than at its time limit.
+    if (m_http) m_http->cancelAll();
+
+    // --- terminal: end every session ---
+    // Shells get their hang-up and SIGTERM now; the reaper kills those still
+    // there after the grace period, so no zsh outlives the program.
+    if (m_terminalService) m_terminalService->shutdown();
+    if (m_terminalReaper) m_terminalReaper->endAll(kShellGracePeriod, arrive);
+    else arrive();
 
     // Work already queued for files finishes first; monitoring ends with it,
     // so no change batch goes out while the program exits.
     std::weak_ptr<WebBridge> bridge = m_bridge;
-    m_bridge->fileQueue().post([bridge, done = std::move(done)]() mutable {
-        runOnMain([bridge, done = std::move(done)] {
-            if (auto self = bridge.lock()) self->stopExplorerMonitoring();
-            done();
+    std::function<void()> files = [bridge, arrive] {
+        auto self = bridge.lock();
+        if (!self) return arrive();
+        self->fileQueue().post([bridge, arrive] {
+            runOnMain([bridge, arrive] {
+                if (auto self = bridge.lock()) self->stopExplorerMonitoring();
+                arrive();
+            });
         });
+    };
+
+    // --- git: queued work gets a moment to answer (a script's last messages),
+    // then the engine stops: what is still queued is dropped and a git that
+    // hangs (a fetch from a silent server) is ended, TERM then KILL; the files
+    // step follows whichever comes first ---
+    if (!m_gitService) return files();
+    auto once = std::make_shared<std::function<void()>>(std::move(files));
+    auto next = [once] {  // main thread only, so a plain flag decides
+        if (!*once) return;
+        auto go = std::move(*once);
+        *once = nullptr;
+        go();
+    };
+    std::weak_ptr<GitService> git = m_gitService;
+    m_gitService->whenIdle([next] { runOnMain(next); });
+    mainQueue().postDelayed(kGitPatience, [git, next] {
+        auto service = git.lock();
+        if (!service) return next();
+        service->stop(GitService::kStopGrace, [next] { runOnMain(next); });
     });
 }
 

@@ -7,6 +7,7 @@
 // is left out: the bridge's reference to it stays empty and its messages do
 // nothing.
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -18,6 +19,7 @@ class WebBridge;
 class ConfigStore;
 class ContentView;
 class TerminalService;
+class TerminalReaper;
 class GitService;
 class ExplorerService;
 class InputCommandCenter;
@@ -34,15 +36,16 @@ class AnalyticsLogger;
 class SystemMetricsService;
 class Updater;
 class UpdatePresenting;
-class HttpRequesting;
+class GitAuthProviding;
+class CurlHttpClient;
+class DashboardMetricsService;
+class DashboardController;
 
 class VelkoApp {
 public:
     struct Options {
         // Where config.json lives; empty means $XDG_DATA_HOME/velko.
         std::optional<std::string> storageDirectory = {};
-        // The network, for the update check. Without it there is no updater.
-        std::shared_ptr<HttpRequesting> http = {};
         // Where the outcome of an update check is shown; empty: a log line.
         std::shared_ptr<UpdatePresenting> updatePresenter = {};
         // Where Info.json is; empty: the resources beside the program.
@@ -61,19 +64,30 @@ public:
     // The window's content appeared: load the configuration and apply it.
     void contentDidAppear();
     // Ends terminal sessions and waits for queued work; `done` runs on the main
-    // thread when it is safe to exit (at most a few seconds later).
+    // thread when it is safe to exit, or once kShutdownDeadline has passed.
+    // Children still running then are killed by the destructor.
     void shutdown(std::function<void()> done);
+    static constexpr std::chrono::milliseconds kShutdownDeadline{4000};
+    // How long shells get to leave after their hang-up before they are killed.
+    static constexpr std::chrono::milliseconds kShellGracePeriod{2000};
 
 private:
     std::shared_ptr<ConfigStore> m_configStore;
     std::shared_ptr<WebBridge> m_bridge;
     std::shared_ptr<ContentView> m_contentView;
     // --- terminal ---
+    std::shared_ptr<TerminalReaper> m_terminalReaper;
     std::shared_ptr<TerminalService> m_terminalService;
     // --- git ---
     std::shared_ptr<GitService> m_gitService;
     // --- files ---
     std::shared_ptr<ExplorerService> m_explorerService;
+    // --- shared by git, the dashboard and the account ---
+    std::shared_ptr<GitAuthProviding> m_gitAuth;
+    std::shared_ptr<CurlHttpClient> m_http;
+    // --- dashboard ---
+    std::shared_ptr<DashboardMetricsService> m_dashboardMetrics;
+    std::shared_ptr<DashboardController> m_dashboardController;
     // --- preview tabs, telemetry ---
     std::shared_ptr<PreviewTabsPersistenceService> m_previewTabsService;
     std::shared_ptr<AnalyticsLogger> m_analyticsLogger;

@@ -30,6 +30,7 @@
 #include "core/EventDispatching.h"
 #include "core/Json.h"
 #include "core/Uuid.h"
+#include "dashboard/DashboardEventEmitting.h"
 #include "shell/WebViewHosting.h"
 #include "workspace/Models.h"
 
@@ -55,7 +56,9 @@ std::string buildEventScript(std::string_view envelopeJson);
 // The envelope JSON back out of a script built above, or nullopt (headless host).
 std::optional<std::string> envelopeFromEventScript(std::string_view script);
 
-class WebBridge final : public EventDispatching, public std::enable_shared_from_this<WebBridge> {
+class WebBridge final : public EventDispatching,
+                        public DashboardEventEmitting,
+                        public std::enable_shared_from_this<WebBridge> {
 public:
     using EventObserver = std::function<void(const std::string& type, const std::string& payloadJson)>;
 
@@ -103,6 +106,14 @@ public:
         m_previewTabsService = std::move(service);
     }
     void setAnalyticsLogger(std::shared_ptr<AnalyticsLogging> logger) { m_analyticsLogger = std::move(logger); }
+    void setDashboardController(std::weak_ptr<DashboardControlling> controller) {
+        m_dashboardController = std::move(controller);
+    }
+
+    // --- dashboard events (any thread; WebBridgeDashboard.cpp) ---
+    void emitDashboardToggled(bool open) override;
+    void emitDashboardMetrics(const DashboardSnapshot& snapshot) override;
+    void emitDashboardMetricsError(const std::string& message) override;
 
     const std::optional<Uuid>& activeProjectID() const { return m_activeProjectID; }
     void setActiveProjectID(std::optional<Uuid> id) { m_activeProjectID = std::move(id); }
@@ -198,6 +209,7 @@ private:
     EventObserver m_eventObserver;
     std::shared_ptr<PreviewTabsPersistenceService> m_previewTabsService;
     std::shared_ptr<AnalyticsLogging> m_analyticsLogger;
+    std::weak_ptr<DashboardControlling> m_dashboardController;
 };
 
 }  // namespace velko

@@ -73,9 +73,6 @@ void WebBridge::dispatchPreviewTabs(const std::optional<Uuid>& projectID) {
     });
 }
 
-void WebBridge::handleDashboardPresent(std::string_view, const Json*) {}
-void WebBridge::handleDashboardDismiss(std::string_view, const Json*) {}
-
 void WebBridge::handleAnalyticsEvent(std::string_view, const Json* payload) {
     if (!m_analyticsLogger || !payload || payload->empty()) return;
     auto name = json::string(payload, "name");

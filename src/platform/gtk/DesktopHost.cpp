@@ -18,7 +18,6 @@
 #include "platform/gtk/DesktopWindow.h"
 #include "platform/IBusInputSources.h"
 #include "platform/gtk/UpdateDialog.h"
-#include "platform/http/CurlHttpClient.h"
 #include "shell/AppBundleSchemeHandler.h"
 #include "shell/InputCommandCenter.h"
 #include "shell/VelkoApp.h"
@@ -34,7 +33,6 @@ const Logger kLog("app.velko", "app");
 struct DesktopState {
     GtkApplication* application = nullptr;
     std::vector<std::string> pickFolders;
-    std::shared_ptr<CurlHttpClient> http = std::make_shared<CurlHttpClient>();
     std::unique_ptr<VelkoApp> app;
     std::unique_ptr<DesktopWindow> window;
     bool quitting = false;
@@ -54,8 +52,6 @@ void beginQuit(DesktopState* state) {
     }
     // Keep the application running while the window is hidden.
     g_application_hold(G_APPLICATION(state->application));
-    // An update check in flight ends now instead of at its time limit.
-    state->http->cancelAll();
     state->app->shutdown([state] {
         g_application_release(G_APPLICATION(state->application));
         g_application_quit(G_APPLICATION(state->application));
@@ -186,7 +182,6 @@ int runDesktop(int argc, char** argv) {
                          }
                          gtk_window_set_default_icon_name("velko");
                          VelkoApp::Options options;
-                         options.http = s->http;
                          options.updatePresenter = makeUpdateDialogPresenter([s]() -> GtkWindow* {
                              return s->window ? GTK_WINDOW(s->window->window()) : nullptr;
                          });
@@ -218,7 +213,6 @@ int runDesktop(int argc, char** argv) {
 
     int status = g_application_run(G_APPLICATION(application), static_cast<int>(arguments.size() - 1), arguments.data());
     state.window.reset();
-    state.http->cancelAll();
     state.app.reset();
     g_object_unref(application);
     return status;
