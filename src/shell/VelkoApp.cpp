@@ -1,5 +1,6 @@
 #include "shell/VelkoApp.h"
 
+#include "core/Environment.h"
 #include "core/Paths.h"
 #include "core/SerialQueue.h"
 #include "core/Log.h"
@@ -9,6 +10,8 @@
 #include "git/GitService.h"
 #include "input/NativeTerminalInput.h"
 #include "platform/http/CurlHttpClient.h"
+#include "preview/PreviewTabsPersistenceService.h"
+#include "shell/AppBundleSchemeHandler.h"
 #include "shell/ContentView.h"
 #include "shell/GestureBridge.h"
 #include "shell/InputCommandCenter.h"
@@ -19,6 +22,9 @@
 #include "terminal/TerminalDebugDumpStore.h"
 #include "terminal/TerminalReaper.h"
 #include "terminal/TerminalService.h"
+#include "telemetry/AnalyticsLogger.h"
+#include "telemetry/SystemMetricsService.h"
+#include "updater/Updater.h"
 #include "workspace/ConfigStore.h"
 
 
@@ -27,32 +33,9 @@ namespace velko {
 namespace {
 // How long queued git work may still run once quitting has begun.
 constexpr auto kGitPatience = std::chrono::seconds(1);
-
-// Analytics for the dashboard until the telemetry logger is wired here: the
-// same line, "event=NAME properties=k=v, …" with the pairs sorted.
-class DashboardLogLineAnalytics final : public AnalyticsLogging {
-public:
-    void log(std::string_view event, const AnalyticsProperties& properties) override {
-        std::vector<std::string> pairs;
-        for (const auto& [key, value] : properties) {
-            std::string text;
-            if (auto b = std::get_if<bool>(&value)) text = *b ? "true" : "false";
-            else if (auto i = std::get_if<int64_t>(&value)) text = std::to_string(*i);
-            else if (auto d = std::get_if<double>(&value)) text = dumpJson(OrderedJson(*d));
-            else text = std::get<std::string>(value);
-            pairs.push_back(key + "=" + text);
-        }
-        std::sort(pairs.begin(), pairs.end());
-        std::string line = "event=" + std::string(event);
-        for (size_t i = 0; i < pairs.size(); ++i) line += (i == 0 ? " properties=" : ", ") + pairs[i];
-        m_logger.info(line);
-    }
-
-private:
-    Logger m_logger{"app.velko.analytics", "events"};
-};
 }  // namespace
 
+VelkoApp::VelkoApp() : VelkoApp(Options{}) {}
 VelkoApp::VelkoApp(Options options) {
     // The file is not read here: the store holds the samples until the window appears.
     m_configStore = std::make_shared<ConfigStore>(options.storageDirectory);
@@ -97,6 +80,13 @@ VelkoApp::VelkoApp(Options options) {
         m_bridge->setGitService(m_gitOperations);
     }
 
+    // --- preview tabs, analytics: the database is read once, here ---
+    m_previewTabsService = std::make_shared<PreviewTabsPersistenceService>(
+        PreviewTabsPersistenceService::Options{.storageDirectory = options.storageDirectory});
+    m_analyticsLogger = std::make_shared<AnalyticsLogger>();
+    m_bridge->setPreviewTabsService(m_previewTabsService);
+    m_bridge->setAnalyticsLogger(m_analyticsLogger);
+
     m_projectStore = makeProjectStoring(m_configStore);
     m_bridge->setProjectStore(m_projectStore);
 
@@ -111,16 +101,15 @@ VelkoApp::VelkoApp(Options options) {
             .endpoints = GitHubEndpoints::fromEnvironment(),
             .homePath = homeDirectory(),
         });
-        m_dashboardAnalytics = std::make_shared<DashboardLogLineAnalytics>();
         DashboardMetricsService::Dependencies metrics;
         metrics.projectProvider = makeDashboardProjectProvider(m_configStore);
         metrics.languagesProvider = languages;
         metrics.processRunner = runner;
-        metrics.analyticsLogger = m_dashboardAnalytics;
+        metrics.analyticsLogger = m_analyticsLogger;
         metrics.homePath = homeDirectory();
         m_dashboardMetrics = std::make_shared<DashboardMetricsService>(std::move(metrics));
         m_dashboardController =
-            std::make_shared<DashboardController>(m_dashboardMetrics, m_bridge, m_dashboardAnalytics);
+            std::make_shared<DashboardController>(m_dashboardMetrics, m_bridge, m_analyticsLogger);
         m_bridge->setDashboardController(m_dashboardController);
     }
     // No account manager yet: the status of no stored token waits in the queue.
@@ -142,7 +131,7 @@ VelkoApp::VelkoApp(Options options) {
 
     // --- desktop: command center, gestures ---
     m_gestureBridge = std::make_shared<GestureBridge>();
-    m_pinchDispatcher = std::make_shared<ColumnPinchDispatcher>(m_bridge);
+    m_pinchDispatcher = std::make_shared<ColumnPinchDispatcher>(m_bridge, m_analyticsLogger);
     m_gestureBridge->setDelegate(m_pinchDispatcher);
     m_commandCenter = std::make_shared<InputCommandCenter>();
     m_commandCenter->onNextProject = [view] {
@@ -152,6 +141,28 @@ VelkoApp::VelkoApp(Options options) {
         if (auto v = view.lock()) v->moveToPreviousProject();
     };
     m_nativeTerminalTarget = terminalServiceTarget(m_terminalService);
+
+    // --- telemetry: the first metrics wait in the pending queue, then every 5 s ---
+    m_systemMetricsService = std::make_shared<SystemMetricsService>(m_bridge, SystemMetricsService::Options{});
+    m_systemMetricsService->start();
+
+    // --- updates: only with a public key and a feed; the launch probe is silent ---
+    auto resources = options.resourceDirectory;
+    if (!resources) {
+        if (auto exe = executablePath()) resources = locateResourceDirectory(*exe);
+    }
+    if (resources) {
+        if (auto settings = resolveUpdaterSettings(readBundleInfo(*resources), environmentValue)) {
+            m_updater = std::make_shared<Updater>(Updater::Dependencies{.settings = std::move(*settings),
+                                                                        .http = m_http,
+                                                                        .presenter = options.updatePresenter});
+            m_updater->probe();
+        }
+    }
+}
+
+void VelkoApp::checkForUpdates() {
+    if (m_updater) m_updater->checkForUpdates();
 }
 
 void VelkoApp::setInputSources(std::shared_ptr<InputSourceServicing> sources) {
@@ -190,7 +201,7 @@ void VelkoApp::shutdown(std::function<void()> done) {
     mainQueue().postDelayed(kShutdownDeadline, [pending] { pending->finish(); });
     auto arrive = [pending] { runOnMain([pending] { pending->arrive(); }); };
 
-    // A languages request in flight ends now rather than at its time limit.
+    // A languages request or an update check in flight ends now rather than at its time limit.
     if (m_http) m_http->cancelAll();
 
     // --- terminal: end every session ---

@@ -31,20 +31,29 @@ class NativeTerminalInput;
 class ProjectStoring;
 class TerminalMessageHandling;
 class GitOperating;
+class PreviewTabsPersistenceService;
+class AnalyticsLogger;
+class SystemMetricsService;
+class Updater;
+class UpdatePresenting;
 class GitAuthProviding;
 class CurlHttpClient;
 class DashboardMetricsService;
 class DashboardController;
-class AnalyticsLogging;
 
 class VelkoApp {
 public:
     struct Options {
         // Where config.json lives; empty means $XDG_DATA_HOME/velko.
-        std::optional<std::string> storageDirectory;
+        std::optional<std::string> storageDirectory = {};
+        // Where the outcome of an update check is shown; empty: a log line.
+        std::shared_ptr<UpdatePresenting> updatePresenter = {};
+        // Where Info.json is; empty: the resources beside the program.
+        std::optional<std::string> resourceDirectory = {};
     };
 
-    explicit VelkoApp(Options options = {});
+    VelkoApp();
+    explicit VelkoApp(Options options);
     ~VelkoApp();
 
     WebBridge& bridge() { return *m_bridge; }
@@ -77,9 +86,13 @@ private:
     std::shared_ptr<GitAuthProviding> m_gitAuth;
     std::shared_ptr<CurlHttpClient> m_http;
     // --- dashboard ---
-    std::shared_ptr<AnalyticsLogging> m_dashboardAnalytics;
     std::shared_ptr<DashboardMetricsService> m_dashboardMetrics;
     std::shared_ptr<DashboardController> m_dashboardController;
+    // --- preview tabs, telemetry ---
+    std::shared_ptr<PreviewTabsPersistenceService> m_previewTabsService;
+    std::shared_ptr<AnalyticsLogger> m_analyticsLogger;
+    std::shared_ptr<SystemMetricsService> m_systemMetricsService;
+    std::shared_ptr<Updater> m_updater;  // none without a key and a feed
     // --- the services as the bridge reaches them; it holds these weakly ---
     std::shared_ptr<ProjectStoring> m_projectStore;
     std::shared_ptr<TerminalMessageHandling> m_terminalMessages;
@@ -93,6 +106,9 @@ private:
 
 public:
     InputCommandCenter& commandCenter() { return *m_commandCenter; }
+    // "Check for Updates..." is enabled only with an updater.
+    bool canCheckForUpdates() const { return m_updater != nullptr; }
+    void checkForUpdates();
     GestureBridge& gestureBridge() { return *m_gestureBridge; }
     // Keys go natively to the focused terminal once the platform has an
     // input-source service (null: every key takes the web view's path).

@@ -42,6 +42,8 @@ class TerminalMessageHandling;
 class GitOperating;
 class ExplorerMonitoring;
 class ProjectFileAccessing;
+class PreviewTabsPersistenceService;
+class AnalyticsLogging;
 
 // The fixed pieces of the injected script; the page's one convention with us.
 extern const char* const kEventScriptPrefix;
@@ -100,6 +102,10 @@ public:
     void setTerminalService(std::weak_ptr<TerminalMessageHandling> service) { m_terminalService = std::move(service); }
     void setGitService(std::weak_ptr<GitOperating> service) { m_gitService = std::move(service); }
     void setEventObserver(EventObserver observer) { m_eventObserver = std::move(observer); }
+    void setPreviewTabsService(std::shared_ptr<PreviewTabsPersistenceService> service) {
+        m_previewTabsService = std::move(service);
+    }
+    void setAnalyticsLogger(std::shared_ptr<AnalyticsLogging> logger) { m_analyticsLogger = std::move(logger); }
     void setDashboardController(std::weak_ptr<DashboardControlling> controller) {
         m_dashboardController = std::move(controller);
     }
@@ -201,6 +207,8 @@ private:
     std::shared_ptr<ExplorerMonitoring> m_explorer;
     std::optional<Uuid> m_monitoredExplorerProjectID;
     EventObserver m_eventObserver;
+    std::shared_ptr<PreviewTabsPersistenceService> m_previewTabsService;
+    std::shared_ptr<AnalyticsLogging> m_analyticsLogger;
     std::weak_ptr<DashboardControlling> m_dashboardController;
 };
 

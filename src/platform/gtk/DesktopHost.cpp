@@ -17,6 +17,7 @@
 #include "core/Paths.h"
 #include "platform/gtk/DesktopWindow.h"
 #include "platform/IBusInputSources.h"
+#include "platform/gtk/UpdateDialog.h"
 #include "shell/AppBundleSchemeHandler.h"
 #include "shell/InputCommandCenter.h"
 #include "shell/VelkoApp.h"
@@ -88,9 +89,12 @@ void buildMenus(GtkApplication* application, DesktopState* state) {
                   if (s->window) s->window->reloadPage();
               }),
               state);
-    // Enabled once an update feed exists.
-    addAction(application, "check-for-updates", G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer) {}), state,
-              false);
+    // Greyed out unless the resources name an update feed and its public key.
+    addAction(application, "check-for-updates", G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer data) {
+                  auto* s = static_cast<DesktopState*>(data);
+                  if (s->app) s->app->checkForUpdates();
+              }),
+              state, state->app && state->app->canCheckForUpdates());
     addAction(application, "quit", G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer data) {
                   beginQuit(static_cast<DesktopState*>(data));
               }),
@@ -177,7 +181,11 @@ int runDesktop(int argc, char** argv) {
                                                             (*resources + "/icons").c_str());
                          }
                          gtk_window_set_default_icon_name("velko");
-                         s->app = std::make_unique<VelkoApp>();
+                         VelkoApp::Options options;
+                         options.updatePresenter = makeUpdateDialogPresenter([s]() -> GtkWindow* {
+                             return s->window ? GTK_WINDOW(s->window->window()) : nullptr;
+                         });
+                         s->app = std::make_unique<VelkoApp>(std::move(options));
                          s->app->setInputSources(connectIBusInputSources());
                          buildMenus(GTK_APPLICATION(app), s);
                      }),
