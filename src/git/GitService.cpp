@@ -252,64 +252,74 @@ GitEnvironment GitService::baseEnvironment() const { return m_environment; }
 Result<std::string, GitError> GitService::runGit(const std::vector<std::string>& arguments,
                                                  const ProjectContext& project, bool requiresAuth,
                                                  const GitEnvironment& extraEnvironment) {
-    GitEnvironment environment = baseEnvironment();
-    for (const auto& [key, value] : extraEnvironment) environment[key] = value;
-    std::optional<GitAuthToken> token;
-    if (requiresAuth) {
-        token = m_authProvider->loadToken();
-        if (!token) return fail(GitError::authenticationRequired());
-        auto prepared = m_credentialBroker->prepareEnvironment(token->accessToken);
-        if (!prepared) {
-            m_logger.error("git " + subcommand(arguments) + ": askpass script not written: " + prepared.error());
-            return fail(GitError::launchFailed(prepared.error()));
+    // A second attempt only when the server refused a token that had been
+    // replaced (refreshed, signed in again) while the run went on.
+    for (int attempt = 0;; ++attempt) {
+        GitEnvironment environment = baseEnvironment();
+        for (const auto& [key, value] : extraEnvironment) environment[key] = value;
+        std::optional<GitAuthToken> token;
+        if (requiresAuth) {
+            token = m_authProvider->loadToken();
+            if (!token) return fail(GitError::authenticationRequired());
+            auto prepared = m_credentialBroker->prepareEnvironment(token->accessToken);
+            if (!prepared) {
+                m_logger.error("git " + subcommand(arguments) + ": askpass script not written: " + prepared.error());
+                return fail(GitError::launchFailed(prepared.error()));
+            }
+            for (auto& [key, value] : *prepared) environment[key] = value;
+            environment["GITHUB_TOKEN"] = token->accessToken;
+            environment["GH_TOKEN"] = token->accessToken;
+            // A credential helper of the user's (store, cache, a keyring) would be
+            // handed the token after a successful run and keep it on disk. Reset the
+            // helper list for this child only, through the environment rather than
+            // "-c" so that nothing of it shows on a command line.
+            int count = 0;
+            if (auto it = environment.find("GIT_CONFIG_COUNT"); it != environment.end()) {
+                count = static_cast<int>(std::max<int64_t>(0, decimalOrZero(it->second)));
+            }
+            environment["GIT_CONFIG_KEY_" + std::to_string(count)] = "credential.helper";
+            environment["GIT_CONFIG_VALUE_" + std::to_string(count)] = "";
+            environment["GIT_CONFIG_COUNT"] = std::to_string(count + 1);
         }
-        for (auto& [key, value] : *prepared) environment[key] = value;
-        environment["GITHUB_TOKEN"] = token->accessToken;
-        environment["GH_TOKEN"] = token->accessToken;
-        // A credential helper of the user's (store, cache, a keyring) would be
-        // handed the token after a successful run and keep it on disk. Reset the
-        // helper list for this child only, through the environment rather than
-        // "-c" so that nothing of it shows on a command line.
-        int count = 0;
-        if (auto it = environment.find("GIT_CONFIG_COUNT"); it != environment.end()) {
-            count = static_cast<int>(std::max<int64_t>(0, decimalOrZero(it->second)));
+
+        std::vector<std::string> argv;
+        argv.reserve(arguments.size() + 1);
+        argv.emplace_back("git");
+        argv.insert(argv.end(), arguments.begin(), arguments.end());
+        GitProcessExecutionResult result = m_processRunner->run(argv, project.directory, environment);
+
+        if (result.status == 0) {
+            if (requiresAuth) m_credentialBroker->cleanup();
+            return std::move(result.stdout);
         }
-        environment["GIT_CONFIG_KEY_" + std::to_string(count)] = "credential.helper";
-        environment["GIT_CONFIG_VALUE_" + std::to_string(count)] = "";
-        environment["GIT_CONFIG_COUNT"] = std::to_string(count + 1);
-    }
-
-    std::vector<std::string> argv;
-    argv.reserve(arguments.size() + 1);
-    argv.emplace_back("git");
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    GitProcessExecutionResult result = m_processRunner->run(argv, project.directory, environment);
-
-    if (result.status == 0) {
+        m_logger.info("git " + subcommand(arguments) + " exited with status " +
+                      std::to_string(result.status));
+        if (requiresAuth && isAuthenticationFailure(result.stderr)) {
+            m_credentialBroker->cleanup();
+            auto record = m_authProvider->loadToken();
+            if (!m_authProvider->deleteToken(token->accessToken)) {
+                if (attempt == 0) {
+                    m_logger.notice("git " + subcommand(arguments) + ": the refused token was replaced; trying again");
+                    continue;
+                }
+                return fail(GitError::authenticationFailed(std::move(result.stderr)));
+            }
+            m_logger.notice("git " + subcommand(arguments) + ": the server refused the token; it is forgotten");
+            OrderedJson status;
+            status["status"] = "disconnected";
+            if (record && record->accountLogin) {
+                OrderedJson account;
+                account["login"] = *record->accountLogin;
+                if (record->accountAvatarURL) account["avatarUrl"] = *record->accountAvatarURL;
+                status["account"] = std::move(account);
+            }
+            status["reason"] = "tokenInvalid";
+            emit("github/oauth/status", status);
+            return fail(GitError::authenticationFailed(std::move(result.stderr)));
+        }
         if (requiresAuth) m_credentialBroker->cleanup();
-        return std::move(result.stdout);
+        return fail(GitError::commandFailed(std::string(trimWhitespace(result.stderr))));
     }
-    m_logger.info("git " + subcommand(arguments) + " exited with status " +
-                  std::to_string(result.status));
-    if (requiresAuth && isAuthenticationFailure(result.stderr)) {
-        m_logger.notice("git " + subcommand(arguments) + ": the server refused the token; it is forgotten");
-        auto record = m_authProvider->loadToken();
-        m_authProvider->deleteToken();
-        OrderedJson status;
-        status["status"] = "disconnected";
-        if (record && record->accountLogin) {
-            OrderedJson account;
-            account["login"] = *record->accountLogin;
-            if (record->accountAvatarURL) account["avatarUrl"] = *record->accountAvatarURL;
-            status["account"] = std::move(account);
-        }
-        status["reason"] = "tokenInvalid";
-        emit("github/oauth/status", status);
-        m_credentialBroker->cleanup();
-        return fail(GitError::authenticationFailed(std::move(result.stderr)));
-    }
-    if (requiresAuth) m_credentialBroker->cleanup();
-    return fail(GitError::commandFailed(std::string(trimWhitespace(result.stderr))));
 }
 
 Result<GitProcessExecutionResult, GitError> GitService::runGitAllowingDifferences(
