@@ -11,8 +11,7 @@ inline constexpr const char* kResumeNoProjects = "復元できるプロジェク
 // "project/file/error" for a project that is unknown or whose folder is gone.
 inline constexpr const char* kMissingProjectRoot = "プロジェクトのルートが見つかりませんでした";
 
-// "github/oauth/error" while no OAuth client is configured. English until the
-// account service brings its own texts.
-inline constexpr const char* kOAuthNotConfigured = "GitHub sign-in is not configured (no OAuth client id).";
+// "github/oauth/error" while no OAuth client is configured.
+inline constexpr const char* kOAuthNotConfigured = "GitHub サインインが設定されていません (OAuth クライアント ID がありません)";
 
 }  // namespace velko::shell_messages

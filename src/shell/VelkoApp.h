@@ -29,12 +29,30 @@ class NativeTerminalInput;
 class ProjectStoring;
 class TerminalMessageHandling;
 class GitOperating;
+class EventDispatching;
+class KeychainStore;
+class OAuthSessionFactory;
+class HttpRequesting;
+class GitAuthManager;
+class GitHubOAuthCoordinator;
+class GitTokenRefresher;
+class SecurityEventLogger;
+class TaskQueue;
 
 class VelkoApp {
 public:
     struct Options {
         // Where config.json lives; empty means $XDG_DATA_HOME/velko.
         std::optional<std::string> storageDirectory;
+        // --- GitHub account: the host's platform pieces ---
+        // The token store; none: nothing can be kept, the account stays disconnected.
+        std::shared_ptr<KeychainStore> keychain;
+        // Sign-in sessions in the browser; none: a session that never starts.
+        std::shared_ptr<OAuthSessionFactory> oauthSessions;
+        // HTTP to GitHub; none: no sign-in and no refresh.
+        std::shared_ptr<HttpRequesting> http;
+        // Where Config.json (the OAuth client's settings) is; none: the environment only.
+        std::optional<std::string> resourceDirectory;
     };
 
     explicit VelkoApp(Options options = {});
@@ -65,6 +83,14 @@ private:
     std::shared_ptr<ProjectStoring> m_projectStore;
     std::shared_ptr<TerminalMessageHandling> m_terminalMessages;
     std::shared_ptr<GitOperating> m_gitOperations;
+    // --- GitHub account ---
+    std::shared_ptr<GitAuthManager> m_authManager;
+    std::shared_ptr<SecurityEventLogger> m_securityLogger;
+    std::shared_ptr<EventDispatching> m_gitEventSink;
+    std::shared_ptr<TaskQueue> m_refreshQueue;
+    std::shared_ptr<TaskQueue> m_oauthQueue;
+    std::shared_ptr<GitTokenRefresher> m_tokenRefresher;
+    std::shared_ptr<GitHubOAuthCoordinator> m_oauthCoordinator;
     // --- desktop ---
     std::shared_ptr<InputCommandCenter> m_commandCenter;
     std::shared_ptr<GestureBridge> m_gestureBridge;

@@ -41,6 +41,12 @@ class TerminalMessageHandling;
 class GitOperating;
 class ExplorerMonitoring;
 class ProjectFileAccessing;
+class GitAuthManager;
+class GitHubOAuthCoordinator;
+class GitTokenRefresher;
+class SecurityEventLogging;
+struct OAuthTokenRecord;
+enum class OAuthError;
 
 // The fixed pieces of the injected script; the page's one convention with us.
 extern const char* const kEventScriptPrefix;
@@ -89,7 +95,20 @@ public:
     // --- configuration snapshot (main thread) ---
     void updateConfigSnapshot(const AppConfig& config);
     static OrderedJson configSnapshotPayload(const AppConfig& config);
+
+    // --- GitHub account (WebBridgeOAuth.cpp; main thread) ---
+    // The status of the stored token, if any.
     void dispatchOAuthStatus();
+    // "connected" with the record, else "disconnected" with only `reason`.
+    void dispatchOAuthStatus(const OAuthTokenRecord* record, bool refreshed, std::optional<std::string> reason);
+    static OrderedJson oauthStatusPayload(const OAuthTokenRecord* record, bool refreshed,
+                                          const std::optional<std::string>& reason);
+    void setAuthManager(std::shared_ptr<GitAuthManager> manager);
+    void setSecurityLogger(std::shared_ptr<SecurityEventLogging> logger);
+    // Keeps both, becomes the delegate of both, and sends the status once more.
+    void attach(std::shared_ptr<GitHubOAuthCoordinator> coordinator, std::shared_ptr<GitTokenRefresher> refresher);
+    // The git engine's word that the server refused the token (any thread).
+    void gitServiceDidUpdateOAuthStatus(const OrderedJson& payload);
 
     // --- collaborators, assigned by the composition root ---
     void setProjectStore(std::weak_ptr<ProjectStoring> store) { m_projectStore = std::move(store); }
@@ -163,6 +182,13 @@ private:
     void handleOAuthStart(std::string_view, const Json*);
     void handleOAuthLogout(std::string_view, const Json*);
     void handleOAuthRequestStatus(std::string_view, const Json*);
+    class OAuthDelegate;
+    friend class OAuthDelegate;
+    void oauthDidComplete(const OAuthTokenRecord& record);
+    void oauthDidFail(OAuthError error);
+    void tokenDidRefresh(const OAuthTokenRecord& record);
+    void tokenRefreshDidFail(OAuthError error);
+    std::optional<std::string> storedLogin();
 
     // --- preview tabs, dashboard, analytics (WebBridgePreview.cpp) ---
     void handlePreviewTabsPersist(std::string_view, const Json* payload);
@@ -190,6 +216,11 @@ private:
     std::shared_ptr<ExplorerMonitoring> m_explorer;
     std::optional<Uuid> m_monitoredExplorerProjectID;
     EventObserver m_eventObserver;
+    std::shared_ptr<GitAuthManager> m_authManager;
+    std::shared_ptr<GitHubOAuthCoordinator> m_oauthCoordinator;
+    std::shared_ptr<GitTokenRefresher> m_tokenRefresher;
+    std::shared_ptr<SecurityEventLogging> m_securityLogger;
+    std::shared_ptr<OAuthDelegate> m_oauthDelegate;
 };
 
 }  // namespace velko

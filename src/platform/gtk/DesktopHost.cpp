@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -15,8 +16,11 @@
 #include "core/Log.h"
 #include "core/MainQueue.h"
 #include "core/Paths.h"
-#include "platform/gtk/DesktopWindow.h"
+#include "platform/BrowserOAuthSessionFactory.h"
 #include "platform/IBusInputSources.h"
+#include "platform/SecretServiceKeychainStore.h"
+#include "platform/gtk/DesktopWindow.h"
+#include "platform/http/CurlHttpClient.h"
 #include "shell/AppBundleSchemeHandler.h"
 #include "shell/InputCommandCenter.h"
 #include "shell/VelkoApp.h"
@@ -32,6 +36,8 @@ const Logger kLog("app.velko", "app");
 struct DesktopState {
     GtkApplication* application = nullptr;
     std::vector<std::string> pickFolders;
+    std::shared_ptr<CurlHttpClient> http;
+    std::shared_ptr<BrowserOAuthSessionFactory> oauthSessions;
     std::unique_ptr<VelkoApp> app;
     std::unique_ptr<DesktopWindow> window;
     bool quitting = false;
@@ -45,6 +51,8 @@ void beginQuit(DesktopState* state) {
     if (state->quitting) return;
     state->quitting = true;
     if (state->window) gtk_widget_set_visible(state->window->window(), FALSE);
+    // A sign-in or refresh waiting on the network ends now.
+    if (state->http) state->http->cancelAll();
     if (!state->app) {
         g_application_quit(G_APPLICATION(state->application));
         return;
@@ -177,7 +185,15 @@ int runDesktop(int argc, char** argv) {
                                                             (*resources + "/icons").c_str());
                          }
                          gtk_window_set_default_icon_name("velko");
-                         s->app = std::make_unique<VelkoApp>();
+                         VelkoApp::Options options;
+                         options.keychain = std::make_shared<SecretServiceKeychainStore>();
+                         s->http = std::make_shared<CurlHttpClient>();
+                         options.http = s->http;
+                         s->oauthSessions = std::make_shared<BrowserOAuthSessionFactory>(
+                             BrowserOAuthSessionFactory::Options{.receivesLinks = true, .openURL = {}});
+                         options.oauthSessions = s->oauthSessions;
+                         options.resourceDirectory = resourceDirectory();
+                         s->app = std::make_unique<VelkoApp>(std::move(options));
                          s->app->setInputSources(connectIBusInputSources());
                          buildMenus(GTK_APPLICATION(app), s);
                      }),
@@ -188,13 +204,20 @@ int runDesktop(int argc, char** argv) {
                      &state);
     g_signal_connect(application, "open",
                      G_CALLBACK(+[](GApplication* app, GFile** files, gint count, gchar*, gpointer data) {
-                         // velko:// links (the sign-in redirect) bring the window forward.
+                         // velko:// links (the sign-in redirect, also forwarded by a
+                         // second `velko velko://…`) go to the sign-in and bring the
+                         // window forward. The link itself is never logged: it holds the code.
+                         auto* s = static_cast<DesktopState*>(data);
                          for (gint i = 0; i < count; ++i) {
                              char* uri = g_file_get_uri(files[i]);
-                             kLog.info(std::string("opened with ") + (g_str_has_prefix(uri, "velko:") ? "a velko link" : "a file"));
+                             bool link = g_str_has_prefix(uri, "velko:");
+                             bool taken = link && s->oauthSessions && s->oauthSessions->deliverRedirect(uri);
+                             kLog.info(std::string("opened with ") +
+                                       (taken ? "the sign-in redirect" : link ? "a velko link" : "a file"));
+                             explicit_bzero(uri, strlen(uri));
                              g_free(uri);
                          }
-                         showWindow(GTK_APPLICATION(app), static_cast<DesktopState*>(data));
+                         showWindow(GTK_APPLICATION(app), s);
                      }),
                      &state);
     g_signal_connect(application, "shutdown", G_CALLBACK(+[](GApplication*, gpointer data) {
@@ -205,6 +228,7 @@ int runDesktop(int argc, char** argv) {
 
     int status = g_application_run(G_APPLICATION(application), static_cast<int>(arguments.size() - 1), arguments.data());
     state.window.reset();
+    if (state.http) state.http->cancelAll();
     state.app.reset();
     g_object_unref(application);
     return status;
