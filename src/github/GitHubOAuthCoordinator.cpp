@@ -189,17 +189,21 @@ Status<OAuthError> GitHubOAuthCoordinator::handleCallback(const std::string& url
         report(OAuthError::missingCode);
         return fail(OAuthError::missingCode);
     }
-    std::weak_ptr<GitHubOAuthCoordinator> weak = weak_from_this();
-    m_collaborators.worker->post([weak, code = std::move(*code), verifier = std::move(verifier)]() mutable {
-        if (auto self = weak.lock()) self->exchange(std::move(code), std::move(verifier));
+    m_collaborators.worker->post([weak = weak_from_this(), client = m_collaborators.httpClient,
+                                  authManager = m_collaborators.authManager, clock = m_collaborators.clock,
+                                  code = std::move(*code), verifier = std::move(verifier)]() mutable {
+        exchange(std::move(weak), std::move(client), std::move(authManager), std::move(clock), std::move(code),
+                 std::move(verifier));
     });
     return Ok{};
 }
 
 // Worker queue. The outcome is reported once, on the main thread: the
 // redirect's completion has long returned by now.
-void GitHubOAuthCoordinator::exchange(SecretText code, SecretText verifier) {
-    std::weak_ptr<GitHubOAuthCoordinator> weak = weak_from_this();
+void GitHubOAuthCoordinator::exchange(std::weak_ptr<GitHubOAuthCoordinator> weak,
+                                      std::shared_ptr<GitHubOAuthHTTPClient> client,
+                                      std::shared_ptr<GitAuthManager> authManager, OAuthClock clock, SecretText code,
+                                      SecretText verifier) {
     auto finish = [weak](std::optional<OAuthTokenRecord> record, std::optional<OAuthError> error) {
         runOnMainWeak(weak, [record = std::move(record), error](GitHubOAuthCoordinator& self) {
             if (error) return self.report(*error);
@@ -209,17 +213,17 @@ void GitHubOAuthCoordinator::exchange(SecretText code, SecretText verifier) {
             if (auto delegate = self.m_delegate.lock()) delegate->gitHubOAuthCoordinatorDidComplete(*record);
         });
     };
-    auto tokens = m_collaborators.httpClient->exchangeCode(code, verifier);
+    auto tokens = client->exchangeCode(code, verifier);
     if (!tokens) return finish(std::nullopt, tokens.error());
-    OAuthTokenRecord record = OAuthTokenRecord::from(tokens.value(), m_collaborators.clock());
+    OAuthTokenRecord record = OAuthTokenRecord::from(tokens.value(), clock());
     // Without the user the sign-in still counts, just without a name to show.
-    if (auto user = m_collaborators.httpClient->fetchUser(record.accessToken)) {
+    if (auto user = client->fetchUser(record.accessToken)) {
         record.accountLogin = user->login;
         record.accountAvatarURL = user->avatarUrl;
     } else {
         kLog.notice(std::string("the user could not be read: ") + std::string(oauthErrorName(user.error())));
     }
-    auto saved = m_collaborators.authManager->save(record);
+    auto saved = authManager->save(record);
     if (!saved) return finish(std::nullopt, saved.error());
     finish(std::move(record), std::nullopt);
 }

@@ -74,7 +74,11 @@ private:
     void beginSession(uint64_t generation);
     // The checks made on the main thread; on success the exchange is posted.
     Status<OAuthError> handleCallback(const std::string& url);
-    void exchange(SecretText code, SecretText verifier);
+    // On the worker, holding what it calls but never the coordinator (or the
+    // worker queue), which are released on the main thread only.
+    static void exchange(std::weak_ptr<GitHubOAuthCoordinator> weak, std::shared_ptr<GitHubOAuthHTTPClient> client,
+                         std::shared_ptr<GitAuthManager> authManager, OAuthClock clock, SecretText code,
+                         SecretText verifier);
     void clearPending();
     void report(OAuthError error);
 

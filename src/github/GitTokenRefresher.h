@@ -28,15 +28,17 @@ public:
     virtual void cancel() = 0;
 };
 
-// Repeats on a task queue (a serial queue in the program, a manual one in tests).
+// Repeats on a task queue (a serial queue in the program, a manual one in
+// tests). The queue's owner keeps it: once it is gone, nothing repeats, and
+// no tick can end up releasing the queue on its own thread.
 class QueueRefreshScheduler final : public RefreshScheduling {
 public:
-    explicit QueueRefreshScheduler(std::shared_ptr<TaskQueue> queue) : m_queue(std::move(queue)) {}
+    explicit QueueRefreshScheduler(std::weak_ptr<TaskQueue> queue) : m_queue(std::move(queue)) {}
     void scheduleRepeating(Duration interval, Task handler) override;
     void cancel() override { ++*m_generation; }
 
 private:
-    std::shared_ptr<TaskQueue> m_queue;
+    std::weak_ptr<TaskQueue> m_queue;
     std::shared_ptr<std::atomic<uint64_t>> m_generation = std::make_shared<std::atomic<uint64_t>>(0);
 };
 
