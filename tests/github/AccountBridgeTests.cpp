@@ -35,13 +35,10 @@ TEST(AccountStatus, PayloadsNameTheAccountAndAnExpiryOnlyWhenThereIsOne) {
         const char* json;
     };
     const Case cases[] = {
-        {&withLogin, false, {},
-         R"({"status":"connected","account":{"login":"octo","avatarUrl":"https://avatars/octo"},"expiresAt":"2026-03-01T18:00:00.000Z"})"},
         {&withLogin, true, {},
          R"({"status":"connected","account":{"login":"octo","avatarUrl":"https://avatars/octo"},"expiresAt":"2026-03-01T18:00:00.000Z","refreshed":true})"},
         {&noExpiry, false, {}, R"({"status":"connected"})"},
         {nullptr, false, "userLogout", R"({"status":"disconnected","reason":"userLogout"})"},
-        {nullptr, false, {}, R"({"status":"disconnected"})"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.json);

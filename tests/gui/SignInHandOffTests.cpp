@@ -16,16 +16,6 @@ using namespace velko::test;
 
 namespace {
 
-const char* const kBrowser = R"PY(#!/usr/bin/env python3
-import http.client, subprocess, sys, urllib.parse
-url = urllib.parse.urlsplit(sys.argv[1])
-connection = http.client.HTTPConnection(url.hostname, url.port, timeout=20)
-connection.request("GET", url.path + ("?" + url.query if url.query else ""))
-answer = connection.getresponse()
-if 300 <= answer.status < 400 and answer.getheader("Location"):
-    subprocess.run(["gio", "open", answer.getheader("Location")])
-)PY";
-
 // The running processes whose program is `path`.
 size_t processesOf(const std::string& path) {
     size_t count = 0;
@@ -55,8 +45,7 @@ TEST(SignInHandOff, ASecondVelkoForwardsTheRedirectToTheFirstAndExits) {
     IsolatedHome home;
     VELKO_IN_PRIVATE_KEYRING();
     TempDir base;
-    const std::string data = home.home() + "/data", config = home.home() + "/config";
-    ScopedEnv configHome("XDG_CONFIG_HOME", config);
+    ScopedEnv configHome("XDG_CONFIG_HOME", home.home() + "/config");
 
     // The program as installed: velko with the sign-in page beside it.
     std::string program = base.file("velko");
@@ -65,20 +54,8 @@ TEST(SignInHandOff, ASecondVelkoForwardsTheRedirectToTheFirstAndExits) {
     std::filesystem::create_directory_symlink(std::string(std::getenv("VELKO_SOURCE_DIR")) + "/tests/gui/resources-signin",
                                               base.file("resources"));
 
-    // The test's browser for http, and this velko for velko:// links.
-    std::string browser = base.write("browser.py", kBrowser);
-    chmod(browser.c_str(), 0755);
-    createDirectories(data + "/applications");
-    createDirectories(config);
-    writeFileAtomically(data + "/applications/velko-test-browser.desktop",
-                        "[Desktop Entry]\nType=Application\nName=Test Browser\nExec=" + browser +
-                            " %u\nMimeType=x-scheme-handler/http;\n");
-    writeFileAtomically(data + "/applications/velko-test.desktop",
-                        "[Desktop Entry]\nType=Application\nName=velko\nExec=" + program +
-                            " %U\nMimeType=x-scheme-handler/velko;\n");
-    writeFileAtomically(config + "/mimeapps.list",
-                        "[Default Applications]\nx-scheme-handler/http=velko-test-browser.desktop\n"
-                        "x-scheme-handler/velko=velko-test.desktop\n");
+    // The test's browser, and this velko for velko:// links.
+    installTestBrowser(base, {{"velko", program}});
 
     FakeGitHub github(base, base.path());
     ASSERT_GT(github.port, 0);
@@ -95,15 +72,7 @@ TEST(SignInHandOff, ASecondVelkoForwardsTheRedirectToTheFirstAndExits) {
     // The second one, started by the link, forwarded it and is gone; the first runs on.
     EXPECT_TRUE(waitUntil([&] { return processesOf(program) == 1; }));
 
-    int fds[2];
-    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
-    waitChild(spawnChild({"secret-tool", "search", "--all", "service", "app.velko.github.oauth"}, fds[1]));
-    close(fds[1]);
-    std::string found;
-    char buffer[4096];
-    for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) > 0;) found.append(buffer, static_cast<size_t>(n));
-    close(fds[0]);
-    EXPECT_NE(found.find("label = "), std::string::npos) << "no token stored";
+    EXPECT_EQ(keyringItems("app.velko.github.oauth"), 1u) << "no token stored";
 
     kill(first, SIGTERM);
     EXPECT_EQ(waitChild(first), 0);

@@ -10,28 +10,7 @@
 using namespace velko;
 using namespace velko::test;
 
-namespace {
-
 const char* const kService = "app.velko.test";
-
-// The items `secret-tool` finds for the service (one "label = …" line each on
-// its standard output; the attributes go to its standard error).
-size_t itemsFound(const char* service) {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) return 0;
-    pid_t pid = spawnChild({"secret-tool", "search", "--all", "service", service}, fds[1]);
-    close(fds[1]);
-    std::string out;
-    char buffer[4096];
-    for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) > 0;) out.append(buffer, static_cast<size_t>(n));
-    close(fds[0]);
-    waitChild(pid);
-    size_t count = 0;
-    for (size_t at = 0; (at = out.find("\nlabel = ", at)) != std::string::npos; ++at) ++count;
-    return count;
-}
-
-}  // namespace
 
 TEST(SecretServiceKeychain, KeepsOneItemReadsItBackRemovesItAndRefusesWhileLocked) {
     IsolatedHome home;
@@ -40,12 +19,12 @@ TEST(SecretServiceKeychain, KeepsOneItemReadsItBackRemovesItAndRefusesWhileLocke
     ASSERT_TRUE(store.checkAvailable());
     ASSERT_TRUE(store.save(SecretText("first"), kService, "default"));
     ASSERT_TRUE(store.save(SecretText("second"), kService, "default"));
-    EXPECT_EQ(itemsFound(kService), 1u);
+    EXPECT_EQ(keyringItems(kService), 1u);
     EXPECT_EQ(SecretServiceKeychainStore().load(kService, "default").value_or(SecretText()).str(), "second");
     EXPECT_FALSE(store.load(kService, "other"));
     store.remove(kService, "default");
     EXPECT_FALSE(store.load(kService, "default"));
-    EXPECT_EQ(itemsFound(kService), 0u);
+    EXPECT_EQ(keyringItems(kService), 0u);
 
     // A locked keyring whose unlock nobody can answer (no display for the prompt).
     ASSERT_TRUE(store.save(SecretText("kept"), kService, "default"));

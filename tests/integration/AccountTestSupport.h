@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include <fstream>
+
 #include "support/TestSupport.h"
 
 extern char** environ;
@@ -43,6 +45,60 @@ inline int waitChild(pid_t pid) {
     int status = 0;
     if (pid <= 0 || waitpid(pid, &status, 0) != pid) return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// What `argv` writes on its standard output.
+inline std::string outputOf(std::vector<std::string> argv) {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) return {};
+    pid_t pid = spawnChild(std::move(argv), fds[1]);
+    close(fds[1]);
+    std::string out;
+    char buffer[4096];
+    for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) > 0;) out.append(buffer, static_cast<size_t>(n));
+    close(fds[0]);
+    waitChild(pid);
+    return out;
+}
+
+// The Secret Service items of `service`, as `secret-tool` counts them (one
+// "label = …" line each on its standard output).
+inline size_t keyringItems(const std::string& service) {
+    std::string out = outputOf({"secret-tool", "search", "--all", "service", service});
+    size_t count = 0;
+    for (size_t at = 0; (at = out.find("\nlabel = ", at)) != std::string::npos; ++at) ++count;
+    return count;
+}
+
+// The test's own default browser, in $XDG_DATA_HOME and $XDG_CONFIG_HOME: it
+// fetches the URL and hands a redirect's Location to `gio open`, as a browser
+// hands a link of another scheme to its handler. `handlers` adds desktop
+// files for other schemes (scheme, command).
+inline void installTestBrowser(const TempDir& dir, const std::vector<std::pair<std::string, std::string>>& handlers = {}) {
+    std::string browser = dir.write("browser.py", R"PY(#!/usr/bin/env python3
+import http.client, subprocess, sys, urllib.parse
+url = urllib.parse.urlsplit(sys.argv[1])
+connection = http.client.HTTPConnection(url.hostname, url.port, timeout=20)
+connection.request("GET", url.path + ("?" + url.query if url.query else ""))
+answer = connection.getresponse()
+if 300 <= answer.status < 400 and answer.getheader("Location"):
+    subprocess.run(["gio", "open", answer.getheader("Location")])
+)PY");
+    std::filesystem::permissions(browser, std::filesystem::perms::owner_all);
+    std::string apps = std::string(std::getenv("XDG_DATA_HOME")) + "/applications";
+    std::string config = std::getenv("XDG_CONFIG_HOME");
+    std::filesystem::create_directories(apps);
+    std::filesystem::create_directories(config);
+    std::string defaults = "[Default Applications]\n";
+    std::vector<std::pair<std::string, std::string>> all{{"http", browser}, {"https", browser}};
+    all.insert(all.end(), handlers.begin(), handlers.end());
+    for (const auto& [scheme, command] : all) {
+        std::string name = "velko-test-" + scheme + ".desktop";
+        std::ofstream(apps + "/" + name) << "[Desktop Entry]\nType=Application\nName=" + scheme + "\nExec=" + command +
+                                                " %u\nMimeType=x-scheme-handler/" + scheme + ";\n";
+        defaults += "x-scheme-handler/" + scheme + "=" + name + "\n";
+    }
+    std::ofstream(config + "/mimeapps.list") << defaults;
 }
 
 inline bool insidePrivateKeyring() { return std::getenv("VELKO_TEST_KEYRING") != nullptr; }
