@@ -14,7 +14,7 @@ packages=(
   # The account's tests: the fake GitHub (python3), its TLS certificate
   # (openssl) and the test browser's hand-off (gio, from libglib2.0-bin).
   python3 openssl libglib2.0-bin
-  chromium
+  chromium locales
 )
 
 missing=()
@@ -34,4 +34,18 @@ if [ ${#missing[@]} -gt 0 ]; then
   [ "$(id -u)" -eq 0 ] || SUDO="sudo"
   $SUDO apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi
+
+# The git tests read git's messages under a German locale (velko must classify
+# them the same in any language): generate de_DE.UTF-8 once.
+if ! locale -a 2>/dev/null | grep -qix 'de_DE.utf8'; then
+  echo "velko: generating the de_DE.UTF-8 locale"
+  SUDO=""
+  [ "$(id -u)" -eq 0 ] || SUDO="sudo"
+  if grep -q '^# *de_DE.UTF-8 UTF-8' /etc/locale.gen; then
+    $SUDO sed -i 's/^# *de_DE.UTF-8 UTF-8/de_DE.UTF-8 UTF-8/' /etc/locale.gen
+  elif ! grep -q '^de_DE.UTF-8 UTF-8' /etc/locale.gen; then
+    echo 'de_DE.UTF-8 UTF-8' | $SUDO tee -a /etc/locale.gen >/dev/null
+  fi
+  $SUDO locale-gen >/dev/null
 fi

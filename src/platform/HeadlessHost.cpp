@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <functional>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -17,7 +17,6 @@
 #include "github/GitAuthManager.h"
 #include "platform/BrowserOAuthSessionFactory.h"
 #include "platform/SecretServiceKeychainStore.h"
-#include "platform/http/CurlHttpClient.h"
 #include "shell/AppBundleSchemeHandler.h"
 #include "shell/VelkoApp.h"
 #include "shell/WebBridge.h"
@@ -27,6 +26,11 @@ namespace velko {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+// After end of input: quit once no event went out for this long and the
+// shutdown finished, and at the latest after the deadline.
+constexpr auto kQuietPeriod = std::chrono::milliseconds(300);
+constexpr auto kExitDeadline = std::chrono::seconds(5);
 
 // Writes each event's envelope as one line on standard output. A reader that
 // is slow holds the main thread back, just as a busy page would.
@@ -146,8 +150,6 @@ int runHeadless(const HeadlessOptions& options) {
     } else {
         appOptions.keychain = std::make_shared<SecretServiceKeychainStore>();
     }
-    auto http = std::make_shared<CurlHttpClient>();
-    appOptions.http = http;
     // No links reach a headless program: sign-in needs a loopback redirect.
     appOptions.oauthSessions = std::make_shared<BrowserOAuthSessionFactory>(BrowserOAuthSessionFactory::Options{});
     if (auto exe = executablePath()) appOptions.resourceDirectory = locateResourceDirectory(*exe);
@@ -165,9 +167,28 @@ int runHeadless(const HeadlessOptions& options) {
     app->bridge().notifyWebViewDidFinishNavigation();
     app->contentDidAppear();
 
-    std::atomic<bool> inputEnded{false};
+    // At end of input: end the sessions and let queued work finish, then wait
+    // for the events to go quiet (work in flight answers). Nothing is polled
+    // before that: a program that runs for hours has no timer of ours.
+    bool drained = false;
+    Clock::time_point endOfInput{};
+    std::function<void()> quitWhenQuiet = [&] {
+        const auto now = Clock::now();
+        const bool quiet = now - webView->lastEvent > kQuietPeriod;
+        if ((drained && quiet) || now - endOfInput > kExitDeadline) {
+            g_main_loop_quit(loop);
+            return;
+        }
+        mainQueue().postDelayed(std::chrono::milliseconds(50), quitWhenQuiet);
+    };
+    auto endOfInputReached = [&] {
+        endOfInput = Clock::now();
+        app->shutdown([&drained] { drained = true; });
+        quitWhenQuiet();
+    };
+
     std::weak_ptr<WebBridge> weakBridge = app->bridgePtr();
-    std::thread reader([weakBridge, &inputEnded] {
+    std::thread reader([weakBridge, &endOfInputReached] {
         std::string buffer;
         char chunk[65536];
         for (;;) {
@@ -192,37 +213,12 @@ int runHeadless(const HeadlessOptions& options) {
                 if (auto bridge = weakBridge.lock()) bridge->handleMessageText(line);
             });
         }
-        mainQueue().post([&inputEnded] { inputEnded = true; });
+        // The main loop runs until this task has run, so the reference stays good.
+        mainQueue().post([&endOfInputReached] { endOfInputReached(); });
     });
-
-    // After the end of input: let queued work finish, then wait for the events to
-    // go quiet (work in flight answers), at most a few seconds.
-    bool shuttingDown = false;
-    bool drained = false;
-    Clock::time_point endOfInput{};
-    std::function<void()> poll;
-    poll = [&] {
-        if (inputEnded && !shuttingDown) {
-            shuttingDown = true;
-            endOfInput = Clock::now();
-            app->shutdown([&drained] { drained = true; });
-        }
-        if (shuttingDown) {
-            auto now = Clock::now();
-            bool quiet = now - webView->lastEvent > std::chrono::milliseconds(300);
-            if ((drained && quiet) || now - endOfInput > std::chrono::seconds(5)) {
-                g_main_loop_quit(loop);
-                return;
-            }
-        }
-        mainQueue().postDelayed(std::chrono::milliseconds(50), poll);
-    };
-    mainQueue().postDelayed(std::chrono::milliseconds(50), poll);
 
     g_main_loop_run(loop);
     reader.join();
-    // A sign-in or refresh still waiting on the network ends now.
-    http->cancelAll();
     app.reset();
     g_main_loop_unref(loop);
     return 0;

@@ -89,7 +89,7 @@ public:
 
     void setDelegate(std::weak_ptr<GestureBridgeDelegate> delegate) { m_delegate = std::move(delegate); }
     void attach(const std::shared_ptr<GestureViewing>& view);
-    void detach();
+    void stopMonitoring();
 
     void handleMagnify(const MagnifyEvent& event);
 

@@ -8,9 +8,6 @@ namespace velko::shell_messages {
 inline constexpr const char* kResumeConfigUnavailable = "設定を読み込めませんでした";
 inline constexpr const char* kResumeNoProjects = "復元できるプロジェクトが見つかりません";
 
-// "project/file/error" for a project that is unknown or whose folder is gone.
-inline constexpr const char* kMissingProjectRoot = "プロジェクトのルートが見つかりませんでした";
-
 // "github/oauth/error" while no OAuth client is configured.
 inline constexpr const char* kOAuthNotConfigured = "GitHub サインインが設定されていません (OAuth クライアント ID がありません)";
 

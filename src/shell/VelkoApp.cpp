@@ -2,7 +2,9 @@
 
 #include "core/Paths.h"
 #include "core/SerialQueue.h"
+#include "core/Log.h"
 #include "core/TaskQueue.h"
+#include "dashboard/DashboardController.h"
 #include "files/ExplorerService.h"
 #include "git/GitService.h"
 #include "github/GitAuthManager.h"
@@ -10,6 +12,7 @@
 #include "github/GitHubOAuthEnvironment.h"
 #include "github/GitTokenRefresher.h"
 #include "input/NativeTerminalInput.h"
+#include "platform/http/CurlHttpClient.h"
 #include "shell/ContentView.h"
 #include "shell/GestureBridge.h"
 #include "shell/InputCommandCenter.h"
@@ -19,11 +22,10 @@
 #include "terminal/CodexShimInstaller.h"
 #include "terminal/TerminalCoordinator.h"
 #include "terminal/TerminalDebugDumpStore.h"
-#include "terminal/TerminalProcess.h"
+#include "terminal/TerminalReaper.h"
 #include "terminal/TerminalService.h"
 #include "workspace/ConfigStore.h"
 
-#include <thread>
 
 namespace velko {
 
@@ -33,6 +35,32 @@ std::string hostWithoutPort(const std::string& hostPort) {
     if (!hostPort.empty() && hostPort.front() == '[') return hostPort.substr(0, hostPort.find(']') + 1);
     return hostPort.substr(0, hostPort.find(':'));
 }
+// How long queued git work may still run once quitting has begun.
+constexpr auto kGitPatience = std::chrono::seconds(1);
+
+// Analytics for the dashboard until the telemetry logger is wired here: the
+// same line, "event=NAME properties=k=v, …" with the pairs sorted.
+class DashboardLogLineAnalytics final : public AnalyticsLogging {
+public:
+    void log(std::string_view event, const AnalyticsProperties& properties) override {
+        std::vector<std::string> pairs;
+        for (const auto& [key, value] : properties) {
+            std::string text;
+            if (auto b = std::get_if<bool>(&value)) text = *b ? "true" : "false";
+            else if (auto i = std::get_if<int64_t>(&value)) text = std::to_string(*i);
+            else if (auto d = std::get_if<double>(&value)) text = dumpJson(OrderedJson(*d));
+            else text = std::get<std::string>(value);
+            pairs.push_back(key + "=" + text);
+        }
+        std::sort(pairs.begin(), pairs.end());
+        std::string line = "event=" + std::string(event);
+        for (size_t i = 0; i < pairs.size(); ++i) line += (i == 0 ? " properties=" : ", ") + pairs[i];
+        m_logger.info(line);
+    }
+
+private:
+    Logger m_logger{"app.velko.analytics", "events"};
+};
 }  // namespace
 
 VelkoApp::VelkoApp(Options options) {
@@ -64,6 +92,8 @@ VelkoApp::VelkoApp(Options options) {
         TerminalCoordinator::Options terminalOptions;
         terminalOptions.logger = TerminalLogger::create();
         terminalOptions.dumpStore = TerminalDebugDumpStore::create();
+        m_terminalReaper = std::make_shared<TerminalReaper>();
+        terminalOptions.reaper = m_terminalReaper;
         auto coordinator = std::make_shared<TerminalCoordinator>(std::move(terminalOptions));
         m_terminalService =
             TerminalService::create(m_configStore, coordinator, std::make_shared<CodexShimInstaller>());
@@ -78,7 +108,8 @@ VelkoApp::VelkoApp(Options options) {
     {
         GitService::Dependencies git;
         git.configProvider = m_configStore;
-        git.authProvider = m_authManager;
+        m_gitAuth = m_authManager;
+        git.authProvider = m_gitAuth;
         git.credentialBroker = std::make_shared<GitCredentialBroker>();
         git.processRunner = std::make_shared<ProcessGitProcessRunner>();
         git.gitHubWebHost = hostWithoutPort(endpoints.webHost());
@@ -92,19 +123,43 @@ VelkoApp::VelkoApp(Options options) {
     m_projectStore = makeProjectStoring(m_configStore);
     m_bridge->setProjectStore(m_projectStore);
 
+    // --- dashboard: languages over the shared HTTP client and token, metrics, controller ---
+    {
+        m_http = std::make_shared<CurlHttpClient>();
+        auto runner = std::make_shared<ProcessGitProcessRunner>();
+        auto languages = std::make_shared<DashboardLanguagesProvider>(DashboardLanguagesProvider::Dependencies{
+            .authProvider = m_gitAuth,
+            .processRunner = runner,
+            .session = m_http,
+            .endpoints = endpoints,
+            .homePath = homeDirectory(),
+        });
+        m_dashboardAnalytics = std::make_shared<DashboardLogLineAnalytics>();
+        DashboardMetricsService::Dependencies metrics;
+        metrics.projectProvider = makeDashboardProjectProvider(m_configStore);
+        metrics.languagesProvider = languages;
+        metrics.processRunner = runner;
+        metrics.analyticsLogger = m_dashboardAnalytics;
+        metrics.homePath = homeDirectory();
+        m_dashboardMetrics = std::make_shared<DashboardMetricsService>(std::move(metrics));
+        m_dashboardController =
+            std::make_shared<DashboardController>(m_dashboardMetrics, m_bridge, m_dashboardAnalytics);
+        m_bridge->setDashboardController(m_dashboardController);
+    }
+
     // --- GitHub account: status, security log, sign-in and refresh ---
     {
         m_bridge->setAuthManager(m_authManager);
         m_bridge->dispatchOAuthStatus();
         m_securityLogger = SecurityEventLogger::create();
         m_bridge->setSecurityLogger(m_securityLogger);
-        // Without a client id, or without HTTP, the account has no sign-in:
-        // the status still follows the stored token.
+        // Without a client id the account has no sign-in: the status still
+        // follows the stored token.
         auto environment = GitHubOAuthEnvironment::fromProcess(options.resourceDirectory);
-        if (environment && options.http) {
+        if (environment) {
             HttpGitHubOAuthClient::Settings settings{endpoints, environment->clientID, environment->clientSecret,
                                                      environment->redirectURI};
-            auto client = std::make_shared<HttpGitHubOAuthClient>(std::move(settings), options.http);
+            auto client = std::make_shared<HttpGitHubOAuthClient>(std::move(settings), m_http);
             m_refreshQueue = std::make_shared<SerialQueue>("app.velko.oauth-refresh");
             m_oauthQueue = std::make_shared<SerialQueue>("app.velko.oauth");
             m_tokenRefresher = std::make_shared<GitTokenRefresher>(
@@ -174,37 +229,69 @@ VelkoApp::~VelkoApp() = default;
 void VelkoApp::contentDidAppear() { m_contentView->bootstrap(); }
 
 void VelkoApp::shutdown(std::function<void()> done) {
-    // --- terminal: end every session ---
-    // Shells get their hang-up now; a helper thread waits (bounded) until the
-    // monitors reaped them, so no zsh outlives the program and the main thread never blocks.
-    if (m_terminalService) m_terminalService->shutdown();
-    done = [done = std::move(done)]() mutable {
-        auto shared = std::make_shared<std::function<void()>>(std::move(done));
-        std::thread([shared] {
-            (void)TerminalProcess::waitForAbandonedChildren(TerminalProcess::kAbandonGracePeriod +
-                                                            std::chrono::seconds(1));
-            mainQueue().post([shared] { (*shared)(); });
-        }).detach();
+    // Two roads run side by side, terminals and git-then-files; `done` follows
+    // the later one, or the deadline: nothing that refuses to end holds the
+    // window, and the destructors end what is still running then.
+    struct Pending {
+        int roads = 2;
+        std::function<void()> done;
+        void finish() {
+            if (!done) return;
+            auto callback = std::move(done);
+            done = nullptr;
+            callback();
+        }
+        void arrive() {
+            if (--roads == 0) finish();
+        }
     };
+    auto pending = std::make_shared<Pending>();
+    pending->done = std::move(done);
+    mainQueue().postDelayed(kShutdownDeadline, [pending] { pending->finish(); });
+    auto arrive = [pending] { runOnMain([pending] { pending->arrive(); }); };
 
-    // --- git: a commit or push in flight finishes before the files step ---
-    if (m_gitService) {
-        auto next = std::move(done);
-        done = [git = std::weak_ptr<GitService>(m_gitService), next = std::move(next)]() mutable {
-            auto service = git.lock();
-            if (!service) return next();
-            service->whenIdle([next = std::move(next)]() mutable { runOnMain(std::move(next)); });
-        };
-    }
+    // A languages request in flight ends now rather than at its time limit.
+    if (m_http) m_http->cancelAll();
+
+    // --- terminal: end every session ---
+    // Shells get their hang-up and SIGTERM now; the reaper kills those still
+    // there after the grace period, so no zsh outlives the program.
+    if (m_terminalService) m_terminalService->shutdown();
+    if (m_terminalReaper) m_terminalReaper->endAll(kShellGracePeriod, arrive);
+    else arrive();
 
     // Work already queued for files finishes first; monitoring ends with it,
     // so no change batch goes out while the program exits.
     std::weak_ptr<WebBridge> bridge = m_bridge;
-    m_bridge->fileQueue().post([bridge, done = std::move(done)]() mutable {
-        runOnMain([bridge, done = std::move(done)] {
-            if (auto self = bridge.lock()) self->stopExplorerMonitoring();
-            done();
+    std::function<void()> files = [bridge, arrive] {
+        auto self = bridge.lock();
+        if (!self) return arrive();
+        self->fileQueue().post([bridge, arrive] {
+            runOnMain([bridge, arrive] {
+                if (auto self = bridge.lock()) self->stopExplorerMonitoring();
+                arrive();
+            });
         });
+    };
+
+    // --- git: queued work gets a moment to answer (a script's last messages),
+    // then the engine stops: what is still queued is dropped and a git that
+    // hangs (a fetch from a silent server) is ended, TERM then KILL; the files
+    // step follows whichever comes first ---
+    if (!m_gitService) return files();
+    auto once = std::make_shared<std::function<void()>>(std::move(files));
+    auto next = [once] {  // main thread only, so a plain flag decides
+        if (!*once) return;
+        auto go = std::move(*once);
+        *once = nullptr;
+        go();
+    };
+    std::weak_ptr<GitService> git = m_gitService;
+    m_gitService->whenIdle([next] { runOnMain(next); });
+    mainQueue().postDelayed(kGitPatience, [git, next] {
+        auto service = git.lock();
+        if (!service) return next();
+        service->stop(GitService::kStopGrace, [next] { runOnMain(next); });
     });
 }
 

@@ -7,6 +7,7 @@
 // is left out: the bridge's reference to it stays empty and its messages do
 // nothing.
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -18,6 +19,7 @@ class WebBridge;
 class ConfigStore;
 class ContentView;
 class TerminalService;
+class TerminalReaper;
 class GitService;
 class ExplorerService;
 class InputCommandCenter;
@@ -32,12 +34,16 @@ class GitOperating;
 class EventDispatching;
 class KeychainStore;
 class OAuthSessionFactory;
-class HttpRequesting;
 class GitAuthManager;
 class GitHubOAuthCoordinator;
 class GitTokenRefresher;
 class SecurityEventLogger;
 class TaskQueue;
+class GitAuthProviding;
+class CurlHttpClient;
+class DashboardMetricsService;
+class DashboardController;
+class AnalyticsLogging;
 
 class VelkoApp {
 public:
@@ -49,8 +55,6 @@ public:
         std::shared_ptr<KeychainStore> keychain;
         // Sign-in sessions in the browser; none: a session that never starts.
         std::shared_ptr<OAuthSessionFactory> oauthSessions;
-        // HTTP to GitHub; none: no sign-in and no refresh.
-        std::shared_ptr<HttpRequesting> http;
         // Where Config.json (the OAuth client's settings) is; none: the environment only.
         std::optional<std::string> resourceDirectory;
     };
@@ -66,19 +70,31 @@ public:
     // The window's content appeared: load the configuration and apply it.
     void contentDidAppear();
     // Ends terminal sessions and waits for queued work; `done` runs on the main
-    // thread when it is safe to exit (at most a few seconds later).
+    // thread when it is safe to exit, or once kShutdownDeadline has passed.
+    // Children still running then are killed by the destructor.
     void shutdown(std::function<void()> done);
+    static constexpr std::chrono::milliseconds kShutdownDeadline{4000};
+    // How long shells get to leave after their hang-up before they are killed.
+    static constexpr std::chrono::milliseconds kShellGracePeriod{2000};
 
 private:
     std::shared_ptr<ConfigStore> m_configStore;
     std::shared_ptr<WebBridge> m_bridge;
     std::shared_ptr<ContentView> m_contentView;
     // --- terminal ---
+    std::shared_ptr<TerminalReaper> m_terminalReaper;
     std::shared_ptr<TerminalService> m_terminalService;
     // --- git ---
     std::shared_ptr<GitService> m_gitService;
     // --- files ---
     std::shared_ptr<ExplorerService> m_explorerService;
+    // --- shared by git, the dashboard and the account ---
+    std::shared_ptr<GitAuthProviding> m_gitAuth;
+    std::shared_ptr<CurlHttpClient> m_http;
+    // --- dashboard ---
+    std::shared_ptr<AnalyticsLogging> m_dashboardAnalytics;
+    std::shared_ptr<DashboardMetricsService> m_dashboardMetrics;
+    std::shared_ptr<DashboardController> m_dashboardController;
     // --- the services as the bridge reaches them; it holds these weakly ---
     std::shared_ptr<ProjectStoring> m_projectStore;
     std::shared_ptr<TerminalMessageHandling> m_terminalMessages;

@@ -30,6 +30,7 @@
 #include "core/EventDispatching.h"
 #include "core/Json.h"
 #include "core/Uuid.h"
+#include "dashboard/DashboardEventEmitting.h"
 #include "shell/WebViewHosting.h"
 #include "workspace/Models.h"
 
@@ -59,7 +60,9 @@ std::string buildEventScript(std::string_view envelopeJson);
 // The envelope JSON back out of a script built above, or nullopt (headless host).
 std::optional<std::string> envelopeFromEventScript(std::string_view script);
 
-class WebBridge final : public EventDispatching, public std::enable_shared_from_this<WebBridge> {
+class WebBridge final : public EventDispatching,
+                        public DashboardEventEmitting,
+                        public std::enable_shared_from_this<WebBridge> {
 public:
     using EventObserver = std::function<void(const std::string& type, const std::string& payloadJson)>;
 
@@ -116,6 +119,14 @@ public:
     void setTerminalService(std::weak_ptr<TerminalMessageHandling> service) { m_terminalService = std::move(service); }
     void setGitService(std::weak_ptr<GitOperating> service) { m_gitService = std::move(service); }
     void setEventObserver(EventObserver observer) { m_eventObserver = std::move(observer); }
+    void setDashboardController(std::weak_ptr<DashboardControlling> controller) {
+        m_dashboardController = std::move(controller);
+    }
+
+    // --- dashboard events (any thread; WebBridgeDashboard.cpp) ---
+    void emitDashboardToggled(bool open) override;
+    void emitDashboardMetrics(const DashboardSnapshot& snapshot) override;
+    void emitDashboardMetricsError(const std::string& message) override;
 
     const std::optional<Uuid>& activeProjectID() const { return m_activeProjectID; }
     void setActiveProjectID(std::optional<Uuid> id) { m_activeProjectID = std::move(id); }
@@ -216,6 +227,7 @@ private:
     std::shared_ptr<ExplorerMonitoring> m_explorer;
     std::optional<Uuid> m_monitoredExplorerProjectID;
     EventObserver m_eventObserver;
+    std::weak_ptr<DashboardControlling> m_dashboardController;
     std::shared_ptr<GitAuthManager> m_authManager;
     std::shared_ptr<GitHubOAuthCoordinator> m_oauthCoordinator;
     std::shared_ptr<GitTokenRefresher> m_tokenRefresher;

@@ -11,6 +11,7 @@
 #include "core/Base64.h"
 #include "core/TaskQueue.h"
 #include "files/ExplorerService.h"
+#include "files/FileMessages.h"
 #include "shell/ExplorerMonitoring.h"
 #include "shell/ProjectFileAccessing.h"
 #include "shell/ProjectStoring.h"
@@ -92,7 +93,7 @@ void WebBridge::handleFileOpen(std::string_view, const Json* payload) {
     runOnMainWeak(weak_from_this(), [id = *projectId, path = std::move(*path), policy](WebBridge& self) {
         auto root = self.projectRootForFiles(id);
         if (!root) {
-            self.dispatchEvent("project/file/error", fileErrorPayload(id, path, shell_messages::kMissingProjectRoot));
+            self.dispatchEvent("project/file/error", fileErrorPayload(id, path, std::string(file_messages::kMissingRoot)));
             return;
         }
         std::weak_ptr<WebBridge> weak = self.weak_from_this();
@@ -136,7 +137,7 @@ void WebBridge::handleFileSave(std::string_view, const Json* payload) {
                                      content = std::move(*content)](WebBridge& self) mutable {
         auto root = self.projectRootForFiles(id);
         if (!root) {
-            self.dispatchEvent("project/file/error", fileErrorPayload(id, path, shell_messages::kMissingProjectRoot));
+            self.dispatchEvent("project/file/error", fileErrorPayload(id, path, std::string(file_messages::kMissingRoot)));
             return;
         }
         std::weak_ptr<WebBridge> weak = self.weak_from_this();
@@ -168,7 +169,7 @@ void WebBridge::handleFileRename(std::string_view, const Json* payload) {
                                      hint](WebBridge& self) {
         auto root = self.projectRootForFiles(id);
         if (!root) {
-            self.dispatchEvent("project/file/error", fileErrorPayload(id, path, shell_messages::kMissingProjectRoot,
+            self.dispatchEvent("project/file/error", fileErrorPayload(id, path, std::string(file_messages::kMissingRoot),
                                                                       "rename_invalid_project"));
             return;
         }

@@ -7,8 +7,6 @@ namespace velko {
 void WebBridge::handlePreviewTabsPersist(std::string_view, const Json*) {}
 void WebBridge::handlePreviewTabsCacheWrite(std::string_view, const Json*) {}
 void WebBridge::handlePreviewTabsLimitReached(std::string_view, const Json*) {}
-void WebBridge::handleDashboardPresent(std::string_view, const Json*) {}
-void WebBridge::handleDashboardDismiss(std::string_view, const Json*) {}
 void WebBridge::handleAnalyticsEvent(std::string_view, const Json*) {}
 void WebBridge::dispatchPreviewTabs(const std::optional<Uuid>&) {}
 

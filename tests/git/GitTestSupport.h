@@ -83,7 +83,7 @@ private:
 
 class FakeBroker final : public GitCredentialBroking {
 public:
-    Result<GitEnvironment, std::string> prepareEnvironment(const std::string& token) override {
+    Result<GitEnvironment, GitCredentialError> prepareEnvironment(const std::string& token) override {
         ++prepared;
         if (failure) return fail(*failure);
         live = true;
@@ -94,7 +94,7 @@ public:
         ++cleanups;
         live = false;
     }
-    std::optional<std::string> failure;
+    std::optional<GitCredentialError> failure;
     int prepared = 0, cleanups = 0;
     bool live = false;
 };

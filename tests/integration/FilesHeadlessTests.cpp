@@ -14,6 +14,7 @@
 
 #include "core/Json.h"
 #include "core/Uuid.h"
+#include "files/SaveLeftovers.h"
 #include "support/HeadlessProcess.h"
 #include "support/TestSupport.h"
 
@@ -178,6 +179,31 @@ TEST(FilesHeadless, AKilledSaveLeavesTheOldOrTheNewContentNeverAPartOfIt) {
     EXPECT_TRUE(sawSave);
     std::string onDisk = test::readFile(project.file("big.txt"));
     EXPECT_TRUE(onDisk == oldContent || onDisk == newContent) << "size after the kill: " << onDisk.size();
+
+    // What the kill left beside the file goes when the project is opened again.
+    project.write("sub/.velko-save-0000ABCD.tmp", "left by an earlier kill");
+    auto leftovers = [&] {
+        std::vector<std::string> found;
+        for (const auto& entry : fs::recursive_directory_iterator(project.path()))
+            if (isSaveLeftoverName(entry.path().filename().string())) found.push_back(entry.path().string());
+        return found;
+    };
+    for (const auto& path : leftovers()) {
+        // Dated back an hour: the new run's start time is only known to the clock tick.
+        timespec old {};
+        clock_gettime(CLOCK_REALTIME, &old);
+        old.tv_sec -= 3600;
+        const timespec times[2] = {old, old};
+        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    }
+    test::HeadlessProcess again({"--pick-folder", project.path()});
+    ASSERT_FALSE(openPickedProject(again).empty());
+    while (!leftovers().empty() && std::chrono::steady_clock::now() < deadline + kDeadline)
+        std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(leftovers(), std::vector<std::string>{});
+    EXPECT_EQ(test::readFile(project.file("big.txt")), onDisk);
+    again.closeInput();
+    EXPECT_EQ(again.finish(), 0);
 }
 
 TEST(FilesHeadless, AHugeFolderListsCompletelyWhileTheMainThreadKeepsAnswering) {

@@ -162,13 +162,13 @@ TEST(GestureBridge, PinchesOverAnotherWindowOrWithoutAWindowAreIgnored) {
     EXPECT_EQ(f.recorder->events.size(), 1u);
 }
 
-TEST(GestureBridge, AttachIsIdempotentAndDetachClearsTheSumButNotTheCooldown) {
+TEST(GestureBridge, AttachIsIdempotentAndStoppingClearsTheSumButNotTheCooldown) {
     Fixture f;
     f.bridge->attach(f.view);
     EXPECT_EQ(f.view->installs, 1);
     f.pinch({{P::Began, 0}, {P::Changed, 0.5}, {P::Ended, 0}});
     f.pinch({{P::Began, 0}, {P::Changed, 0.2}});
-    f.bridge->detach();
+    f.bridge->stopMonitoring();
     EXPECT_EQ(f.view->removals, 1);
     EXPECT_EQ(f.bridge->accumulatedMagnification(), 0);
     f.bridge->attach(f.view);

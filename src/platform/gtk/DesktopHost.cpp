@@ -20,7 +20,6 @@
 #include "platform/IBusInputSources.h"
 #include "platform/SecretServiceKeychainStore.h"
 #include "platform/gtk/DesktopWindow.h"
-#include "platform/http/CurlHttpClient.h"
 #include "shell/AppBundleSchemeHandler.h"
 #include "shell/InputCommandCenter.h"
 #include "shell/VelkoApp.h"
@@ -36,7 +35,6 @@ const Logger kLog("app.velko", "app");
 struct DesktopState {
     GtkApplication* application = nullptr;
     std::vector<std::string> pickFolders;
-    std::shared_ptr<CurlHttpClient> http;
     std::shared_ptr<BrowserOAuthSessionFactory> oauthSessions;
     std::unique_ptr<VelkoApp> app;
     std::unique_ptr<DesktopWindow> window;
@@ -51,8 +49,6 @@ void beginQuit(DesktopState* state) {
     if (state->quitting) return;
     state->quitting = true;
     if (state->window) gtk_widget_set_visible(state->window->window(), FALSE);
-    // A sign-in or refresh waiting on the network ends now.
-    if (state->http) state->http->cancelAll();
     if (!state->app) {
         g_application_quit(G_APPLICATION(state->application));
         return;
@@ -187,8 +183,6 @@ int runDesktop(int argc, char** argv) {
                          gtk_window_set_default_icon_name("velko");
                          VelkoApp::Options options;
                          options.keychain = std::make_shared<SecretServiceKeychainStore>();
-                         s->http = std::make_shared<CurlHttpClient>();
-                         options.http = s->http;
                          s->oauthSessions = std::make_shared<BrowserOAuthSessionFactory>(
                              BrowserOAuthSessionFactory::Options{.receivesLinks = true, .openURL = {}});
                          options.oauthSessions = s->oauthSessions;
@@ -228,7 +222,6 @@ int runDesktop(int argc, char** argv) {
 
     int status = g_application_run(G_APPLICATION(application), static_cast<int>(arguments.size() - 1), arguments.data());
     state.window.reset();
-    if (state.http) state.http->cancelAll();
     state.app.reset();
     g_object_unref(application);
     return status;

@@ -29,6 +29,11 @@ export class FakeNative {
     this.graphFailures = new Map();
     /** Per project id: the whole branch map, cut to the asked limit as the native side does. */
     this.branchMaps = new Map();
+    /** What "github/oauth/status" says after each configuration. */
+    this.oauth = { status: 'disconnected' };
+    /** "dashboard.metrics" as the program writes it, and whether the dashboard is up. */
+    this.dashboardSnapshot = undefined;
+    this.dashboardOpen = false;
   }
 
   attach(page) {
@@ -67,7 +72,7 @@ export class FakeNative {
 
   async sendConfig() {
     await this.send('app/config', this.config());
-    await this.send('github/oauth/status', { signedIn: false });
+    await this.send('github/oauth/status', this.oauth);
   }
 
   /** Waits for a posted message that matches. */
@@ -220,6 +225,19 @@ export class FakeNative {
         }
         return this.send('git/branch-map', { ...map, projectId: payload.projectId, nodes, totalCount: map.nodes.length, truncatedCount: map.nodes.length - nodes.length });
       }
+      case 'dashboard.present':
+        if (!this.dashboardOpen) {
+          this.dashboardOpen = true;
+          await this.send('dashboard.toggled', { open: true });
+        } else if (payload.forceRefresh !== true) return undefined;
+        return this.dashboardSnapshot ? this.send('dashboard.metrics', this.dashboardSnapshot) : this.send('dashboard.metrics.error', { message: 'Failed to fetch dashboard metrics' });
+      case 'dashboard.dismiss':
+        if (!this.dashboardOpen) return undefined;
+        this.dashboardOpen = false;
+        return this.send('dashboard.toggled', { open: false });
+      case 'github/oauth/logout':
+        this.oauth = { status: 'disconnected' };
+        return this.send('github/oauth/status', { status: 'disconnected', reason: 'userLogout' });
       case 'git/refresh/barrier':
         if (this.holdGit) await this.holdGit;
         return this.send('git/refresh/barrier', { projectId: payload.projectId, requestId: payload.requestId });

@@ -12,8 +12,12 @@ import { waitForPosted } from './postedMessages.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
 
-export function loadRecording(name = 'recorded.json') {
+export function loadFixture(name) {
   return JSON.parse(fs.readFileSync(path.join(here, 'fixtures', name), 'utf8'));
+}
+
+export function loadRecording(name = 'recorded.json') {
+  return loadFixture(name);
 }
 
 const sameList = (a, b) => Array.isArray(a) && Array.isArray(b) && a.length === b.length && a.every((x, i) => x === b[i]);

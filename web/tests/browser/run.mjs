@@ -5,7 +5,7 @@ import assert from 'node:assert/strict';
 import { serve, launch, installChannel } from './harness.mjs';
 import { shippedBuild, testBuild, isStale } from '../../scripts/builds.mjs';
 import { FakeNative } from './fakeNative.mjs';
-import { RecordedNative, loadRecording } from './recordedNative.mjs';
+import { RecordedNative, loadRecording, loadFixture } from './recordedNative.mjs';
 import { dropScript } from '../injectedScript.mjs';
 
 const tests = [];
@@ -14,7 +14,7 @@ const test = (name, fn) => tests.push({ name, fn });
 const b64 = (text) => Buffer.from(text, 'utf8').toString('base64');
 
 /** Opens the page with a fake native side that already has `setup`'s projects. */
-async function openPage(ctx, setup = () => undefined, { channel = true } = {}) {
+async function openPage(ctx, setup = () => undefined, { channel = true, before } = {}) {
   const native = new FakeNative();
   setup(native);
   const page = await ctx.context.newPage();
@@ -24,6 +24,7 @@ async function openPage(ctx, setup = () => undefined, { channel = true } = {}) {
   page.on('console', (m) => logs.push(m.text()));
   native.attach(page);
   if (channel) await installChannel(page, (m) => native.handle(m));
+  if (before) await before(page);
   await page.goto(ctx.url);
   await page.waitForSelector('.topbar');
   return { page, native, errors, logs };
@@ -406,6 +407,124 @@ test('a pinch on the touchpad widens or narrows the column under the fingers', a
   await page.waitForFunction((w) => Math.abs(document.querySelector('.column-editor').getBoundingClientRect().width - w * 1.25) < 2, start.width);
   await pinch('collapse', (await geometry()).centre);
   await page.waitForFunction((w) => Math.abs(document.querySelector('.column-editor').getBoundingClientRect().width - w) < 2, start.width);
+  await page.close();
+});
+
+test('the account control signs in through the browser and signs out', async (ctx) => {
+  const { page, native } = await openPage(ctx, (n) => n.addProject('acct'));
+  const referers = [];
+  await page.route('https://avatars.example/**', (route) => {
+    referers.push(route.request().headers().referer ?? 'none');
+    if (route.request().url().endsWith('/gone.png')) return route.fulfill({ status: 404 });
+    return route.fulfill({ status: 200, contentType: 'image/png', body: Buffer.from('iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR42mNk+M9QDwADhgGAWjR9awAAAABJRU5ErkJggg==', 'base64') });
+  });
+  await page.click('.account-sign-in');
+  const start = await native.waitFor((m) => m.type === 'github/oauth/start', 'github/oauth/start');
+  assert.equal(start.payload, undefined);
+  await page.waitForSelector('.account-waiting >> text=ブラウザでサインインを続けてください…');
+  // Each configuration is followed by a plain status; the sign-in in the browser is still open.
+  await native.sendConfig();
+  assert.ok(await page.isVisible('.account-cancel'));
+  native.oauth = { status: 'connected', account: { login: 'octo', avatarUrl: 'https://avatars.example/u/1.png' } };
+  await native.send('github/oauth/status', native.oauth);
+  await page.waitForSelector('.account-login >> text=@octo');
+  await page.waitForFunction(() => document.querySelector('.account-avatar img')?.naturalWidth === 1);
+  assert.equal(await page.getAttribute('.account-avatar img', 'referrerpolicy'), 'no-referrer');
+  assert.deepEqual(referers, ['none']);
+  await native.send('github/oauth/status', { status: 'connected', account: { login: 'octo', avatarUrl: 'https://avatars.example/gone.png' } });
+  await page.waitForSelector('.account-initial >> text=O');
+  await page.click('.account-sign-out');
+  await native.waitFor((m) => m.type === 'github/oauth/logout', 'github/oauth/logout');
+  await page.waitForSelector('.toast >> text=サインアウトしました');
+  await page.waitForSelector('.account-sign-in >> text=GitHub にサインイン');
+  await page.close();
+});
+
+test('the dashboard opens from the top bar, ends its heatmap today in the user\'s zone, and a card opens its project', async (ctx) => {
+  let a, b;
+  const { page, native } = await openPage(ctx, (n) => {
+    a = n.addProject('velko');
+    b = n.addProject('notes');
+    n.dashboardSnapshot = JSON.parse(JSON.stringify(loadFixture('dashboard.json')).replaceAll('PROJECT-0', a.id).replaceAll('PROJECT-1', b.id));
+  }, {
+    before: async (page) => {
+      // 20:00 on 1 May in Los Angeles, already 2 May in UTC.
+      await page.clock.setFixedTime(new Date('2024-05-02T03:00:00Z'));
+      await (await page.context().newCDPSession(page)).send('Emulation.setTimezoneOverride', { timezoneId: 'America/Los_Angeles' });
+    },
+  });
+  await page.waitForSelector('.project-tab.active >> text=notes');
+  await page.click('.dashboard-button');
+  const present = await native.waitFor((m) => m.type === 'dashboard.present', 'dashboard.present');
+  assert.deepEqual(present.payload, { source: 'topbar' });
+  await page.waitForSelector('.dash-card >> text=velko');
+  assert.equal(await page.textContent('.dash-delta'), '↑ 125.0%');
+  const card = page.locator('.dash-card', { hasText: 'velko' });
+  assert.ok((await card.textContent()).includes('最終コミット 3 時間前'));
+  const cells = await card.locator('.heat-cell').evaluateAll((els) => els.map((e) => [e.dataset.day, e.className, e.title]));
+  assert.equal(cells.length, 28);
+  assert.deepEqual(cells.at(-1), ['2024-05-01', 'heat-cell level-2 today', '2024/05/01 (水) · 3 コミット']);
+  assert.equal(cells[0][0], '2024-04-04');
+  assert.equal(await card.locator('.dash-lang').count(), 6);
+  await native.send('system/metrics', { timestamp: '2024-05-02T03:00:00Z', cpuPercent: 3.14, memoryMB: 141.6 });
+  await page.waitForSelector('.dash-metrics >> text=CPU 3.1% · 142 MB');
+  await page.click('.dash-refresh');
+  await native.waitFor((m) => m.type === 'dashboard.present' && m.payload.forceRefresh === true, 'refresh');
+  await page.keyboard.press('Escape');
+  await native.waitFor((m) => m.type === 'dashboard.dismiss', 'dashboard.dismiss');
+  await page.waitForSelector('.dashboard', { state: 'hidden' });
+  await page.click('.dashboard-button');
+  await page.click('.dash-card:has-text("velko")');
+  await page.waitForSelector('.project-tab.active >> text=velko');
+  const after = native.messages.slice(native.messages.findLastIndex((m) => m.type === 'dashboard.present') + 1).map((m) => m.type).filter((t) => t.startsWith('dashboard') || t === 'project/activate');
+  assert.deepEqual(after, ['project/activate', 'dashboard.dismiss']);
+  await page.waitForSelector('.dashboard', { state: 'hidden' });
+  await page.close();
+});
+
+test('preview tabs: a drag reorders and is stored, restored tabs come back unread, a gone file stays marked', async (ctx) => {
+  let project;
+  const { page, native } = await openPage(ctx, (n) => {
+    project = n.addProject('phi', { 'a.ts': 'a', 'b.ts': 'b', 'c.ts': 'c' });
+  }, { before: (page) => page.addInitScript(() => localStorage.removeItem('velko.columnWidths')) });
+  await page.waitForSelector('.project-tab.active >> text=phi');
+  const tab = (id, path) => ({ id, path, title: path, isDirty: false, viewMode: 'source', lastOpenedAt: 1714500000000 });
+  await native.send('previewTab:hydrate', { projectId: project.id, snapshot: { activeTabId: 't1', tabs: [tab('t1', 'a.ts'), tab('t2', 'gone.ts'), tab('t3', 'b.ts')], version: 1 } });
+  await native.send('previewTab:warning', { projectId: project.id, tabs: [{ tabId: 't2', path: 'gone.ts', code: 'file_missing', message: 'ファイルが見つかりません' }] });
+  await page.waitForSelector('.cm-content >> text=a');
+  assert.equal(await page.getAttribute('.doc-tab.missing', 'title'), 'gone.ts — ファイルが見つかりません');
+  // Only the tab on screen was read.
+  assert.deepEqual(native.messages.filter((m) => m.type === 'project/file/open').map((m) => m.payload.path), ['a.ts']);
+  await page.dblclick('.tree-row:has-text("c.ts")');
+  await page.waitForSelector('.doc-tab.active >> text=c.ts');
+  await page.dragAndDrop('.doc-tab:has-text("c.ts")', '.doc-tab:has-text("a.ts")', { targetPosition: { x: 2, y: 10 } });
+  const stored = await native.waitFor((m) => m.type === 'previewTabs/persist' && m.payload.snapshot.tabs[0].path === 'c.ts', 'persist after the drag');
+  assert.equal(stored.payload.projectId, project.id);
+  assert.deepEqual(stored.payload.snapshot.tabs.map((t) => t.path), ['c.ts', 'a.ts', 'gone.ts', 'b.ts']);
+  assert.equal(stored.payload.snapshot.tabs.find((t) => t.path === 'c.ts').id, stored.payload.snapshot.activeTabId);
+  await page.close();
+});
+
+test('Markdown renders beside its source and nothing in it runs or posts', async (ctx) => {
+  const evil = ['# Notes', '', '<script>window.__ran = 1; window.webkit.messageHandlers.velko.postMessage({ type: "evil" })</script>', '',
+    '<img src="x" onerror="window.__ran = 2">', '', '[click](javascript:window.__ran=3) [next](b.md)', '',
+    '![pic](javascript:window.__ran=4) <a href="javascript:window.__ran=5" onclick="window.__ran=6">raw</a>'].join('\n');
+  const { page, native, errors } = await openPage(ctx, (n) => n.addProject('chi', { 'evil.md': evil, 'b.md': '# B' }));
+  await page.dblclick('.tree-row:has-text("evil.md")');
+  await page.waitForSelector('.markdown-body h1 >> text=Notes');
+  await page.waitForSelector('.cm-content >> text=# Notes');
+  for (const p of await page.$$('.markdown-body p')) await p.click({ position: { x: 2, y: 4 } });
+  assert.equal(await page.evaluate(() => window.__ran), undefined);
+  assert.equal(await page.locator('.markdown-body script, .markdown-body [onerror], .markdown-body [onclick], .markdown-body [href^="javascript" i], .markdown-body img').count(), 0);
+  assert.ok((await page.textContent('.markdown-body')).includes('<script>'));
+  assert.ok(!native.messages.some((m) => m.type === 'evil'));
+  // A link to another file of the project opens it in a tab; the toggle shows the source alone.
+  await page.click('.markdown-body .md-file-link');
+  await page.waitForSelector('.doc-tab.active >> text=b.md');
+  await page.waitForSelector('.markdown-body h1 >> text=B');
+  await page.click('.view-mode');
+  await page.waitForSelector('.markdown-body', { state: 'hidden' });
+  assert.deepEqual(errors, []);
   await page.close();
 });
 
