@@ -11,6 +11,9 @@ packages=(
   nlohmann-json3-dev libcurl4-openssl-dev libssl-dev libsecret-1-dev libxml2-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   xvfb xauth libxtst-dev ibus gnome-keyring dbus dbus-x11 libsecret-tools
+  # The account's tests: the fake GitHub (python3), its TLS certificate
+  # (openssl) and the test browser's hand-off (gio, from libglib2.0-bin).
+  python3 openssl libglib2.0-bin
   chromium locales
 )
 

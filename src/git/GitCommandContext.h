@@ -5,7 +5,9 @@
 // askpass script of the broker, the user's credential helpers switched off for
 // that one child), ssh in batch mode unless the user chose their own, and the
 // outcome as a typed GitError. A token the server refuses is forgotten and the
-// account reported disconnected through `onTokenRefused`.
+// account reported disconnected through `onTokenRefused`; a run refused with a
+// token that was replaced meanwhile (a refresh, a new sign-in) is tried once
+// more with the new one.
 //
 // Called on the git queues; holds no state of its own between commands, so
 // several queues may share it. Owned by GitService.

@@ -8,6 +8,10 @@
 #include "dashboard/DashboardController.h"
 #include "files/ExplorerService.h"
 #include "git/GitService.h"
+#include "github/GitAuthManager.h"
+#include "github/GitHubOAuthCoordinator.h"
+#include "github/GitHubOAuthEnvironment.h"
+#include "github/GitTokenRefresher.h"
 #include "input/NativeTerminalInput.h"
 #include "platform/http/CurlHttpClient.h"
 #include "preview/PreviewTabsPersistenceService.h"
@@ -17,6 +21,7 @@
 #include "shell/InputCommandCenter.h"
 #include "shell/ServiceAdapters.h"
 #include "shell/WebBridge.h"
+#include "telemetry/SecurityEventLogger.h"
 #include "terminal/CodexShimInstaller.h"
 #include "terminal/TerminalCoordinator.h"
 #include "terminal/TerminalDebugDumpStore.h"
@@ -31,6 +36,11 @@
 namespace velko {
 
 namespace {
+// "github.com", "127.0.0.1:8080", "[::1]:8080" → the host as git remote URLs are compared by.
+std::string hostWithoutPort(const std::string& hostPort) {
+    if (!hostPort.empty() && hostPort.front() == '[') return hostPort.substr(0, hostPort.find(']') + 1);
+    return hostPort.substr(0, hostPort.find(':'));
+}
 // How long queued git work may still run once quitting has begun.
 constexpr auto kGitPatience = std::chrono::seconds(1);
 }  // namespace
@@ -39,6 +49,18 @@ VelkoApp::VelkoApp() : VelkoApp(Options{}) {}
 VelkoApp::VelkoApp(Options options) {
     // The file is not read here: the store holds the samples until the window appears.
     m_configStore = std::make_shared<ConfigStore>(options.storageDirectory);
+
+    // --- GitHub account: the token store, before the git service that reads it ---
+    const GitHubEndpoints endpoints = GitHubEndpoints::fromEnvironment();
+    {
+        auto keychain = options.keychain;
+        if (!keychain) {
+            auto none = std::make_shared<MemoryKeychainStore>();
+            none->failure = OAuthError::secretServiceUnavailable;
+            keychain = none;
+        }
+        m_authManager = std::make_shared<GitAuthManager>(std::move(keychain));
+    }
 
     // --- files: the explorer service is built before the bridge that owns it ---
     m_explorerService = std::make_shared<ExplorerService>();
@@ -69,13 +91,14 @@ VelkoApp::VelkoApp(Options options) {
     {
         GitService::Dependencies git;
         git.configProvider = m_configStore;
-        // No account manager yet: GitHub HTTPS remotes ask the user to sign in.
-        m_gitAuth = std::make_shared<NoGitAuthProvider>();
+        m_gitAuth = m_authManager;
         git.authProvider = m_gitAuth;
         git.credentialBroker = std::make_shared<GitCredentialBroker>();
         git.processRunner = std::make_shared<ProcessGitProcessRunner>();
+        git.gitHubWebHost = hostWithoutPort(endpoints.webHost());
         m_gitService = std::make_shared<GitService>(std::move(git));
-        m_gitService->setEventSink(m_bridge);
+        m_gitEventSink = makeGitEventSink(m_bridge);
+        m_gitService->setEventSink(m_gitEventSink);
         m_gitOperations = makeGitOperating(m_gitService);
         m_bridge->setGitService(m_gitOperations);
     }
@@ -98,7 +121,7 @@ VelkoApp::VelkoApp(Options options) {
             .authProvider = m_gitAuth,
             .processRunner = runner,
             .session = m_http,
-            .endpoints = GitHubEndpoints::fromEnvironment(),
+            .endpoints = endpoints,
             .homePath = homeDirectory(),
         });
         DashboardMetricsService::Dependencies metrics;
@@ -112,8 +135,45 @@ VelkoApp::VelkoApp(Options options) {
             std::make_shared<DashboardController>(m_dashboardMetrics, m_bridge, m_analyticsLogger);
         m_bridge->setDashboardController(m_dashboardController);
     }
-    // No account manager yet: the status of no stored token waits in the queue.
-    m_bridge->dispatchOAuthStatus();
+
+    // --- GitHub account: status, security log, sign-in and refresh ---
+    {
+        m_bridge->setAuthManager(m_authManager);
+        m_bridge->dispatchOAuthStatus();
+        m_securityLogger = SecurityEventLogger::create();
+        m_bridge->setSecurityLogger(m_securityLogger);
+        // Without a client id the account has no sign-in: the status still
+        // follows the stored token.
+        auto environment = GitHubOAuthEnvironment::fromProcess(options.resourceDirectory);
+        if (environment) {
+            HttpGitHubOAuthClient::Settings settings{endpoints, environment->clientID, environment->clientSecret,
+                                                     environment->redirectURI};
+            auto client = std::make_shared<HttpGitHubOAuthClient>(std::move(settings), m_http);
+            m_refreshQueue = std::make_shared<SerialQueue>("app.velko.oauth-refresh");
+            m_oauthQueue = std::make_shared<SerialQueue>("app.velko.oauth");
+            m_tokenRefresher = std::make_shared<GitTokenRefresher>(
+                m_authManager, client, std::make_shared<QueueRefreshScheduler>(m_refreshQueue));
+            GitHubOAuthCoordinator::Collaborators collaborators;
+            collaborators.authManager = m_authManager;
+            collaborators.httpClient = client;
+            collaborators.tokenRefresher = m_tokenRefresher;
+            std::shared_ptr<OAuthSessionFactory> sessions = options.oauthSessions;
+            if (!sessions) sessions = std::make_shared<NoopOAuthSessionFactory>();
+            collaborators.sessionFactory = sessions;
+            collaborators.worker = m_oauthQueue;
+            m_oauthCoordinator = std::make_shared<GitHubOAuthCoordinator>(
+                GitHubOAuthCoordinator::Configuration{environment->clientID, environment->redirectURI,
+                                                      environment->scopes, endpoints},
+                std::move(collaborators));
+            std::weak_ptr<GitHubOAuthCoordinator> coordinator = m_oauthCoordinator;
+            sessions->setUnclaimedRedirectHandler([coordinator](const std::string& url) {
+                if (auto c = coordinator.lock()) c->receiveCallback(url);
+            });
+            m_bridge->attach(m_oauthCoordinator, m_tokenRefresher);
+            auto record = m_authManager->loadRecord();
+            if (record && !record->refreshToken.empty()) m_tokenRefresher->start();
+        }
+    }
 
     m_contentView = std::make_shared<ContentView>(m_bridge, m_configStore);
     std::weak_ptr<ContentView> view = m_contentView;

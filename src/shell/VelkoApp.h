@@ -36,6 +36,14 @@ class AnalyticsLogger;
 class SystemMetricsService;
 class Updater;
 class UpdatePresenting;
+class EventDispatching;
+class KeychainStore;
+class OAuthSessionFactory;
+class GitAuthManager;
+class GitHubOAuthCoordinator;
+class GitTokenRefresher;
+class SecurityEventLogger;
+class TaskQueue;
 class GitAuthProviding;
 class CurlHttpClient;
 class DashboardMetricsService;
@@ -48,8 +56,14 @@ public:
         std::optional<std::string> storageDirectory = {};
         // Where the outcome of an update check is shown; empty: a log line.
         std::shared_ptr<UpdatePresenting> updatePresenter = {};
-        // Where Info.json is; empty: the resources beside the program.
+        // Where Info.json and Config.json are (the update feed, the OAuth
+        // client's settings); empty: the resources beside the program.
         std::optional<std::string> resourceDirectory = {};
+        // --- GitHub account: the host's platform pieces ---
+        // The token store; none: nothing can be kept, the account stays disconnected.
+        std::shared_ptr<KeychainStore> keychain = {};
+        // Sign-in sessions in the browser; none: a session that never starts.
+        std::shared_ptr<OAuthSessionFactory> oauthSessions = {};
     };
 
     VelkoApp();
@@ -97,6 +111,14 @@ private:
     std::shared_ptr<ProjectStoring> m_projectStore;
     std::shared_ptr<TerminalMessageHandling> m_terminalMessages;
     std::shared_ptr<GitOperating> m_gitOperations;
+    // --- GitHub account ---
+    std::shared_ptr<GitAuthManager> m_authManager;
+    std::shared_ptr<SecurityEventLogger> m_securityLogger;
+    std::shared_ptr<EventDispatching> m_gitEventSink;
+    std::shared_ptr<TaskQueue> m_refreshQueue;
+    std::shared_ptr<TaskQueue> m_oauthQueue;
+    std::shared_ptr<GitTokenRefresher> m_tokenRefresher;
+    std::shared_ptr<GitHubOAuthCoordinator> m_oauthCoordinator;
     // --- desktop ---
     std::shared_ptr<InputCommandCenter> m_commandCenter;
     std::shared_ptr<GestureBridge> m_gestureBridge;

@@ -44,6 +44,12 @@ class ExplorerMonitoring;
 class ProjectFileAccessing;
 class PreviewTabsPersistenceService;
 class AnalyticsLogging;
+class GitAuthManager;
+class GitHubOAuthCoordinator;
+class GitTokenRefresher;
+class SecurityEventLogging;
+struct OAuthTokenRecord;
+enum class OAuthError;
 
 // The fixed pieces of the injected script; the page's one convention with us.
 extern const char* const kEventScriptPrefix;
@@ -94,7 +100,20 @@ public:
     // --- configuration snapshot (main thread) ---
     void updateConfigSnapshot(const AppConfig& config);
     static OrderedJson configSnapshotPayload(const AppConfig& config);
+
+    // --- GitHub account (WebBridgeOAuth.cpp; main thread) ---
+    // The status of the stored token, if any.
     void dispatchOAuthStatus();
+    // "connected" with the record, else "disconnected" with only `reason`.
+    void dispatchOAuthStatus(const OAuthTokenRecord* record, bool refreshed, std::optional<std::string> reason);
+    static OrderedJson oauthStatusPayload(const OAuthTokenRecord* record, bool refreshed,
+                                          const std::optional<std::string>& reason);
+    void setAuthManager(std::shared_ptr<GitAuthManager> manager);
+    void setSecurityLogger(std::shared_ptr<SecurityEventLogging> logger);
+    // Keeps both, becomes the delegate of both, and sends the status once more.
+    void attach(std::shared_ptr<GitHubOAuthCoordinator> coordinator, std::shared_ptr<GitTokenRefresher> refresher);
+    // The git engine's word that the server refused the token (any thread).
+    void gitServiceDidUpdateOAuthStatus(const OrderedJson& payload);
 
     // --- collaborators, assigned by the composition root ---
     void setProjectStore(std::weak_ptr<ProjectStoring> store) { m_projectStore = std::move(store); }
@@ -180,6 +199,13 @@ private:
     void handleOAuthStart(std::string_view, const Json*);
     void handleOAuthLogout(std::string_view, const Json*);
     void handleOAuthRequestStatus(std::string_view, const Json*);
+    class OAuthDelegate;
+    friend class OAuthDelegate;
+    void oauthDidComplete(const OAuthTokenRecord& record);
+    void oauthDidFail(OAuthError error);
+    void tokenDidRefresh(const OAuthTokenRecord& record);
+    void tokenRefreshDidFail(OAuthError error);
+    std::optional<std::string> storedLogin();
 
     // --- preview tabs, dashboard, analytics (WebBridgePreview.cpp) ---
     void handlePreviewTabsPersist(std::string_view, const Json* payload);
@@ -210,6 +236,11 @@ private:
     std::shared_ptr<PreviewTabsPersistenceService> m_previewTabsService;
     std::shared_ptr<AnalyticsLogging> m_analyticsLogger;
     std::weak_ptr<DashboardControlling> m_dashboardController;
+    std::shared_ptr<GitAuthManager> m_authManager;
+    std::shared_ptr<GitHubOAuthCoordinator> m_oauthCoordinator;
+    std::shared_ptr<GitTokenRefresher> m_tokenRefresher;
+    std::shared_ptr<SecurityEventLogging> m_securityLogger;
+    std::shared_ptr<OAuthDelegate> m_oauthDelegate;
 };
 
 }  // namespace velko

@@ -67,7 +67,7 @@ struct FixedToken final : GitAuthProviding {
     std::optional<GitAuthToken> loadToken() override {
         return token.empty() ? std::nullopt : std::optional(GitAuthToken{token, std::nullopt, std::nullopt});
     }
-    void deleteToken() override {}
+    bool deleteToken(const std::string&) override { return true; }
     std::string token;
 };
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -15,8 +16,10 @@
 #include "core/Log.h"
 #include "core/MainQueue.h"
 #include "core/Paths.h"
-#include "platform/gtk/DesktopWindow.h"
+#include "platform/BrowserOAuthSessionFactory.h"
 #include "platform/IBusInputSources.h"
+#include "platform/SecretServiceKeychainStore.h"
+#include "platform/gtk/DesktopWindow.h"
 #include "platform/gtk/UpdateDialog.h"
 #include "shell/AppBundleSchemeHandler.h"
 #include "shell/InputCommandCenter.h"
@@ -33,6 +36,7 @@ const Logger kLog("app.velko", "app");
 struct DesktopState {
     GtkApplication* application = nullptr;
     std::vector<std::string> pickFolders;
+    std::shared_ptr<BrowserOAuthSessionFactory> oauthSessions;
     std::unique_ptr<VelkoApp> app;
     std::unique_ptr<DesktopWindow> window;
     bool quitting = false;
@@ -185,6 +189,11 @@ int runDesktop(int argc, char** argv) {
                          options.updatePresenter = makeUpdateDialogPresenter([s]() -> GtkWindow* {
                              return s->window ? GTK_WINDOW(s->window->window()) : nullptr;
                          });
+                         options.keychain = std::make_shared<SecretServiceKeychainStore>();
+                         s->oauthSessions = std::make_shared<BrowserOAuthSessionFactory>(
+                             BrowserOAuthSessionFactory::Options{.receivesLinks = true, .openURL = {}});
+                         options.oauthSessions = s->oauthSessions;
+                         options.resourceDirectory = resourceDirectory();
                          s->app = std::make_unique<VelkoApp>(std::move(options));
                          s->app->setInputSources(connectIBusInputSources());
                          buildMenus(GTK_APPLICATION(app), s);
@@ -196,13 +205,20 @@ int runDesktop(int argc, char** argv) {
                      &state);
     g_signal_connect(application, "open",
                      G_CALLBACK(+[](GApplication* app, GFile** files, gint count, gchar*, gpointer data) {
-                         // velko:// links (the sign-in redirect) bring the window forward.
+                         // velko:// links (the sign-in redirect, also forwarded by a
+                         // second `velko velko://…`) go to the sign-in and bring the
+                         // window forward. The link itself is never logged: it holds the code.
+                         auto* s = static_cast<DesktopState*>(data);
                          for (gint i = 0; i < count; ++i) {
                              char* uri = g_file_get_uri(files[i]);
-                             kLog.info(std::string("opened with ") + (g_str_has_prefix(uri, "velko:") ? "a velko link" : "a file"));
+                             bool link = g_str_has_prefix(uri, "velko:");
+                             bool taken = link && s->oauthSessions && s->oauthSessions->deliverRedirect(uri);
+                             kLog.info(std::string("opened with ") +
+                                       (taken ? "the sign-in redirect" : link ? "a velko link" : "a file"));
+                             explicit_bzero(uri, strlen(uri));
                              g_free(uri);
                          }
-                         showWindow(GTK_APPLICATION(app), static_cast<DesktopState*>(data));
+                         showWindow(GTK_APPLICATION(app), s);
                      }),
                      &state);
     g_signal_connect(application, "shutdown", G_CALLBACK(+[](GApplication*, gpointer data) {
