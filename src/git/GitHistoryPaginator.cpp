@@ -161,7 +161,7 @@ void GitHistoryPaginator::fetchPage(const GitProject& project, const std::option
             state.lastRemoteCursor = remoteCursor;
             state.hasNextPage = false;
             remoteError = error;
-            if (error.kind == Kind::Unauthorized) m_commands.forgetRefusedToken();
+            if (error.kind == Kind::Unauthorized) m_commands.forgetRefusedToken(token->accessToken);
         } else {
             GitHubHistoryResponse& response = result.value();
             std::optional<GitHubHistory>& history =

@@ -586,7 +586,7 @@ void GitService::doFetchCommitGraph(const GitProject& project, int64_t pageSize)
     if (!result) {
         const GitHubGraphQLClientError& error = result.error();
         if (error.kind == GitHubGraphQLClientError::Kind::Unauthorized) {
-            m_commands.forgetRefusedToken();
+            m_commands.forgetRefusedToken(token->accessToken);
         } else if (shouldDisableCommitGraph(error)) {
             // The query cannot work for this project: an empty graph, now and later, without a word.
             m_commitGraphUnavailableProjects.insert(project.id);

@@ -1,6 +1,8 @@
 #include "platform/HeadlessHost.h"
 
+#include <fcntl.h>
 #include <glib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <functional>
@@ -11,6 +13,11 @@
 #include <thread>
 
 #include "core/MainQueue.h"
+#include "core/Paths.h"
+#include "github/GitAuthManager.h"
+#include "platform/BrowserOAuthSessionFactory.h"
+#include "platform/SecretServiceKeychainStore.h"
+#include "shell/AppBundleSchemeHandler.h"
 #include "shell/VelkoApp.h"
 #include "shell/WebBridge.h"
 
@@ -62,6 +69,14 @@ private:
 bool parseHeadlessArguments(const std::vector<std::string>& args, HeadlessOptions& options, std::string& error) {
     for (size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--headless") continue;
+        if (args[i] == "--github-token-file") {
+            if (i + 1 >= args.size()) {
+                error = "--github-token-file needs a file";
+                return false;
+            }
+            options.gitHubTokenFile = args[++i];
+            continue;
+        }
         if (args[i] == "--pick-folder") {
             if (i + 1 >= args.size()) {
                 error = "--pick-folder needs a directory";
@@ -76,14 +91,76 @@ bool parseHeadlessArguments(const std::vector<std::string>& args, HeadlessOption
     return true;
 }
 
+namespace {
+
+// The token of --github-token-file, as the store for this run. The file must
+// be a regular file that only its owner can read or write: a token others can
+// read is refused, not used.
+std::shared_ptr<KeychainStore> tokenFileStore(const std::string& path, std::string& error) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    struct stat st {};
+    if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        if (fd >= 0) ::close(fd);
+        error = "--github-token-file " + path + ": not a readable regular file";
+        return nullptr;
+    }
+    if ((st.st_mode & 077) != 0) {
+        ::close(fd);
+        error = "--github-token-file " + path + ": readable by others; allow its owner only (chmod 600)";
+        return nullptr;
+    }
+    std::string text;
+    char buffer[4096];
+    for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) != 0;) {
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 || text.size() > 65536) break;
+        text.append(buffer, static_cast<size_t>(n));
+    }
+    explicit_bzero(buffer, sizeof buffer);
+    ::close(fd);
+    size_t begin = text.find_first_not_of(" \t\r\n");
+    size_t end = text.find_last_not_of(" \t\r\n");
+    OAuthTokenRecord record;
+    if (begin != std::string::npos) record.accessToken = SecretText(text.substr(begin, end - begin + 1));
+    wipe(text);
+    if (record.accessToken.empty()) {
+        error = "--github-token-file " + path + ": no token in it";
+        return nullptr;
+    }
+    // A token without refresh and without expiry: it stays until the server
+    // refuses it, and then only for this run.
+    record.expiresAt = kDistantFuture;
+    record.tokenType = "bearer";
+    auto store = std::make_shared<MemoryKeychainStore>();
+    (void)store->save(SecretText(record.encode()), GitAuthManager::kService, GitAuthManager::kAccount);
+    return store;
+}
+
+}  // namespace
+
 int runHeadless(const HeadlessOptions& options) {
+    VelkoApp::Options appOptions;
+    if (options.gitHubTokenFile) {
+        std::string error;
+        appOptions.keychain = tokenFileStore(*options.gitHubTokenFile, error);
+        if (!appOptions.keychain) {
+            std::fprintf(stderr, "velko: %s\n", error.c_str());
+            return 2;
+        }
+    } else {
+        appOptions.keychain = std::make_shared<SecretServiceKeychainStore>();
+    }
+    // No links reach a headless program: sign-in needs a loopback redirect.
+    appOptions.oauthSessions = std::make_shared<BrowserOAuthSessionFactory>(BrowserOAuthSessionFactory::Options{});
+    if (auto exe = executablePath()) appOptions.resourceDirectory = locateResourceDirectory(*exe);
+
     // Standard output is the event stream: GLib's default writer sends info
     // and debug lines there (G_MESSAGES_DEBUG), which would corrupt it.
     g_log_writer_default_set_use_stderr(TRUE);
     GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
     setMainQueue(std::make_shared<GlibMainQueue>());
 
-    auto app = std::make_unique<VelkoApp>();
+    auto app = std::make_unique<VelkoApp>(std::move(appOptions));
     auto webView = std::make_shared<StdoutWebView>();
     app->bridge().setFolderPicker(makeFixedFolderPicker(options.pickFolders));
     app->bridge().setWebView(webView);

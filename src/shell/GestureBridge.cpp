@@ -20,6 +20,13 @@ OrderedJson columnPinchPayload(const ColumnPinchEvent& event) {
 }
 
 void ColumnPinchDispatcher::gestureBridgeDidDetect(const ColumnPinchEvent& event) {
+    if (m_analytics) {
+        m_analytics->log("column_pinch_gesture",
+                         {{"direction", event.direction == PinchDirection::Expand ? "expand" : "collapse"},
+                          {"magnitude", event.magnitude},
+                          {"normalizedX", event.normalizedX},
+                          {"normalizedY", event.normalizedY}});
+    }
     if (auto events = m_events.lock()) events->dispatchEvent("layout/column-pinch", columnPinchPayload(event));
 }
 

@@ -7,6 +7,7 @@
 #include "shell/GitOperating.h"
 #include "shell/ProjectStoring.h"
 #include "shell/TerminalMessageHandling.h"
+#include "shell/WebBridge.h"
 #include "terminal/TerminalService.h"
 #include "workspace/ConfigStore.h"
 
@@ -85,6 +86,31 @@ std::shared_ptr<TerminalMessageHandling> makeTerminalMessageHandling(std::shared
 }
 std::shared_ptr<GitOperating> makeGitOperating(std::shared_ptr<GitService> service) {
     return std::make_shared<GitServiceOperations>(std::move(service));
+}
+
+namespace {
+class GitEventSink final : public EventDispatching {
+public:
+    explicit GitEventSink(std::weak_ptr<WebBridge> bridge) : m_bridge(std::move(bridge)) {}
+    void dispatchEvent(std::string_view type, const OrderedJson& payload) override {
+        auto bridge = m_bridge.lock();
+        if (!bridge) return;
+        if (type == "github/oauth/status") return bridge->gitServiceDidUpdateOAuthStatus(payload);
+        bridge->dispatchEvent(type, payload);
+    }
+    void dispatchEncodedEvent(std::string_view type, std::string envelopeJson,
+                              std::function<void()> onDelivered) override {
+        if (auto bridge = m_bridge.lock())
+            bridge->dispatchEncodedEvent(type, std::move(envelopeJson), std::move(onDelivered));
+    }
+
+private:
+    std::weak_ptr<WebBridge> m_bridge;
+};
+}  // namespace
+
+std::shared_ptr<EventDispatching> makeGitEventSink(std::weak_ptr<WebBridge> bridge) {
+    return std::make_shared<GitEventSink>(std::move(bridge));
 }
 
 }  // namespace velko
