@@ -42,6 +42,15 @@ bool GitCommandContext::requiresToken(const std::string& remoteURL) const {
 
 bool GitCommandContext::hasToken() const { return m_auth->loadToken().has_value(); }
 
+std::optional<GitAuthToken> GitCommandContext::token() const { return m_auth->loadToken(); }
+
+bool GitCommandContext::forgetRefusedToken(const std::string& refusedToken) {
+    auto record = m_auth->loadToken();
+    if (!m_auth->deleteToken(refusedToken)) return false;
+    if (m_onTokenRefused) m_onTokenRefused(record);
+    return true;
+}
+
 void GitCommandContext::stop(std::chrono::milliseconds grace) {
     if (auto* stopping = dynamic_cast<GitProcessStopping*>(m_runner.get())) stopping->stopAll(grace);
 }

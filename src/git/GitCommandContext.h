@@ -60,6 +60,11 @@ public:
     // True when `remoteURL` is a GitHub HTTPS remote, whose runs carry the token.
     bool requiresToken(const std::string& remoteURL) const;
     bool hasToken() const;
+    std::optional<GitAuthToken> token() const;
+    // The server refused `refusedToken`: when it is still the stored one it is
+    // deleted and the account reported disconnected through `onTokenRefused`.
+    // False when another token has been stored since; that one stays.
+    bool forgetRefusedToken(const std::string& refusedToken);
     // Only the real runner can ask git itself for a remote's URL.
     bool runsRealGit() const { return m_runsRealGit; }
     const std::shared_ptr<GitProcessRunning>& processRunner() const { return m_runner; }

@@ -65,6 +65,12 @@ public:
     void reachRefreshBarrier(const Uuid& id, std::string requestId) override {
         m_service->reachRefreshBarrier(id, std::move(requestId));
     }
+    void fetchCommitHistory(const Uuid& id, std::optional<std::string> cursor, int64_t pageSize,
+                            std::optional<std::string> requestId) override {
+        m_service->fetchCommitHistory(id, std::move(cursor), pageSize, std::move(requestId));
+    }
+    void fetchCommitGraph(const Uuid& id, int64_t pageSize) override { m_service->fetchCommitGraph(id, pageSize); }
+    void fetchBranchMap(const Uuid& id, int64_t limit) override { m_service->fetchBranchMap(id, limit); }
 
 private:
     std::shared_ptr<GitService> m_service;

@@ -41,8 +41,9 @@ std::string hostWithoutPort(const std::string& hostPort) {
     if (!hostPort.empty() && hostPort.front() == '[') return hostPort.substr(0, hostPort.find(']') + 1);
     return hostPort.substr(0, hostPort.find(':'));
 }
-// How long queued git work may still run once quitting has begun.
-constexpr auto kGitPatience = std::chrono::seconds(1);
+// How long queued git work, history pages asking GitHub included, may still
+// run once quitting has begun; the stop's grace follows within the deadline.
+constexpr auto kGitPatience = std::chrono::seconds(2);
 }  // namespace
 
 VelkoApp::VelkoApp() : VelkoApp(Options{}) {}
@@ -89,7 +90,12 @@ VelkoApp::VelkoApp(Options options) {
 
     // --- git: runner, credential broker, service ---
     {
+        // One HTTP client for everything that asks GitHub: history and graph here,
+        // languages, the account and the update check below.
+        m_http = std::make_shared<CurlHttpClient>();
         GitService::Dependencies git;
+        git.http = m_http;
+        git.graphqlURL = endpoints.graphqlURL();
         git.configProvider = m_configStore;
         m_gitAuth = m_authManager;
         git.authProvider = m_gitAuth;
@@ -115,7 +121,6 @@ VelkoApp::VelkoApp(Options options) {
 
     // --- dashboard: languages over the shared HTTP client and token, metrics, controller ---
     {
-        m_http = std::make_shared<CurlHttpClient>();
         auto runner = std::make_shared<ProcessGitProcessRunner>();
         auto languages = std::make_shared<DashboardLanguagesProvider>(DashboardLanguagesProvider::Dependencies{
             .authProvider = m_gitAuth,
@@ -261,9 +266,6 @@ void VelkoApp::shutdown(std::function<void()> done) {
     mainQueue().postDelayed(kShutdownDeadline, [pending] { pending->finish(); });
     auto arrive = [pending] { runOnMain([pending] { pending->arrive(); }); };
 
-    // A languages request or an update check in flight ends now rather than at its time limit.
-    if (m_http) m_http->cancelAll();
-
     // --- terminal: end every session ---
     // Shells get their hang-up and SIGTERM now; the reaper kills those still
     // there after the grace period, so no zsh outlives the program.
@@ -289,7 +291,15 @@ void VelkoApp::shutdown(std::function<void()> done) {
     // then the engine stops: what is still queued is dropped and a git that
     // hangs (a fetch from a silent server) is ended, TERM then KILL; the files
     // step follows whichever comes first ---
-    if (!m_gitService) return files();
+    // Requests to GitHub in flight (languages, an update check, history pages)
+    // end with the git engine's patience rather than at their time limits.
+    auto cancelRequests = [http = m_http] {
+        if (http) http->cancelAll();
+    };
+    if (!m_gitService) {
+        cancelRequests();
+        return files();
+    }
     auto once = std::make_shared<std::function<void()>>(std::move(files));
     auto next = [once] {  // main thread only, so a plain flag decides
         if (!*once) return;
@@ -299,7 +309,8 @@ void VelkoApp::shutdown(std::function<void()> done) {
     };
     std::weak_ptr<GitService> git = m_gitService;
     m_gitService->whenIdle([next] { runOnMain(next); });
-    mainQueue().postDelayed(kGitPatience, [git, next] {
+    mainQueue().postDelayed(kGitPatience, [git, next, cancelRequests] {
+        cancelRequests();
         auto service = git.lock();
         if (!service) return next();
         service->stop(GitService::kStopGrace, [next] { runOnMain(next); });
