@@ -1,4 +1,5 @@
 // velko's entry: the desktop window, or the headless stdio host.
+#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -16,6 +17,10 @@ int main(int argc, char** argv) {
     // A closed pipe (a terminal master, a git pipe, stdout of the headless host)
     // must fail a write, not end the program.
     std::signal(SIGPIPE, SIG_IGN);
+    // The user's locale, as GTK sets it for the window, so that both hosts
+    // behave alike and GLib writes Japanese log lines in the console's
+    // charset instead of "???".
+    std::setlocale(LC_ALL, "");
     // Before any thread starts: the OAuth client secret stays with velko and
     // no shell, git or browser it starts inherits it.
     velko::GitHubOAuthEnvironment::withholdSecretsFromChildren();

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -29,17 +30,18 @@ std::string describeErrno(int error) {
 }
 
 // Formats MiB the way the size message wants: at most `maxFractionDigits`
-// digits after the point, none when they would be zero, halves to even.
+// digits after the point, none when they would be zero, halves to even. A
+// point whatever the user's locale (the window runs in it): to_chars, not printf.
 std::string formatMiB(double value, int maxFractionDigits) {
     if (!std::isfinite(value)) return maxFractionDigits > 0 ? "%.1f" : "%.0f";
-    double scale = maxFractionDigits > 0 ? 10.0 : 1.0;
+    const int precision = maxFractionDigits > 0 ? 1 : 0;
+    double scale = precision > 0 ? 10.0 : 1.0;
     double rounded = std::nearbyint(value * scale) / scale;
-    char buffer[64];
-    int written = std::snprintf(buffer, sizeof buffer, maxFractionDigits > 0 ? "%.1f" : "%.0f", rounded);
-    if (written <= 0 || static_cast<size_t>(written) >= sizeof buffer)
-        std::snprintf(buffer, sizeof buffer, maxFractionDigits > 0 ? "%.1f" : "%.0f", value);
-    std::string text = buffer;
-    if (maxFractionDigits > 0 && text.size() >= 2 && text.compare(text.size() - 2, 2, ".0") == 0)
+    char buffer[400];  // the largest finite double in fixed notation fits
+    auto [end, error] = std::to_chars(buffer, buffer + sizeof buffer, rounded, std::chars_format::fixed, precision);
+    if (error != std::errc()) return precision > 0 ? "%.1f" : "%.0f";
+    std::string text(buffer, end);
+    if (precision > 0 && text.size() >= 2 && text.compare(text.size() - 2, 2, ".0") == 0)
         text.resize(text.size() - 2);
     return text;
 }
