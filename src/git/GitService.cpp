@@ -1,6 +1,5 @@
 #include "git/GitService.h"
 
-#include <thread>
 
 #include "git/GitCommitGraph.h"
 #include "git/GitCommitParsing.h"
@@ -101,9 +100,8 @@ GitService::~GitService() {
     m_resolver.stop();
     m_commands.stop(kStopGrace);
     m_historyPages->stopped = true;
-    // The last reference may go on a page of the pool itself; the pool cannot
-    // end its own threads, so another thread waits for that page to return.
-    if (m_historyQueue->isCurrent()) std::thread([queue = std::move(m_historyQueue)]() mutable { queue.reset(); }).detach();
+    // The last reference may go on a page of the pool itself: the pool then
+    // joins its other threads and hands its own on as it leaves.
 }
 
 void GitService::enqueue(std::function<void(GitService&)> block) {
