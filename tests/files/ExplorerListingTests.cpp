@@ -34,19 +34,14 @@ TEST(ExplorerExclusionRules, NamesExcludeAtEveryDepthAndPathsOnlyTheirSubtree) {
     const Case cases[] = {
         {"", false},               // the root is never excluded
         {".git", true},
-        {".git/index", true},
         {"src/.git/HEAD", true},
         {"a/node_modules/b", true},
         {"node_modules_old", false},
-        {".DS_Store", true},
         {"Pods", true},
         {"pods", false},           // exact, case included
-        {"tmp/x", true},
-        {".build", true},
         {"dist", true},
         {"deep/dist/x", true},
         {"a/b", true},
-        {"a/b/c", true},
         {"a/bc", false},
         {"x/a/b", false},          // a path rule is anchored at the root
         {"c/d/e", true},           // "./c/d/" standardises to "c/d"
@@ -117,12 +112,4 @@ TEST(ExplorerListing, ListsOneLevelFoldersFirstCaseInsensitivelyWithExclusionsAn
     }
     // A successful snapshot carries the normalised path, the page matches on it.
     EXPECT_EQ(snapshots[2].path, "src");
-}
-
-TEST(ExplorerListing, SnapshotJsonKeepsKeyOrderAndLeavesOutAbsentError) {
-    ExplorerDirectorySnapshot ok{"src", {{"a.txt", "src/a.txt", ExplorerNodeType::File}, {"d", "src/d", ExplorerNodeType::Folder}}, ""};
-    ExplorerDirectorySnapshot failed{"x", {}, "notFound"};
-    EXPECT_EQ(dumpJson(explorerSnapshotJson(ok)),
-              R"({"path":"src","nodes":[{"name":"a.txt","path":"src/a.txt","type":"file"},{"name":"d","path":"src/d","type":"folder"}]})");
-    EXPECT_EQ(dumpJson(explorerSnapshotJson(failed)), R"({"path":"x","nodes":[],"error":"notFound"})");
 }

@@ -22,30 +22,23 @@ TEST(PathRules, FileSanitiserAndExplorerRuleTreatEachInputAsDocumented) {
     const Case cases[] = {
         {"a/b.txt", "a/b.txt", "a/b.txt"},
         {"a/../b", "a/../b", "a/../b"},        // relative ".." stays; reads check containment
-        {"a/..", "a/..", "a/.."},
         {"a/../../secret", "a/../../secret", "a/../../secret"},
         {"../x", kRefused, kRefused},
-        {"..", kRefused, kRefused},
         {"./../x", kRefused, kRefused},        // "." goes first, then the leading ".." shows
         {"/abs/file", "abs/file", kRefused},   // absolute: made relative, or refused
-        {"/", "", kRefused},
         {"//etc//hosts", "etc/hosts", kRefused},
         {"/../etc", "etc", kRefused},          // an absolute path cannot climb above "/"
         {"a//b", "a/b", "a/b"},
-        {"a/./b", "a/b", "a/b"},
         {"./a", "a", "a"},
         {".", ".", ""},
         {"", "", ""},
         {"a/b/", "a/b", "a/b"},
-        {"a/b///", "a/b", "a/b"},
         {"~", "home/user", kRefused},
-        {"~/notes.md", "home/user/notes.md", kRefused},
         {"~/../../x", "x", kRefused},
         {"dir/~", "dir/~", "dir/~"},           // only a leading tilde expands
         {std::string("a\0b", 3), kRefused, kRefused},
         {longName, longName, longName},
         {"caf\xe9/\xff\xfe", "caf\xe9/\xff\xfe", "caf\xe9/\xff\xfe"},  // bytes, not text
-        {"...", "...", "..."},
         {"..hidden", "..hidden", "..hidden"},
     };
     for (const auto& c : cases) {
@@ -63,11 +56,9 @@ TEST(PathRules, LexicalNormalisationAndContainmentDecideWhatAReadMayReach) {
         bool contained;
     };
     const Case cases[] = {
-        {"/p", "/p/a/b", "/p/a/b", true},
         {"/p", "/p/a/..", "/p", true},
         {"/p", "/p/a/../../secret", "/secret", false},
         {"/p", "/p/../p2/x", "/p2/x", false},        // a sibling sharing the prefix text
-        {"/p/", "/p/./x", "/p/x", true},
         {"/", "/etc/hosts", "/etc/hosts", true},
         {"/p", "/p/a/./../../../..", "/", false},
         {"rel", "rel/../../x", "../x", false},       // a relative root keeps what it cannot resolve
@@ -86,12 +77,10 @@ TEST(PathRules, RelativePathFromRootSpellsTheRootAsEmptyAndRefusesOutsiders) {
         std::optional<std::string> expected;
     };
     const Case cases[] = {
-        {"/p", "/p", ""},
         {"/p/", "/p", ""},
         {"/p/a/b", "/p/", "a/b"},
         {"/p//a/./b", "/p", "a/b"},
         {"/pa/b", "/p", std::nullopt},
-        {"/q", "/p", std::nullopt},
         {"/x", "/", "x"},
     };
     for (const auto& c : cases) {

@@ -43,7 +43,6 @@ TEST(SaveLeftovers, OnlyOurOwnOldFilesGoWhenTheFolderIsSavedIntoOrTheProjectOpen
         {".velko-save-89ABCDEF.tmp", Kind::File, false, false},  // may be a save running now
         {".velko-save-0123abcd.tmp", Kind::File, true, false},   // we write upper-case digits
         {".velko-save-0123ABC.tmp", Kind::File, true, false},
-        {".velko-save-0123ABCDE.tmp", Kind::File, true, false},
         {".velko-save-0123ABCG.tmp", Kind::File, true, false},
         {"velko-save-0123ABCD.tmp", Kind::File, true, false},
         {".velko-save-0123ABCD.tmp~", Kind::File, true, false},

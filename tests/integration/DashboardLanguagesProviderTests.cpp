@@ -3,15 +3,11 @@
 // owner, and only to the right headers. The token reaches the server and
 // nothing else: not a log line, even when the server echoes it.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdio>
 
 #include "dashboard/DashboardLanguagesProvider.h"
+#include "integration/GitTestRepos.h"
 #include "platform/http/CurlHttpClient.h"
-#include "support/TestSupport.h"
 
 using namespace velko;
 
@@ -19,7 +15,7 @@ namespace {
 
 const std::string kToken = "gho_velkoDashboardToken42";
 const char* const kServer = R"PY(
-import http.server, os, sys
+import http.server, sys
 log, token = open(sys.argv[1], "a"), "gho_velkoDashboardToken42"
 answers = {"ok": (200, b'{"Swift": 100, "Shell": 20.0}'), "unauthorized": (401, b"{}"), "forbidden": (403, b"{}"),
            "missing": (404, b"{}"), "broken": (500, ("token %s rejected\n%s" % (token, "x" * 1000)).encode()),
@@ -40,28 +36,14 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.end_headers()
         self.wfile.write(body)
 server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-print(os.getpid(), server.server_address[1], flush=True)
+print(server.server_address[1], flush=True)
 server.serve_forever()
 )PY";
 
-struct LanguagesServer {
-    explicit LanguagesServer(const test::TempDir& dir) : log(dir.file("requests.log")) {
-        std::string command = "exec python3 '" + dir.write("server.py", kServer) + "' '" + log + "' </dev/null";
-        pipe = popen(command.c_str(), "r");
-        if (pipe && std::fscanf(pipe, "%d %d", &pid, &port) != 2) port = 0;
-    }
-    ~LanguagesServer() {
-        if (pid > 0) kill(pid, SIGTERM);
-        if (pipe) pclose(pipe);
-    }
-    long requests() const {
-        std::string text = test::readFile(log);
-        return std::count(text.begin(), text.end(), '\n');
-    }
-    std::string log;
-    FILE* pipe = nullptr;
-    int pid = 0, port = 0;
-};
+long lines(const std::string& path) {
+    std::string text = test::readFile(path);
+    return std::count(text.begin(), text.end(), '\n');
+}
 
 struct FixedToken final : GitAuthProviding {
     std::optional<GitAuthToken> loadToken() override {
@@ -81,26 +63,12 @@ struct RemoteByDirectory final : GitProcessRunning {
     }
 };
 
-// Standard error, where GLib's log lines go, while `body` runs.
-template <typename F>
-std::string capturingStandardError(const test::TempDir& dir, F&& body) {
-    std::fflush(stderr);
-    int saved = dup(STDERR_FILENO);
-    FILE* file = std::fopen(dir.file("stderr.txt").c_str(), "w");
-    dup2(fileno(file), STDERR_FILENO);
-    body();
-    std::fflush(stderr);
-    dup2(saved, STDERR_FILENO);
-    close(saved);
-    std::fclose(file);
-    return test::readFile(dir.file("stderr.txt"));
-}
-
 }  // namespace
 
 TEST(DashboardLanguagesProvider, AnswersByTheServersStatusAndSendsTheTokenNowhereElse) {
     test::TempDir dir;
-    LanguagesServer server(dir);
+    const std::string requests = dir.file("requests.log");
+    test::LoopbackServer server(dir.write("server.py", kServer), {requests});
     ASSERT_GT(server.port, 0);
     auto auth = std::make_shared<FixedToken>();
     DashboardLanguagesProvider provider({
@@ -132,10 +100,14 @@ TEST(DashboardLanguagesProvider, AnswersByTheServersStatusAndSendsTheTokenNowher
         SCOPED_TRACE(std::string(c.owner) + (c.withToken ? "" : " without a token"));
         auth->token = c.withToken ? kToken : "";
         ProjectMetadata project{Uuid::random(), c.owner, dir.file(c.owner), std::nullopt, {}};
-        long before = server.requests();
+        long before = lines(requests);
         std::optional<LanguagesAnswer> answer;
-        std::string log = capturingStandardError(dir, [&] { answer = provider.fetchLanguages(project); });
-        EXPECT_EQ(server.requests() - before, c.requests);
+        {
+            test::CapturedStderr captured(dir.file("stderr.txt"));  // where GLib's log lines go
+            answer = provider.fetchLanguages(project);
+        }
+        std::string log = test::readFile(dir.file("stderr.txt"));
+        EXPECT_EQ(lines(requests) - before, c.requests);
         EXPECT_EQ(log.find(kToken), std::string::npos) << log;
         EXPECT_NE(log.find(c.logged), std::string::npos) << log;
         ASSERT_TRUE(answer);
