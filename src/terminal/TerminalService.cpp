@@ -10,6 +10,7 @@
 #include "terminal/CodexShimInstaller.h"
 #include "terminal/PTYDriver.h"
 #include "terminal/TerminalDebugDumpStore.h"
+#include "terminal/TerminalMessages.h"
 #include "workspace/ConfigStore.h"
 
 namespace velko {
@@ -140,7 +141,7 @@ void TerminalService::createSession(const std::optional<std::string>& title, con
 void TerminalService::notifyUnavailable(const Uuid& sessionID, const std::optional<std::string>& title) {
     if (isTerminalV2Enabled() || !m_bridge.lock()) return;
     if (!m_unavailableNotifiedSessions.insert(sessionID).second) return;  // once per session
-    std::string line = "[velko] Terminal2 準備中: " + (title ? *title : sessionID.toString());
+    std::string line = std::string(terminal_messages::kUnavailableLead) + (title ? *title : sessionID.toString());
     OrderedJson output;
     output["sessionId"] = sessionID.toString();
     output["chunk"] = base64Encode(line);
