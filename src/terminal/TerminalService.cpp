@@ -23,12 +23,22 @@ std::shared_ptr<TerminalService> TerminalService::create(std::shared_ptr<ConfigS
     service->m_coordinator->setDelegate(service);
     std::weak_ptr<TerminalService> weak = service;
     // Publications arrive on a later turn of the main queue, the current value
-    // too. Each delivery reads the configuration as it is by then: a value
-    // captured at publication can be older than a session created since, and
+    // too, and those that come while one is waiting are folded into it: the
+    // store publishes up to three times per change, and at launch the first
+    // delivery and the file's bootstrap come together. So the sessions are
+    // synchronised once per burst (a shell that cannot start fails once), and
+    // with the configuration as it is by then: a value captured at
+    // publication can be older than a session created since, and
     // synchronising with it would end that session right after its birth.
     auto deliver = [weak](const AppConfig&) {
+        auto self = weak.lock();
+        if (!self || self->m_deliveryPending) return;
+        self->m_deliveryPending = true;
         mainQueue().post([weak] {
-            if (auto self = weak.lock()) self->handleConfigChange(self->m_configStore->config());
+            auto self = weak.lock();
+            if (!self) return;
+            self->m_deliveryPending = false;
+            self->handleConfigChange(self->m_configStore->config());
         });
     };
     service->m_subscription = service->m_configStore->subscribe(deliver);

@@ -89,6 +89,7 @@ private:
     std::unordered_map<Uuid, RuntimeState> m_runtimeStates;
     std::optional<Uuid> m_activeInputSessionID;
     size_t m_subscription = 0;
+    bool m_deliveryPending = false;  // a configuration delivery waits on the main queue
 };
 
 }  // namespace velko
