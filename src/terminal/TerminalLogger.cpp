@@ -10,6 +10,7 @@
 #include "core/Base64.h"
 #include "core/Json.h"
 #include "core/Paths.h"
+#include "core/PrivateFiles.h"
 #include "core/SerialQueue.h"
 #include "core/Time.h"
 
@@ -17,9 +18,10 @@ namespace velko {
 
 namespace {
 
-// Appends `bytes` to the file, creating it when it is missing. False on any failure.
+// Appends `bytes` to the file, creating it when it is missing. False on any
+// failure. The log holds what was typed, passwords too: the user's alone.
 bool appendToFile(const std::string& path, const std::string& bytes) {
-    int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    int fd = openPrivateForAppend(path);
     if (fd < 0) return false;
     const char* data = bytes.data();
     size_t left = bytes.size();
@@ -61,7 +63,7 @@ std::shared_ptr<TerminalLogger> TerminalLogger::create(std::optional<std::string
     } else {
         std::string directory = cacheDirectory();
         if (directory.empty()) directory = temporaryDirectory() + "/velko";
-        (void)createDirectories(directory);  // a failure shows up as unwritable lines, which are dropped
+        (void)ensurePrivateDirectory(directory);  // a failure shows up as unwritable lines, which are dropped
         path = directory + "/velko-terminal.log";
     }
     return std::shared_ptr<TerminalLogger>(new TerminalLogger(std::move(path), maxFileSize));
