@@ -229,10 +229,14 @@ void TerminalDebugDumpStore::writeLocked(const Uuid& sessionID, const std::strin
 }
 
 void TerminalDebugDumpStore::performStartupMaintenance() {
-    runSync([this] {
-        if (!validateDirectoryLocked(false)) return;  // a first run creates nothing
-        m_isPrepared = true;
-        maintenanceLocked();
+    // Queued, not waited for: whatever uses the folder later runs on the same
+    // queue behind it, so launch does not wait on a listing of old dumps.
+    std::weak_ptr<TerminalDebugDumpStore> weak = weak_from_this();
+    m_queue->post([weak] {
+        auto self = weak.lock();
+        if (!self || !self->validateDirectoryLocked(false)) return;  // a first run creates nothing
+        self->m_isPrepared = true;
+        self->maintenanceLocked();
     });
 }
 

@@ -7,8 +7,8 @@
 // are mode 0600 in a folder of mode 0700.
 //
 // All disk work runs on the "app.velko.terminal.debugdump.store" queue;
-// record() only enqueues. prepareForWriting() and performStartupMaintenance()
-// hop there synchronously and must not be called from that queue. Every
+// record() and performStartupMaintenance() only enqueue. prepareForWriting()
+// hops there synchronously and must not be called from that queue. Every
 // failure drops the entry concerned; a folder that is a symbolic link or a
 // file stops all dumping.
 

@@ -54,8 +54,16 @@ TerminalService::TerminalService(std::shared_ptr<ConfigStore> configStore,
       m_codexShimInstaller(std::move(installer)) {
     if (auto store = m_coordinator->debugDumpStore()) store->performStartupMaintenance();
     m_coordinator->updateDebugDump(m_configStore->config().hasFeature(Feature::TerminalDebugDump));
-    // The shim is installed here, once per run.
-    if (m_codexShimInstaller) m_coordinator->setEnvironmentOverrides(m_codexShimInstaller->environmentOverrides());
+    // The shim is installed once per run, starting here but off the main
+    // thread: its files are written while the window comes up, and the first
+    // shell, which needs them, waits for them in useShimEnvironment().
+    if (m_codexShimInstaller) m_codexShimInstaller->installInBackground();
+}
+
+void TerminalService::useShimEnvironment() {
+    if (!m_codexShimInstaller || m_shimEnvironmentSet) return;
+    m_shimEnvironmentSet = true;
+    m_coordinator->setEnvironmentOverrides(m_codexShimInstaller->environmentOverrides());
 }
 
 TerminalService::~TerminalService() {
@@ -90,6 +98,7 @@ void TerminalService::handleConfigChange(const AppConfig& config) {
     m_coordinator->updateDebugDump(config.hasFeature(Feature::TerminalDebugDump));
     const bool enabled = config.hasFeature(Feature::TerminalV2);
     if (enabled) {
+        useShimEnvironment();
         m_coordinator->synchronize(config.cliSessions);
         for (const auto& session : config.cliSessions) {
             if (m_runtimeStates.count(session.id)) continue;
@@ -144,8 +153,12 @@ void TerminalService::createSession(const std::optional<std::string>& title, con
     m_runtimeStates[session.id] = RuntimeState{SessionStatus::booting(), cols, rows, std::nullopt};
     const bool enabled = isTerminalV2Enabled();
     dispatchCurrentSnapshot(enabled);
-    if (enabled) m_coordinator->startSession(session);
-    else notifyUnavailable(session.id, session.title);
+    if (enabled) {
+        useShimEnvironment();
+        m_coordinator->startSession(session);
+    } else {
+        notifyUnavailable(session.id, session.title);
+    }
 }
 
 void TerminalService::notifyUnavailable(const Uuid& sessionID, const std::optional<std::string>& title) {
