@@ -31,6 +31,9 @@ struct TerminalLogEvent {
     std::optional<std::string> chunk;
     std::optional<std::string> message;
     std::optional<std::map<std::string, std::string>> metadata;
+    // `chunk` already in base64, for a caller that encoded it anyway (the
+    // output road); written as it is, in place of `chunk`.
+    std::optional<std::string> chunkBase64 = std::nullopt;
 
     static const char* rawValue(Event event);
 };
