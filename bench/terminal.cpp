@@ -45,6 +45,7 @@
 #include "terminal/TerminalOutputNormalizer.h"
 #include "terminal/TerminalOutputPump.h"
 #include "terminal/TerminalProcess.h"
+#include "terminal/TerminalReaper.h"
 #include "terminal/TerminalService.h"
 #include "workspace/ConfigStore.h"
 
@@ -166,10 +167,11 @@ void BM_OutputPath(benchmark::State& state) {
     double rawSeconds = 0, pathSeconds = 0, pathCpu = 0;
     uint64_t rawBytes = 0, pathBytes = 0;
     std::vector<double> ratios;
+    TerminalReaper reaper;
     // Baseline: the same PTY, only counted.
     auto runRaw = [&] {
         auto start = Clock::now();
-        auto raw = PTYDriver::spawn("/bin/cat", {input}, "/", {}, 120, 40);
+        auto raw = PTYDriver::spawn(reaper, "/bin/cat", {input}, "/", {}, 120, 40);
         if (!raw) return false;
         rawBytes += drainCounting(raw->masterHandle.get());
         waitForExit(*raw->process);
@@ -182,7 +184,7 @@ void BM_OutputPath(benchmark::State& state) {
         auto logger = TerminalLogger::create(sandbox().root + "/cache/velko-terminal.log");
         const double cpuBefore = cpuSeconds();
         auto start = Clock::now();
-        auto spawned = PTYDriver::spawn("/bin/cat", {input}, "/", {}, 120, 40);
+        auto spawned = PTYDriver::spawn(reaper, "/bin/cat", {input}, "/", {}, 120, 40);
         if (!spawned) return false;
         {
             TerminalOutputPump pump(Uuid::random(), spawned->masterHandle.get(), logger, sink);
@@ -331,7 +333,9 @@ struct Terminals {
     ~Terminals() {
         service->shutdown();
         queue->runUntilIdle();
-        TerminalProcess::waitForAbandonedChildren(std::chrono::seconds(5));
+        // Closed shells leave within the reaper's grace period.
+        for (int i = 0; i < 500 && coordinator->reaper()->childCount() > 0; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     Uuid create() {
         service->createSession(std::string("bench"), std::nullopt);
@@ -351,7 +355,7 @@ void BM_SessionStart(benchmark::State& state) {
     for (auto _ : state) {
         auto start = Clock::now();
         const double bareBefore = bareSeconds, velkoBefore = velkoSeconds;
-        auto bare = PTYDriver::spawn("/bin/zsh", {"-l"}, sandbox().root, {}, 120, 40);
+        auto bare = PTYDriver::spawn(*terminals.coordinator->reaper(), "/bin/zsh", {"-l"}, sandbox().root, {}, 120, 40);
         if (!bare) {
             state.SkipWithError("zsh did not start");
             return;

@@ -8,9 +8,12 @@ packages=(
   # Without a CJK font every Japanese label of the window is a row of empty boxes.
   fonts-noto-cjk
   libgtk-4-dev libwebkitgtk-6.0-dev libjavascriptcoregtk-6.0-dev
-  nlohmann-json3-dev libcurl4-openssl-dev libssl-dev libsecret-1-dev
+  nlohmann-json3-dev libcurl4-openssl-dev libssl-dev libsecret-1-dev libxml2-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   xvfb xauth libxtst-dev ibus gnome-keyring dbus dbus-x11 libsecret-tools
+  # The account's tests: the fake GitHub (python3), its TLS certificate
+  # (openssl) and the test browser's hand-off (gio, from libglib2.0-bin).
+  python3 openssl libglib2.0-bin
   chromium locales
 )
 

@@ -5,7 +5,9 @@
 // askpass script of the broker, the user's credential helpers switched off for
 // that one child), ssh in batch mode unless the user chose their own, and the
 // outcome as a typed GitError. A token the server refuses is forgotten and the
-// account reported disconnected through `onTokenRefused`.
+// account reported disconnected through `onTokenRefused`; a run refused with a
+// token that was replaced meanwhile (a refresh, a new sign-in) is tried once
+// more with the new one.
 //
 // Called on the git queues; holds no state of its own between commands, so
 // several queues may share it. Owned by GitService.
@@ -58,6 +60,11 @@ public:
     // True when `remoteURL` is a GitHub HTTPS remote, whose runs carry the token.
     bool requiresToken(const std::string& remoteURL) const;
     bool hasToken() const;
+    std::optional<GitAuthToken> token() const;
+    // The server refused `refusedToken`: when it is still the stored one it is
+    // deleted and the account reported disconnected through `onTokenRefused`.
+    // False when another token has been stored since; that one stays.
+    bool forgetRefusedToken(const std::string& refusedToken);
     // Only the real runner can ask git itself for a remote's URL.
     bool runsRealGit() const { return m_runsRealGit; }
     const std::shared_ptr<GitProcessRunning>& processRunner() const { return m_runner; }

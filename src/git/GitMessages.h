@@ -24,6 +24,24 @@ inline constexpr std::string_view kUnknownCommandError = "Git コマンドで不
 inline constexpr std::string_view kAuthenticationFailed = "GitHub 認証に失敗しました";
 inline constexpr std::string_view kSignInRequired = "GitHub にサインインしてください";
 
+// History, graph and branch map. The page tells the failures of its views from
+// those of an action by these beginnings.
+inline constexpr std::string_view kHistoryFailedPrefix = "コミット履歴の取得に失敗しました: ";
+inline constexpr std::string_view kGraphFailedPrefix = "コミットグラフの取得に失敗しました: ";
+inline constexpr std::string_view kProjectNotFound = "プロジェクトを確認できません";
+
+// What went wrong asking GitHub's GraphQL API.
+inline constexpr std::string_view kGraphQLInvalidURL = "GraphQL エンドポイントの URL が不正です";
+inline constexpr std::string_view kGraphQLInvalidResponse = "GraphQL 応答が不正です";
+inline constexpr std::string_view kGraphQLUnauthorized = "GraphQL リクエストが認証されませんでした";
+inline constexpr std::string_view kGraphQLEmptyData = "GraphQL 応答にデータが含まれていません";
+inline constexpr std::string_view kGraphQLUndecodable = "GraphQL 応答を読み取れませんでした";
+inline constexpr std::string_view kGitHubTimedOut = "GitHub から時間内に応答がありませんでした";
+inline constexpr std::string_view kGitHubCannotConnect = "GitHub に接続できませんでした";
+inline constexpr std::string_view kGitHubTls = "GitHub と安全に接続できませんでした";
+inline constexpr std::string_view kGitHubCancelled = "GitHub への問い合わせを中止しました";
+inline constexpr std::string_view kGitHubTransport = "GitHub との通信に失敗しました";
+
 // "<git push> の起動に失敗: <why>"
 inline std::string launchFailed(std::string_view command, std::string_view why) {
     return std::string(command) + " の起動に失敗: " + std::string(why);

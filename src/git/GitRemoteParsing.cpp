@@ -1,5 +1,7 @@
 #include "git/GitRemoteParsing.h"
 
+#include <vector>
+
 #include "git/GitText.h"
 
 namespace velko {
@@ -70,6 +72,68 @@ bool reachedThroughSsh(std::string_view url) {
     if (lower.find("://") != std::string::npos) return false;
     size_t colon = url.find(':');
     return colon != std::string_view::npos && colon > 0 && url.substr(0, colon).find('/') == std::string_view::npos;
+}
+
+namespace {
+
+std::string_view trimSlashes(std::string_view text) {
+    while (!text.empty() && text.front() == '/') text.remove_prefix(1);
+    while (!text.empty() && text.back() == '/') text.remove_suffix(1);
+    return text;
+}
+
+std::optional<RepositoryCoordinates> coordinatesFromPath(std::string_view path) {
+    std::vector<std::string_view> pieces;
+    size_t start = 0;
+    while (start <= path.size()) {
+        size_t end = path.find('/', start);
+        if (end == std::string_view::npos) end = path.size();
+        if (end > start) pieces.push_back(path.substr(start, end - start));
+        start = end + 1;
+    }
+    if (pieces.size() < 2) return std::nullopt;
+    return RepositoryCoordinates{std::string(pieces[pieces.size() - 2]), std::string(pieces.back())};
+}
+
+// The host of "scheme://[user@]host[:port]/path" and the path behind it.
+bool splitURL(std::string_view url, std::string_view& host, std::string_view& path) {
+    size_t schemeEnd = url.find("://");
+    if (schemeEnd == std::string_view::npos) return false;
+    std::string_view rest = url.substr(schemeEnd + 3);
+    size_t authorityEnd = rest.find_first_of("/?#");
+    std::string_view authority = rest.substr(0, authorityEnd);
+    if (size_t at = authority.rfind('@'); at != std::string_view::npos) authority = authority.substr(at + 1);
+    if (!authority.empty() && authority.front() == '[') {
+        size_t close = authority.find(']');
+        if (close == std::string_view::npos) return false;
+        host = authority.substr(0, close + 1);
+    } else {
+        host = authority.substr(0, authority.find(':'));
+    }
+    path = authorityEnd == std::string_view::npos ? std::string_view() : rest.substr(authorityEnd);
+    path = path.substr(0, path.find_first_of("?#"));
+    return !host.empty();
+}
+
+}  // namespace
+
+std::optional<RepositoryCoordinates> parseGitHubRemoteURL(std::string_view remoteURL, std::string_view webHost) {
+    if (webHost.empty()) return std::nullopt;
+    std::string_view text = remoteURL.substr(0, remoteURL.find('\n'));
+    if (text.size() >= 4 && text.substr(text.size() - 4) == ".git") text.remove_suffix(4);
+    std::string scpPrefix = "git@" + std::string(webHost) + ":";
+    if (text.rfind(scpPrefix, 0) == 0) return coordinatesFromPath(text.substr(scpPrefix.size()));
+    for (std::string_view scheme : {"ssh://", "http://", "https://"}) {
+        if (text.rfind(scheme, 0) != 0) continue;
+        std::string_view host, path;
+        if (splitURL(text, host, path) && toLower(host).find(toLower(webHost)) != std::string::npos) {
+            return coordinatesFromPath(trimSlashes(path));
+        }
+        break;
+    }
+    size_t at = text.find(webHost);
+    if (at == std::string_view::npos) return std::nullopt;
+    return coordinatesFromPath(trimSlashes(text.substr(at + webHost.size())));
 }
 
 }  // namespace velko

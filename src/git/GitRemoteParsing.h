@@ -32,4 +32,17 @@ bool requiresGitHubOAuth(std::string_view remoteURL, std::string_view webHost = 
 // "git://" and HTTP remotes never start ssh.
 bool reachedThroughSsh(std::string_view remoteURL);
 
+struct RepositoryCoordinates {
+    std::string owner;
+    std::string name;
+    friend bool operator==(const RepositoryCoordinates&, const RepositoryCoordinates&) = default;
+};
+
+// Owner and name of a GitHub repository from a remote URL: scp-like
+// "git@<host>:o/r.git", ssh/http(s) URLs on the host, or any text that names
+// the host followed by a path; the last two path segments count. Nothing for
+// a URL that does not name the web host at all.
+std::optional<RepositoryCoordinates> parseGitHubRemoteURL(std::string_view remoteURL,
+                                                          std::string_view webHost = kGitHubWebHost);
+
 }  // namespace velko

@@ -1,5 +1,8 @@
 #include "git/GitService.h"
 
+#include <thread>
+
+#include "git/GitCommitGraph.h"
 #include "git/GitCommitParsing.h"
 #include "git/GitJsonWriter.h"
 #include "git/GitMessages.h"
@@ -19,7 +22,46 @@ bool isEmptyDiff(std::string_view patch, const GitNumstat& counts) {
     return trimWhitespace(patch).empty() && counts.additions == 0 && counts.deletions == 0 && !counts.isBinary;
 }
 
+// Asks no server: the service was built without a way to reach GitHub.
+class UnreachableGitHub final : public HttpRequesting {
+public:
+    HttpResult perform(const HttpRequest&) override {
+        return fail(HttpError{HttpError::Kind::CannotConnect, "no HTTP client"});
+    }
+};
+
 }  // namespace
+
+struct GitService::HistoryPages {
+    std::mutex mutex;
+    int inFlight = 0;
+    std::vector<std::function<void()>> waiters;
+    std::atomic<bool> stopped{false};
+
+    void begin() {
+        std::lock_guard lock(mutex);
+        ++inFlight;
+    }
+    void end() {
+        std::vector<std::function<void()>> ready;
+        {
+            std::lock_guard lock(mutex);
+            if (--inFlight > 0) return;
+            ready.swap(waiters);
+        }
+        for (auto& waiter : ready) waiter();
+    }
+    void whenNone(std::function<void()> done) {
+        {
+            std::lock_guard lock(mutex);
+            if (inFlight > 0) {
+                waiters.push_back(std::move(done));
+                return;
+            }
+        }
+        done();
+    }
+};
 
 GitService::GitService(Dependencies dependencies)
     : m_scheduler(std::make_shared<GitScheduler>()),
@@ -27,10 +69,29 @@ GitService::GitService(Dependencies dependencies)
       m_commands(GitCommandContext::Options{
           std::move(dependencies.authProvider), std::move(dependencies.credentialBroker),
           std::move(dependencies.processRunner), std::move(dependencies.environment),
-          std::move(dependencies.gitHubWebHost),
+          dependencies.gitHubWebHost,
           [this](const std::optional<GitAuthToken>& record) {
               emit("github/oauth/status", gitTokenRefusedStatusPayload(record));
-          }}) {}
+          }}),
+      m_graphQL(std::move(dependencies.graphQLClient)),
+      m_localHistory(std::move(dependencies.localHistoryProvider)),
+      m_gitHubWebHost(dependencies.gitHubWebHost),
+      m_historyPages(std::make_shared<HistoryPages>()),
+      m_historyQueue(std::make_shared<ConcurrentQueue>("app.velko.git-service.history",
+                                                       std::max(1u, dependencies.historyThreads))) {
+    if (!m_graphQL) {
+        std::shared_ptr<HttpRequesting> http =
+            dependencies.http ? std::move(dependencies.http) : std::make_shared<UnreachableGitHub>();
+        m_graphQL = std::make_shared<HttpGitHubGraphQLClient>(std::move(http), std::move(dependencies.graphqlURL),
+                                                              dependencies.graphqlLimits);
+    }
+    if (!m_localHistory) m_localHistory = std::make_shared<GitLocalHistoryProvider>(m_commands);
+    m_paginator = std::make_unique<GitHistoryPaginator>(GitHistoryPaginator::Collaborators{
+        m_commands, m_localHistory, m_graphQL, m_gitHubWebHost,
+        [this](std::string_view type, const OrderedJson& payload) { emit(type, payload); }});
+    m_branchMaps = std::make_unique<GitBranchMapProvider>(
+        m_commands, GitBranchMapProvider::Options{dependencies.branchMapParallelism, std::move(dependencies.now)});
+}
 
 GitService::~GitService() {
     // Whatever is still queued or running belongs to a service that is gone:
@@ -39,6 +100,10 @@ GitService::~GitService() {
     m_scheduler->stop();
     m_resolver.stop();
     m_commands.stop(kStopGrace);
+    m_historyPages->stopped = true;
+    // The last reference may go on a page of the pool itself; the pool cannot
+    // end its own threads, so another thread waits for that page to return.
+    if (m_historyQueue->isCurrent()) std::thread([queue = std::move(m_historyQueue)]() mutable { queue.reset(); }).detach();
 }
 
 void GitService::enqueue(std::function<void(GitService&)> block) {
@@ -55,13 +120,16 @@ void GitService::enqueueForProject(const std::optional<Uuid>& projectID,
     });
 }
 
-void GitService::whenIdle(std::function<void()> done) { m_scheduler->whenIdle(std::move(done)); }
+void GitService::whenIdle(std::function<void()> done) {
+    m_scheduler->whenIdle([pages = m_historyPages, done = std::move(done)]() mutable { pages->whenNone(std::move(done)); });
+}
 
 void GitService::stop(std::chrono::milliseconds grace, std::function<void()> done) {
     m_scheduler->stop();
+    m_historyPages->stopped = true;
     m_resolver.stop();
     m_commands.stop(grace);
-    m_scheduler->whenIdle(std::move(done));
+    whenIdle(std::move(done));
 }
 
 void GitService::emit(std::string_view type, const OrderedJson& payload) {
@@ -136,6 +204,48 @@ void GitService::fetchRemoteTracking(const Uuid& projectID) {
 void GitService::reachRefreshBarrier(const Uuid& projectID, std::string requestId) {
     enqueue([projectID, requestId = std::move(requestId)](GitService& self) {
         self.emit("git/refresh/barrier", gitRefreshBarrierPayload(projectID.toString(), requestId));
+    });
+}
+
+void GitService::fetchCommitHistory(const Uuid& projectID, std::optional<std::string> cursor, int64_t pageSize,
+                                    std::optional<std::string> requestId) {
+    std::weak_ptr<GitService> weak = weak_from_this();
+    auto pages = m_historyPages;
+    const bool allowFiles = m_paginator->supportsCommitFilesField();
+    pages->begin();
+    m_historyQueue->post([weak, pages, projectID, cursor = std::move(cursor), pageSize, requestId = std::move(requestId),
+                          allowFiles] {
+        struct PageEnd {
+            std::shared_ptr<HistoryPages> pages;
+            ~PageEnd() { pages->end(); }
+        } pageEnd{pages};
+        if (pages->stopped) return;
+        auto self = weak.lock();
+        if (!self) return;
+        if (auto project = self->m_resolver.resolve(projectID))
+            self->m_paginator->fetchPage(*project, cursor, pageSize, requestId, allowFiles);
+    });
+}
+
+void GitService::fetchCommitGraph(const Uuid& projectID, int64_t pageSize) {
+    enqueueForProject(projectID, [pageSize](GitService& self, const GitProject& project) {
+        self.doFetchCommitGraph(project, pageSize);
+    });
+}
+
+void GitService::fetchBranchMap(const Uuid& projectID, int64_t limit) {
+    enqueue([projectID, limit](GitService& self) {
+        // The page waits for an answer: an unknown project gets one too.
+        auto project = self.m_resolver.resolve(projectID);
+        if (!project) {
+            OrderedJson error;
+            error["projectId"] = projectID.toString();
+            error["message"] = gitmsg::kProjectNotFound;
+            self.emit("git/branch-map/error", error);
+            return;
+        }
+        GitBranchMap map = self.m_branchMaps->loadBranchMap(*project, limit);
+        self.emit("git/branch-map", gitBranchMapPayload(project->id.toString(), map));
     });
 }
 
@@ -449,6 +559,46 @@ void GitService::doFetchRemoteTracking(const GitProject& project) {
         return;
     }
     emitTracking(branch, remote, counts->right, counts->left);
+}
+
+// --- commit graph ---------------------------------------------------------------------
+
+void GitService::doFetchCommitGraph(const GitProject& project, int64_t pageSize) {
+    const std::string projectId = project.id.toString();
+    auto emitGraph = [&](const GitCommitGraph& graph) {
+        if (auto sink = m_eventSink.lock()) {
+            sink->dispatchEncodedEvent("git/graph", makeEventEnvelope("git/graph", encodeCommitGraphPayload(projectId, graph)));
+        }
+    };
+    auto emitEmpty = [&] { emitGraph(GitCommitGraph{}); };
+    if (m_commitGraphUnavailableProjects.count(project.id)) return emitEmpty();
+    auto token = m_commands.token();
+    if (!token) return emitEmpty();
+    auto url = lookUpRemoteURL(m_commands, project);
+    auto coordinates = url ? parseGitHubRemoteURL(*url, m_gitHubWebHost) : std::nullopt;
+    if (!coordinates) return emitEmpty();
+
+    OrderedJson variables;
+    variables["owner"] = coordinates->owner;
+    variables["name"] = coordinates->name;
+    variables["pageSize"] = pageSize;
+    auto result = m_graphQL->execute(kCommitGraphQuery, variables, token->accessToken);
+    if (!result) {
+        const GitHubGraphQLClientError& error = result.error();
+        if (error.kind == GitHubGraphQLClientError::Kind::Unauthorized) {
+            m_commands.forgetRefusedToken(token->accessToken);
+        } else if (shouldDisableCommitGraph(error)) {
+            // The query cannot work for this project: an empty graph, now and later, without a word.
+            m_commitGraphUnavailableProjects.insert(project.id);
+            m_commitGraphFailureReportedProjects.insert(project.id);
+            return emitEmpty();
+        }
+        sendResult(false, std::string(gitmsg::kGraphFailedPrefix) + error.errorDescription());
+        return;
+    }
+    auto& history = result.value().defaultBranchHistory;
+    if (!history || history->nodes.empty()) return emitEmpty();
+    emitGraph(buildCommitGraph(history->nodes));
 }
 
 }  // namespace velko

@@ -5,6 +5,9 @@
 // (GitProjectResolver), runs git (GitCommandContext), and answers with events
 // on the weak event sink. One git command runs at a time across all projects,
 // so a push holds back a later status refresh until its child has exited.
+// History pages are the exception: they run on a small pool of their own
+// ("app.velko.git-service.history", GitHistoryPaginator), beside the queue and
+// beside each other. The commit graph and the branch map hold the queue.
 //
 // Owned by the composition root; every block holds the service weakly and does
 // nothing once it is gone. The main thread must never wait for the git queue:
@@ -23,13 +26,17 @@
 #include <vector>
 
 #include "core/EventDispatching.h"
+#include "core/HttpRequesting.h"
 #include "core/Json.h"
 #include "core/Uuid.h"
 #include "git/GitCommandContext.h"
+#include "git/GitBranchMapProvider.h"
 #include "git/GitDiffParsing.h"
+#include "git/GitHistoryPaginator.h"
 #include "git/GitProjectResolver.h"
 #include "git/GitRemoteParsing.h"
 #include "git/GitScheduler.h"
+#include "core/SerialQueue.h"
 #include "workspace/ConfigStore.h"
 
 namespace velko {
@@ -45,6 +52,18 @@ public:
         std::optional<GitEnvironment> environment;
         // The web host whose HTTPS remotes carry the token.
         std::string gitHubWebHost = std::string(kGitHubWebHost);
+        // GitHub's GraphQL API: asked through `http` at `graphqlURL`, unless
+        // a client of its own is given. Without either, GitHub is never asked.
+        std::shared_ptr<HttpRequesting> http;
+        std::string graphqlURL = "https://" + std::string(kGitHubApiHost) + "/graphql";
+        HttpGitHubGraphQLClient::Limits graphqlLimits;
+        std::shared_ptr<GitHubGraphQLClient> graphQLClient;
+        // Local history pages; the default reads them with git.
+        std::shared_ptr<GitLocalHistoryProviding> localHistoryProvider;
+        // The branch map's clock and how many of its git commands run at once.
+        std::function<SystemTime()> now;
+        unsigned branchMapParallelism = 4;
+        unsigned historyThreads = 3;
     };
 
     // How long a git child that is running at shutdown gets after SIGTERM.
@@ -69,13 +88,20 @@ public:
     void fetch(const Uuid& projectID);
     void fetchRemoteTracking(const Uuid& projectID);
     void reachRefreshBarrier(const Uuid& projectID, std::string requestId);
+    // A page of the history list, on the history pool; no cursor starts over.
+    void fetchCommitHistory(const Uuid& projectID, std::optional<std::string> cursor, int64_t pageSize,
+                            std::optional<std::string> requestId);
+    void fetchCommitGraph(const Uuid& projectID, int64_t pageSize);
+    void fetchBranchMap(const Uuid& projectID, int64_t limit);
 
-    // Runs `done` on the queue once every block posted before it has run.
+    // Runs `done` once every block posted before it has run, history pages
+    // included (on the queue, or on the pool thread of the last page).
     void whenIdle(std::function<void()> done);
-    // Stops the engine for good: blocks that have not started are dropped, a
-    // block waiting for the main thread gives up, the running git child gets
-    // SIGTERM and SIGKILL after `grace`. `done` runs on the queue once the
-    // block running now has returned.
+    // Stops the engine for good: blocks and pages that have not started are
+    // dropped, a block waiting for the main thread gives up, the running git
+    // children get SIGTERM and SIGKILL after `grace`. `done` runs once the
+    // block and the pages running now have returned. (Requests to GitHub in
+    // flight end when the HTTP client is cancelled, which its owner does.)
     void stop(std::chrono::milliseconds grace, std::function<void()> done);
 
 private:
@@ -100,6 +126,7 @@ private:
     void doCommit(const GitProject& project, const std::string& message);
     void doRemoteAction(const GitProject& project, RemoteAction action);
     void doFetchRemoteTracking(const GitProject& project);
+    void doFetchCommitGraph(const GitProject& project, int64_t pageSize);
 
     std::optional<OrderedJson> buildDiffPayload(const GitDiffTarget& target, const GitProject& project);
     std::optional<OrderedJson> buildDiffPayloadForUntracked(const GitDiffTarget& target, const GitProject& project);
@@ -114,6 +141,17 @@ private:
     GitCommandContext m_commands;
     std::weak_ptr<EventDispatching> m_eventSink;
     std::set<Uuid> m_missingRemoteProjects;  // queue only
+    std::set<Uuid> m_commitGraphUnavailableProjects;       // queue only
+    std::set<Uuid> m_commitGraphFailureReportedProjects;   // queue only
+    std::shared_ptr<GitHubGraphQLClient> m_graphQL;
+    std::shared_ptr<GitLocalHistoryProviding> m_localHistory;
+    std::unique_ptr<GitHistoryPaginator> m_paginator;
+    std::unique_ptr<GitBranchMapProvider> m_branchMaps;
+    std::string m_gitHubWebHost;
+    // Pages in flight, and what waits for none to be.
+    struct HistoryPages;
+    std::shared_ptr<HistoryPages> m_historyPages;
+    std::shared_ptr<ConcurrentQueue> m_historyQueue;
 };
 
 }  // namespace velko

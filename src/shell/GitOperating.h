@@ -7,6 +7,7 @@
 // Called on the main thread. The bridge holds it weakly: messages for a
 // service that is gone are dropped.
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,6 +32,11 @@ public:
     virtual void fetch(const Uuid& projectID) = 0;
     virtual void fetchRemoteTracking(const Uuid& projectID) = 0;
     virtual void reachRefreshBarrier(const Uuid& projectID, std::string requestId) = 0;
+    // No cursor starts the walk over.
+    virtual void fetchCommitHistory(const Uuid& projectID, std::optional<std::string> cursor, int64_t pageSize,
+                                    std::optional<std::string> requestId) = 0;
+    virtual void fetchCommitGraph(const Uuid& projectID, int64_t pageSize) = 0;
+    virtual void fetchBranchMap(const Uuid& projectID, int64_t limit) = 0;
 };
 
 }  // namespace velko

@@ -4,8 +4,9 @@
 // and renaming below it. On disk these are the files subsystem's functions,
 // bound to the user's home folder (see makeDiskProjectFiles).
 //
-// rootPath() is called on the main thread; the jobs run on the bridge's file
-// queue, one after another. Implementations keep no state between calls. The
+// rootPath() looks at the disk too, so it runs with the jobs on the bridge's
+// file queue where it may be slow (it is also asked on the main thread for the
+// file requests); the jobs run there one after another. Implementations keep no state between calls. The
 // bridge owns it.
 
 #include <optional>

@@ -7,6 +7,7 @@
 #include "shell/GitOperating.h"
 #include "shell/ProjectStoring.h"
 #include "shell/TerminalMessageHandling.h"
+#include "shell/WebBridge.h"
 #include "terminal/TerminalService.h"
 #include "workspace/ConfigStore.h"
 
@@ -64,6 +65,12 @@ public:
     void reachRefreshBarrier(const Uuid& id, std::string requestId) override {
         m_service->reachRefreshBarrier(id, std::move(requestId));
     }
+    void fetchCommitHistory(const Uuid& id, std::optional<std::string> cursor, int64_t pageSize,
+                            std::optional<std::string> requestId) override {
+        m_service->fetchCommitHistory(id, std::move(cursor), pageSize, std::move(requestId));
+    }
+    void fetchCommitGraph(const Uuid& id, int64_t pageSize) override { m_service->fetchCommitGraph(id, pageSize); }
+    void fetchBranchMap(const Uuid& id, int64_t limit) override { m_service->fetchBranchMap(id, limit); }
 
 private:
     std::shared_ptr<GitService> m_service;
@@ -79,6 +86,31 @@ std::shared_ptr<TerminalMessageHandling> makeTerminalMessageHandling(std::shared
 }
 std::shared_ptr<GitOperating> makeGitOperating(std::shared_ptr<GitService> service) {
     return std::make_shared<GitServiceOperations>(std::move(service));
+}
+
+namespace {
+class GitEventSink final : public EventDispatching {
+public:
+    explicit GitEventSink(std::weak_ptr<WebBridge> bridge) : m_bridge(std::move(bridge)) {}
+    void dispatchEvent(std::string_view type, const OrderedJson& payload) override {
+        auto bridge = m_bridge.lock();
+        if (!bridge) return;
+        if (type == "github/oauth/status") return bridge->gitServiceDidUpdateOAuthStatus(payload);
+        bridge->dispatchEvent(type, payload);
+    }
+    void dispatchEncodedEvent(std::string_view type, std::string envelopeJson,
+                              std::function<void()> onDelivered) override {
+        if (auto bridge = m_bridge.lock())
+            bridge->dispatchEncodedEvent(type, std::move(envelopeJson), std::move(onDelivered));
+    }
+
+private:
+    std::weak_ptr<WebBridge> m_bridge;
+};
+}  // namespace
+
+std::shared_ptr<EventDispatching> makeGitEventSink(std::weak_ptr<WebBridge> bridge) {
+    return std::make_shared<GitEventSink>(std::move(bridge));
 }
 
 }  // namespace velko

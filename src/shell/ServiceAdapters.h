@@ -19,10 +19,16 @@ class TerminalMessageHandling;
 class GitOperating;
 class ExplorerMonitoring;
 class ProjectFileAccessing;
+class EventDispatching;
+class WebBridge;
 
 std::shared_ptr<ProjectStoring> makeProjectStoring(std::shared_ptr<ConfigStore> store);
 std::shared_ptr<TerminalMessageHandling> makeTerminalMessageHandling(std::shared_ptr<TerminalService> service);
 std::shared_ptr<GitOperating> makeGitOperating(std::shared_ptr<GitService> service);
+// The git service's events on their way to the bridge; the account status it
+// sends (a token the server refused) takes the bridge's account road, which
+// records it in the security log.
+std::shared_ptr<EventDispatching> makeGitEventSink(std::weak_ptr<WebBridge> bridge);
 std::shared_ptr<ExplorerMonitoring> makeExplorerMonitoring(std::shared_ptr<ExplorerService> service);
 // Files on the local disk; a tilde in a project's path means `homePath`.
 std::shared_ptr<ProjectFileAccessing> makeDiskProjectFiles(std::string homePath);

@@ -8,8 +8,7 @@ namespace velko::shell_messages {
 inline constexpr const char* kResumeConfigUnavailable = "設定を読み込めませんでした";
 inline constexpr const char* kResumeNoProjects = "復元できるプロジェクトが見つかりません";
 
-// "github/oauth/error" while no OAuth client is configured. English until the
-// account service brings its own texts.
-inline constexpr const char* kOAuthNotConfigured = "GitHub sign-in is not configured (no OAuth client id).";
+// "github/oauth/error" while no OAuth client is configured.
+inline constexpr const char* kOAuthNotConfigured = "GitHub サインインが設定されていません (OAuth クライアント ID がありません)";
 
 }  // namespace velko::shell_messages

@@ -292,13 +292,6 @@ void WebBridge::updateConfigSnapshot(const AppConfig& config) {
     dispatchOAuthStatus();
 }
 
-void WebBridge::dispatchOAuthStatus() {
-    // Without an account manager there is no stored token to report.
-    OrderedJson payload;
-    payload["status"] = "disconnected";
-    dispatchEvent("github/oauth/status", payload);
-}
-
 }  // namespace velko
 
 namespace velko {

@@ -30,6 +30,7 @@
 #include "core/EventDispatching.h"
 #include "core/Json.h"
 #include "core/Uuid.h"
+#include "dashboard/DashboardEventEmitting.h"
 #include "shell/WebViewHosting.h"
 #include "workspace/Models.h"
 
@@ -41,6 +42,14 @@ class TerminalMessageHandling;
 class GitOperating;
 class ExplorerMonitoring;
 class ProjectFileAccessing;
+class PreviewTabsPersistenceService;
+class AnalyticsLogging;
+class GitAuthManager;
+class GitHubOAuthCoordinator;
+class GitTokenRefresher;
+class SecurityEventLogging;
+struct OAuthTokenRecord;
+enum class OAuthError;
 
 // The fixed pieces of the injected script; the page's one convention with us.
 extern const char* const kEventScriptPrefix;
@@ -53,7 +62,9 @@ std::string buildEventScript(std::string_view envelopeJson);
 // The envelope JSON back out of a script built above, or nullopt (headless host).
 std::optional<std::string> envelopeFromEventScript(std::string_view script);
 
-class WebBridge final : public EventDispatching, public std::enable_shared_from_this<WebBridge> {
+class WebBridge final : public EventDispatching,
+                        public DashboardEventEmitting,
+                        public std::enable_shared_from_this<WebBridge> {
 public:
     using EventObserver = std::function<void(const std::string& type, const std::string& payloadJson)>;
 
@@ -89,7 +100,20 @@ public:
     // --- configuration snapshot (main thread) ---
     void updateConfigSnapshot(const AppConfig& config);
     static OrderedJson configSnapshotPayload(const AppConfig& config);
+
+    // --- GitHub account (WebBridgeOAuth.cpp; main thread) ---
+    // The status of the stored token, if any.
     void dispatchOAuthStatus();
+    // "connected" with the record, else "disconnected" with only `reason`.
+    void dispatchOAuthStatus(const OAuthTokenRecord* record, bool refreshed, std::optional<std::string> reason);
+    static OrderedJson oauthStatusPayload(const OAuthTokenRecord* record, bool refreshed,
+                                          const std::optional<std::string>& reason);
+    void setAuthManager(std::shared_ptr<GitAuthManager> manager);
+    void setSecurityLogger(std::shared_ptr<SecurityEventLogging> logger);
+    // Keeps both, becomes the delegate of both, and sends the status once more.
+    void attach(std::shared_ptr<GitHubOAuthCoordinator> coordinator, std::shared_ptr<GitTokenRefresher> refresher);
+    // The git engine's word that the server refused the token (any thread).
+    void gitServiceDidUpdateOAuthStatus(const OrderedJson& payload);
 
     // --- collaborators, assigned by the composition root ---
     void setProjectStore(std::weak_ptr<ProjectStoring> store) { m_projectStore = std::move(store); }
@@ -97,6 +121,18 @@ public:
     void setTerminalService(std::weak_ptr<TerminalMessageHandling> service) { m_terminalService = std::move(service); }
     void setGitService(std::weak_ptr<GitOperating> service) { m_gitService = std::move(service); }
     void setEventObserver(EventObserver observer) { m_eventObserver = std::move(observer); }
+    void setPreviewTabsService(std::shared_ptr<PreviewTabsPersistenceService> service) {
+        m_previewTabsService = std::move(service);
+    }
+    void setAnalyticsLogger(std::shared_ptr<AnalyticsLogging> logger) { m_analyticsLogger = std::move(logger); }
+    void setDashboardController(std::weak_ptr<DashboardControlling> controller) {
+        m_dashboardController = std::move(controller);
+    }
+
+    // --- dashboard events (any thread; WebBridgeDashboard.cpp) ---
+    void emitDashboardToggled(bool open) override;
+    void emitDashboardMetrics(const DashboardSnapshot& snapshot) override;
+    void emitDashboardMetricsError(const std::string& message) override;
 
     const std::optional<Uuid>& activeProjectID() const { return m_activeProjectID; }
     void setActiveProjectID(std::optional<Uuid> id) { m_activeProjectID = std::move(id); }
@@ -163,6 +199,13 @@ private:
     void handleOAuthStart(std::string_view, const Json*);
     void handleOAuthLogout(std::string_view, const Json*);
     void handleOAuthRequestStatus(std::string_view, const Json*);
+    class OAuthDelegate;
+    friend class OAuthDelegate;
+    void oauthDidComplete(const OAuthTokenRecord& record);
+    void oauthDidFail(OAuthError error);
+    void tokenDidRefresh(const OAuthTokenRecord& record);
+    void tokenRefreshDidFail(OAuthError error);
+    std::optional<std::string> storedLogin();
 
     // --- preview tabs, dashboard, analytics (WebBridgePreview.cpp) ---
     void handlePreviewTabsPersist(std::string_view, const Json* payload);
@@ -190,6 +233,14 @@ private:
     std::shared_ptr<ExplorerMonitoring> m_explorer;
     std::optional<Uuid> m_monitoredExplorerProjectID;
     EventObserver m_eventObserver;
+    std::shared_ptr<PreviewTabsPersistenceService> m_previewTabsService;
+    std::shared_ptr<AnalyticsLogging> m_analyticsLogger;
+    std::weak_ptr<DashboardControlling> m_dashboardController;
+    std::shared_ptr<GitAuthManager> m_authManager;
+    std::shared_ptr<GitHubOAuthCoordinator> m_oauthCoordinator;
+    std::shared_ptr<GitTokenRefresher> m_tokenRefresher;
+    std::shared_ptr<SecurityEventLogging> m_securityLogger;
+    std::shared_ptr<OAuthDelegate> m_oauthDelegate;
 };
 
 }  // namespace velko

@@ -77,9 +77,11 @@ void WebBridge::handleExplorerDirectoriesRequest(std::string_view, const Json* p
         std::weak_ptr<WebBridge> weak = self.weak_from_this();
         self.fileQueue().post([weak, files = self.m_files, answer, root = std::move(*root),
                                relativePaths = std::move(relativePaths), excluded = project->explorerExcludedPaths] {
-            auto bridge = weak.lock();
-            if (!bridge) return;
-            answer(*bridge, files->listDirectories(root, relativePaths, excluded));
+            // The bridge is held only to send the answer: a listing may take long, and
+            // the program may quit meanwhile.
+            if (weak.expired()) return;
+            auto snapshots = files->listDirectories(root, relativePaths, excluded);
+            if (auto bridge = weak.lock()) answer(*bridge, snapshots);
         });
     });
 }

@@ -1,8 +1,7 @@
 // Git messages of the page, handed to the git service with their arguments
 // read from the payload. Each operation schedules its work on the git queue
 // and returns; a message without the ids or texts it needs is dropped without
-// an answer. History, graph and branch map have no service behind them yet and
-// are dropped the same way.
+// an answer.
 #include "shell/GitOperating.h"
 #include "shell/WebBridge.h"
 
@@ -62,9 +61,27 @@ void WebBridge::handleGitDiff(std::string_view, const Json* payload) {
     });
 }
 
-void WebBridge::handleGitHistory(std::string_view, const Json*) {}
-void WebBridge::handleGitGraph(std::string_view, const Json*) {}
-void WebBridge::handleGitBranchMap(std::string_view, const Json*) {}
+void WebBridge::handleGitHistory(std::string_view, const Json* payload) {
+    withProject(m_gitService, payload, [payload](GitOperating& git, const Uuid& id) {
+        // The page's cursor comes in `cursorPayload`; a bare `cursor` is GitHub's own.
+        auto cursor = json::string(payload, "cursorPayload");
+        if (!cursor) cursor = json::string(payload, "cursor");
+        git.fetchCommitHistory(id, std::move(cursor), json::integer(payload, "pageSize").value_or(20),
+                               json::string(payload, "requestId"));
+    });
+}
+
+void WebBridge::handleGitGraph(std::string_view, const Json* payload) {
+    withProject(m_gitService, payload, [payload](GitOperating& git, const Uuid& id) {
+        git.fetchCommitGraph(id, json::integer(payload, "pageSize").value_or(50));
+    });
+}
+
+void WebBridge::handleGitBranchMap(std::string_view, const Json* payload) {
+    withProject(m_gitService, payload, [payload](GitOperating& git, const Uuid& id) {
+        git.fetchBranchMap(id, json::integer(payload, "limit").value_or(50));
+    });
+}
 
 void WebBridge::handleGitRemoteTracking(std::string_view, const Json* payload) {
     withProject(m_gitService, payload, [](GitOperating& git, const Uuid& id) { git.fetchRemoteTracking(id); });

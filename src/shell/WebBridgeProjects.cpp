@@ -41,12 +41,16 @@ void WebBridge::handleProjectActivate(std::string_view, const Json* payload) {
     auto id = json::uuid(payload, "id");
     if (!id) return;
     runOnMainWeak(weak_from_this(), [id = *id](WebBridge& self) {
-        if (auto store = self.m_projectStore.lock()) store->setActiveProject(id);
+        auto store = self.m_projectStore.lock();
+        std::optional<ProjectMetadata> project = store ? store->project(id) : std::nullopt;
+        if (store) store->setActiveProject(id);
         // Set even for an unknown id: the page asked for it, and the explorer and
         // previews follow the bridge's notion of the active project.
         self.m_activeProjectID = id;
         self.activateExplorerMonitoring(id);
         self.dispatchPreviewTabs(id);
+        if (auto dashboard = self.m_dashboardController.lock())
+            dashboard->noteCardOpened(id, project ? std::optional<std::string>(project->name) : std::nullopt);
         self.refreshGitStatus(id);
     });
 }

@@ -67,10 +67,12 @@ public:
         std::lock_guard lock(m_mutex);
         return token;
     }
-    void deleteToken() override {
+    bool deleteToken(const std::string& accessToken) override {
         std::lock_guard lock(m_mutex);
+        if (token && token->accessToken != accessToken) return false;
         token.reset();
         ++deletions;
+        return true;
     }
     std::optional<GitAuthToken> token;
     int deletions = 0;

@@ -241,8 +241,13 @@ TEST(GitCredentialBroker, TokenGoesOnlyIntoAPrivateFolderOfOurs) {
         auth->token = GitAuthToken{"tok", std::nullopt, std::nullopt};
         auto runner = std::make_shared<FakeGitRunner>();
         auto events = std::make_shared<EventRecorder>();
-        auto service = std::make_shared<GitService>(GitService::Dependencies{
-            projects, auth, std::make_shared<GitCredentialBroker>(), runner, GitEnvironment{}, "github.com"});
+        GitService::Dependencies deps;
+        deps.configProvider = projects;
+        deps.authProvider = auth;
+        deps.credentialBroker = std::make_shared<GitCredentialBroker>();
+        deps.processRunner = runner;
+        deps.environment = GitEnvironment{};
+        auto service = std::make_shared<GitService>(std::move(deps));
         service->setEventSink(events);
         std::string logPath = home.home() + "/velko.log";
         {

@@ -113,6 +113,17 @@ struct FakeGit final : GitOperating, Recording {
     void reachRefreshBarrier(const Uuid& id, std::string request) override {
         log("git.barrier " + id.toString() + " " + request);
     }
+    void fetchCommitHistory(const Uuid& id, std::optional<std::string> cursor, int64_t pageSize,
+                            std::optional<std::string> requestId) override {
+        log("git.history " + id.toString() + " " + cursor.value_or("-") + " " + std::to_string(pageSize) + " " +
+            requestId.value_or("-"));
+    }
+    void fetchCommitGraph(const Uuid& id, int64_t pageSize) override {
+        log("git.graph " + id.toString() + " " + std::to_string(pageSize));
+    }
+    void fetchBranchMap(const Uuid& id, int64_t limit) override {
+        log("git.branchMap " + id.toString() + " " + std::to_string(limit));
+    }
 };
 
 struct FakeTerminal final : TerminalMessageHandling, Recording {

@@ -586,8 +586,8 @@ test('the shipped page puts nothing on window beyond the bridge protocol', async
 });
 
 // The same journeys against the program's own recorded answers.
-async function openRecorded(ctx) {
-  const native = new RecordedNative(loadRecording());
+async function openRecorded(ctx, recording = 'recorded.json', projectName = 'demo') {
+  const native = new RecordedNative(loadRecording(recording));
   const page = await ctx.context.newPage();
   const errors = [];
   page.on('pageerror', (e) => errors.push(e));
@@ -599,7 +599,7 @@ async function openRecorded(ctx) {
   await page.waitForSelector('.topbar');
   await page.waitForSelector('.empty-workspace >> text=プロジェクトを開く');
   await page.click('.add-project');
-  await page.waitForSelector('.project-tab.active >> text=demo');
+  await page.waitForSelector(`.project-tab.active >> text=${projectName}`);
   const config = native.recording.steps.find((s) => s.message.type === 'project/open').events.find((e) => e.type === 'app/config').payload;
   return { page, native, errors, projectId: config.projects[0].id, sessionId: config.cliSessions[0].id };
 }
@@ -707,6 +707,40 @@ test('recorded: diff, commit, push without a remote, a terminal that exits, clos
   await page.waitForSelector('.session-tab.active .status-badge >> text=実行中');
   // The program brings projects back without their shells: the page asks for one, once.
   assert.equal(creates(), before + 1);
+  assert.deepEqual(errors, []);
+  await page.close();
+});
+
+test('recorded: history pages to its end, a commit file shows its diff, an empty graph, and the whole branch map', async (ctx) => {
+  const { page, native, errors, projectId } = await openRecorded(ctx, 'history.json', 'widgets');
+  const recorded = native.recording.steps.filter((s) => s.message.type === 'git/history').flatMap((s) => s.events.filter((e) => e.type === 'git/history'));
+  const expected = recorded.flatMap((e) => e.payload.edges.map((c) => c.oid));
+  await page.click('.git-tab[data-tab="history"]');
+  await page.waitForSelector('.history-row.commit >> text=Settle part one');
+  const end = await page.waitForFunction(() => {
+    const list = document.querySelector('.history-list');
+    list.scrollTop = list.scrollHeight;
+    const tail = document.querySelector('.history-row.tail')?.textContent;
+    return tail?.endsWith('件のコミット') && tail;
+  }, undefined, { polling: 30, timeout: 20000 });
+  assert.equal(await end.jsonValue(), `${expected.length} 件のコミット`);
+  const oids = await page.evaluate((id) => window.__velkoTest.app.history.get().projects[id].commits.map((c) => c.oid), projectId);
+  assert.deepEqual(oids, expected);
+  assert.equal(new Set(oids).size, oids.length);
+  await page.$eval('.history-list', (l) => (l.scrollTop = 0));
+  await page.click('.history-row.commit:has-text("Settle part one")');
+  await page.click('.history-row.file:has-text("src/part1.ts")');
+  await page.waitForSelector('.history-diff .diff-line.add >> text=+export const part = 100;');
+  await page.click('.git-tab[data-tab="graph"]');
+  await page.waitForSelector('.git-graph .empty-note');
+  assert.equal(await page.locator('.graph-row').count(), 0);
+  await page.click('.git-tab[data-tab="branches"]');
+  await page.waitForSelector('.branch-more >> text=8 件を省略');
+  assert.equal(await page.locator('.branch-node').count(), 50);
+  assert.ok(await page.$('.branch-node.current[data-branch="main"]'));
+  await page.click('.branch-more button');
+  await native.waitFor((m) => m.type === 'git/branch-map' && m.payload.limit === 58, 'the whole branch map');
+  await page.waitForFunction(() => document.querySelectorAll('.branch-node').length === 58);
   assert.deepEqual(errors, []);
   await page.close();
 });
