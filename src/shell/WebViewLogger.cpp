@@ -8,6 +8,7 @@
 
 #include "core/Log.h"
 #include "core/Paths.h"
+#include "core/PrivateFiles.h"
 #include "core/Time.h"
 
 namespace velko {
@@ -38,18 +39,20 @@ std::optional<std::string> webViewLogText(const Json& body) {
 
 std::string webViewLogPath() {
     std::string folder = cacheDirectory();
-    if (folder.empty()) folder = temporaryDirectory();
+    // A folder of velko's own even then: it is made the user's alone.
+    if (folder.empty()) folder = temporaryDirectory() + "/velko";
     return folder + "/velko-webview.log";
 }
 
 void appendWebViewLogLine(const std::string& path, const std::string& text) {
     std::string line = "[" + iso8601Now() + "] " + text + "\n";
     size_t slash = path.rfind('/');
-    if (slash != std::string::npos && slash > 0) createDirectories(path.substr(0, slash));
+    // What the page logs may hold what the user typed: folder and file are the user's alone.
+    if (slash != std::string::npos && slash > 0) ensurePrivateDirectory(path.substr(0, slash));
 
-    int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    int fd = openPrivateForAppend(path, false);
     if (fd < 0 && errno == ENOENT) {
-        if (writeFileAtomically(path, line)) return;
+        if (writeFileAtomically(path, line, 0600)) return;
     }
     bool ok = fd >= 0;
     int error = fd >= 0 ? 0 : errno;

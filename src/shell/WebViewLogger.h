@@ -1,7 +1,8 @@
 #pragma once
 // WebViewLogger: the page's own diagnostics. Messages of type "webview/log"
 // are taken off the page's channel before the bridge sees them and appended as
-// one dated line each to "velko-webview.log" in the cache folder.
+// one dated line each to "velko-webview.log" in the cache folder (mode 0600,
+// folder 0700).
 //
 // Main thread only. Writing never fails towards the caller: a failed write is
 // reported once in the system log and dropped. The file has no rotation.

@@ -32,6 +32,7 @@ CodexShimInstaller::CodexShimInstaller() {
     m_zshBootstrapDirectory = m_cacheDirectory + "/zsh-bootstrap";
     auto zdotdir = environmentValue("ZDOTDIR");
     m_originalZdotdir = zdotdir ? expandTilde(*zdotdir, home) : home;
+    m_inheritedPath = environmentValue("PATH");
 }
 
 std::string CodexShimInstaller::escapeForDoubleQuotes(const std::string& path) {
@@ -149,12 +150,12 @@ std::string CodexShimInstaller::zshBootstrapText(const std::string& fileName, bo
     return t;
 }
 
-bool CodexShimInstaller::installCodexShim() {
+bool CodexShimInstaller::installCodexShim() const {
     if (!createDirectories(m_shimDirectory)) return false;
     return writeIfChanged(m_shimDirectory + "/codex", codexShimText(), 0755);
 }
 
-bool CodexShimInstaller::prepareZshBootstrap() {
+bool CodexShimInstaller::prepareZshBootstrap() const {
     if (!createDirectories(m_zshBootstrapDirectory)) return false;
     struct Row {
         const char* name;
@@ -168,18 +169,27 @@ bool CodexShimInstaller::prepareZshBootstrap() {
     return true;
 }
 
-std::map<std::string, std::string> CodexShimInstaller::environmentOverrides() {
-    if (m_cachedOverrides) return *m_cachedOverrides;
-    if (!installCodexShim()) {
-        m_cachedOverrides.emplace();
-        return *m_cachedOverrides;
-    }
-    auto path = environmentValue("PATH");
+// Reads only what the constructor fixed, so it may run on another thread.
+std::map<std::string, std::string> CodexShimInstaller::install() const {
+    if (!installCodexShim()) return {};
     std::map<std::string, std::string> overrides;
-    overrides["PATH"] = path ? m_shimDirectory + ":" + *path : m_shimDirectory;
+    overrides["PATH"] = m_inheritedPath ? m_shimDirectory + ":" + *m_inheritedPath : m_shimDirectory;
     if (prepareZshBootstrap()) overrides["ZDOTDIR"] = m_zshBootstrapDirectory;
-    m_cachedOverrides = overrides;
     return overrides;
+}
+
+void CodexShimInstaller::installInBackground() {
+    if (m_cachedOverrides || m_installation.valid()) return;
+    try {
+        m_installation = std::async(std::launch::async, [this] { return install(); });
+    } catch (const std::system_error&) {
+        // No thread to be had: the first environmentOverrides() call does the work.
+    }
+}
+
+std::map<std::string, std::string> CodexShimInstaller::environmentOverrides() {
+    if (!m_cachedOverrides) m_cachedOverrides = m_installation.valid() ? m_installation.get() : install();
+    return *m_cachedOverrides;
 }
 
 }  // namespace velko

@@ -251,12 +251,9 @@ void TerminalCoordinator::write(const Uuid& sessionID, std::string_view data) {
 void TerminalCoordinator::sendSignal(const Uuid& sessionID, int signal) {
     auto it = m_sessions.find(sessionID);
     if (it == m_sessions.end() || it->second->disposed) return;
+    // The shell's own process group: a job the shell runs in the foreground
+    // has a group of its own and is interrupted by the ^C byte instead.
     const pid_t shell = it->second->process->pid();
-    // A job running in the foreground has a process group of its own (the
-    // shell's job control gives it one); Ctrl+C from the page is meant for
-    // it, as the terminal's own interrupt key would be.
-    const pid_t foreground = ::tcgetpgrp(it->second->master.get());
-    if (foreground > 0 && foreground != shell) (void)::kill(-foreground, signal);
     auto result = PTYDriver::sendSignal(shell, signal);
     if (result) {
         log(sessionID, TerminalLogEvent::Event::Signal, std::nullopt, std::nullopt,

@@ -13,6 +13,7 @@
 #include "core/Base64.h"
 #include "core/Json.h"
 #include "core/Paths.h"
+#include "core/PrivateFiles.h"
 #include "core/SerialQueue.h"
 #include "core/Utf8.h"
 
@@ -21,7 +22,7 @@ namespace velko {
 namespace {
 
 bool appendAll(const std::string& path, const std::string& bytes) {
-    int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+    int fd = openPrivateForAppend(path, false);
     if (fd < 0) return false;
     size_t done = 0;
     bool ok = true;
@@ -39,7 +40,7 @@ bool appendAll(const std::string& path, const std::string& bytes) {
 }
 
 bool createEmpty(const std::string& path) {
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    int fd = openPrivateForAppend(path);
     if (fd < 0) return false;
     ::close(fd);
     return true;
@@ -121,7 +122,10 @@ bool TerminalDebugDumpStore::validateDirectoryLocked(bool createIfNeeded) {
         m_totalSizeBytes = 0;
         return true;
     }
-    return S_ISDIR(info.st_mode);  // a symbolic link or a file stops all dumping
+    if (!S_ISDIR(info.st_mode)) return false;  // a symbolic link or a file stops all dumping
+    // Dumps hold what programs printed: the folder is the user's alone.
+    if (info.st_mode & (S_IRWXG | S_IRWXO)) (void)::chmod(m_directory.c_str(), info.st_mode & 07700);
+    return true;
 }
 
 std::vector<TerminalDebugDumpStore::DumpFile> TerminalDebugDumpStore::dumpFilesLocked() const {
@@ -225,10 +229,14 @@ void TerminalDebugDumpStore::writeLocked(const Uuid& sessionID, const std::strin
 }
 
 void TerminalDebugDumpStore::performStartupMaintenance() {
-    runSync([this] {
-        if (!validateDirectoryLocked(false)) return;  // a first run creates nothing
-        m_isPrepared = true;
-        maintenanceLocked();
+    // Queued, not waited for: whatever uses the folder later runs on the same
+    // queue behind it, so launch does not wait on a listing of old dumps.
+    std::weak_ptr<TerminalDebugDumpStore> weak = weak_from_this();
+    m_queue->post([weak] {
+        auto self = weak.lock();
+        if (!self || !self->validateDirectoryLocked(false)) return;  // a first run creates nothing
+        self->m_isPrepared = true;
+        self->maintenanceLocked();
     });
 }
 

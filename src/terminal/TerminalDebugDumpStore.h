@@ -3,11 +3,12 @@
 // reads is written before and after normalising to bounded JSON Lines files
 // in the cache directory's "terminal-dumps" folder: "<ID>.jsonl" with up to
 // two older generations ("<ID>.1.jsonl", "<ID>.2.jsonl"), each at most
-// 32 MiB, the folder at most 512 MiB, nothing older than seven days.
+// 32 MiB, the folder at most 512 MiB, nothing older than seven days. Files
+// are mode 0600 in a folder of mode 0700.
 //
 // All disk work runs on the "app.velko.terminal.debugdump.store" queue;
-// record() only enqueues. prepareForWriting() and performStartupMaintenance()
-// hop there synchronously and must not be called from that queue. Every
+// record() and performStartupMaintenance() only enqueue. prepareForWriting()
+// hops there synchronously and must not be called from that queue. Every
 // failure drops the entry concerned; a folder that is a symbolic link or a
 // file stops all dumping.
 

@@ -10,6 +10,7 @@
 #include "core/Base64.h"
 #include "core/Json.h"
 #include "core/Paths.h"
+#include "core/PrivateFiles.h"
 #include "core/SerialQueue.h"
 #include "core/Time.h"
 
@@ -17,9 +18,10 @@ namespace velko {
 
 namespace {
 
-// Appends `bytes` to the file, creating it when it is missing. False on any failure.
+// Appends `bytes` to the file, creating it when it is missing. False on any
+// failure. The log holds what was typed, passwords too: the user's alone.
 bool appendToFile(const std::string& path, const std::string& bytes) {
-    int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    int fd = openPrivateForAppend(path);
     if (fd < 0) return false;
     const char* data = bytes.data();
     size_t left = bytes.size();
@@ -61,7 +63,7 @@ std::shared_ptr<TerminalLogger> TerminalLogger::create(std::optional<std::string
     } else {
         std::string directory = cacheDirectory();
         if (directory.empty()) directory = temporaryDirectory() + "/velko";
-        (void)createDirectories(directory);  // a failure shows up as unwritable lines, which are dropped
+        (void)ensurePrivateDirectory(directory);  // a failure shows up as unwritable lines, which are dropped
         path = directory + "/velko-terminal.log";
     }
     return std::shared_ptr<TerminalLogger>(new TerminalLogger(std::move(path), maxFileSize));
@@ -80,11 +82,14 @@ std::string TerminalLogger::encodeLine(const TerminalLogEvent& event, const std:
         // keys, a timestamp, a canonical UUID and base64 need no escaping, so
         // the line is written directly, as the encoder below would write it.
         std::string line;
-        line.reserve(96 + timestamp.size() + (event.chunk ? event.chunk->size() / 3 * 4 + 4 : 0));
+        line.reserve(96 + timestamp.size() + (event.chunk ? event.chunk->size() / 3 * 4 + 4 : 0) +
+                     (event.chunkBase64 ? event.chunkBase64->size() : 0));
         line.append(R"({"ts":")").append(timestamp).append(R"(","session":")");
         line.append(event.sessionID.toString()).append(R"(","event":")");
         line.append(TerminalLogEvent::rawValue(event.event)).push_back('"');
-        if (event.chunk) {
+        if (event.chunkBase64) {
+            line.append(R"(,"chunkBase64":")").append(*event.chunkBase64).push_back('"');
+        } else if (event.chunk) {
             line.append(R"(,"chunkBase64":")");
             base64EncodeAppend(*event.chunk, line);
             line.push_back('"');
@@ -96,7 +101,8 @@ std::string TerminalLogger::encodeLine(const TerminalLogEvent& event, const std:
     line["ts"] = timestamp;
     line["session"] = event.sessionID.toString();
     line["event"] = TerminalLogEvent::rawValue(event.event);
-    if (event.chunk) line["chunkBase64"] = base64Encode(*event.chunk);
+    if (event.chunkBase64) line["chunkBase64"] = *event.chunkBase64;
+    else if (event.chunk) line["chunkBase64"] = base64Encode(*event.chunk);
     if (event.message) line["message"] = *event.message;
     if (event.metadata) {
         OrderedJson metadata = OrderedJson::object();
@@ -111,7 +117,7 @@ void TerminalLogger::record(TerminalLogEvent event) {
     {
         std::lock_guard lock(m_mutex);
         schedule = m_pending.empty();
-        m_pendingBytes += event.chunk ? event.chunk->size() : 0;
+        m_pendingBytes += (event.chunk ? event.chunk->size() : 0) + (event.chunkBase64 ? event.chunkBase64->size() : 0);
         m_pending.push_back(std::move(event));
     }
     if (!schedule) return;

@@ -2,7 +2,8 @@
 // TerminalLogger: one JSON Lines file of everything that happens in the
 // terminal subsystem (spawns, output, input, resizes, signals, exits, errors),
 // "velko-terminal.log" in the cache directory, rotated to one ".1" copy when
-// it grows past its maximum size.
+// it grows past its maximum size. It holds what was typed and printed, so
+// the file is mode 0600 in a folder of mode 0700.
 //
 // record() may be called from any thread and returns at once; lines are
 // written on the "app.velko.terminal.logger" queue in the order of the
@@ -30,6 +31,9 @@ struct TerminalLogEvent {
     std::optional<std::string> chunk;
     std::optional<std::string> message;
     std::optional<std::map<std::string, std::string>> metadata;
+    // `chunk` already in base64, for a caller that encoded it anyway (the
+    // output road); written as it is, in place of `chunk`.
+    std::optional<std::string> chunkBase64 = std::nullopt;
 
     static const char* rawValue(Event event);
 };

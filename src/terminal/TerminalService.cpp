@@ -10,6 +10,7 @@
 #include "terminal/CodexShimInstaller.h"
 #include "terminal/PTYDriver.h"
 #include "terminal/TerminalDebugDumpStore.h"
+#include "terminal/TerminalMessages.h"
 #include "workspace/ConfigStore.h"
 
 namespace velko {
@@ -22,12 +23,22 @@ std::shared_ptr<TerminalService> TerminalService::create(std::shared_ptr<ConfigS
     service->m_coordinator->setDelegate(service);
     std::weak_ptr<TerminalService> weak = service;
     // Publications arrive on a later turn of the main queue, the current value
-    // too. Each delivery reads the configuration as it is by then: a value
-    // captured at publication can be older than a session created since, and
+    // too, and those that come while one is waiting are folded into it: the
+    // store publishes up to three times per change, and at launch the first
+    // delivery and the file's bootstrap come together. So the sessions are
+    // synchronised once per burst (a shell that cannot start fails once), and
+    // with the configuration as it is by then: a value captured at
+    // publication can be older than a session created since, and
     // synchronising with it would end that session right after its birth.
     auto deliver = [weak](const AppConfig&) {
+        auto self = weak.lock();
+        if (!self || self->m_deliveryPending) return;
+        self->m_deliveryPending = true;
         mainQueue().post([weak] {
-            if (auto self = weak.lock()) self->handleConfigChange(self->m_configStore->config());
+            auto self = weak.lock();
+            if (!self) return;
+            self->m_deliveryPending = false;
+            self->handleConfigChange(self->m_configStore->config());
         });
     };
     service->m_subscription = service->m_configStore->subscribe(deliver);
@@ -43,8 +54,16 @@ TerminalService::TerminalService(std::shared_ptr<ConfigStore> configStore,
       m_codexShimInstaller(std::move(installer)) {
     if (auto store = m_coordinator->debugDumpStore()) store->performStartupMaintenance();
     m_coordinator->updateDebugDump(m_configStore->config().hasFeature(Feature::TerminalDebugDump));
-    // The shim is installed here, once per run.
-    if (m_codexShimInstaller) m_coordinator->setEnvironmentOverrides(m_codexShimInstaller->environmentOverrides());
+    // The shim is installed once per run, starting here but off the main
+    // thread: its files are written while the window comes up, and the first
+    // shell, which needs them, waits for them in useShimEnvironment().
+    if (m_codexShimInstaller) m_codexShimInstaller->installInBackground();
+}
+
+void TerminalService::useShimEnvironment() {
+    if (!m_codexShimInstaller || m_shimEnvironmentSet) return;
+    m_shimEnvironmentSet = true;
+    m_coordinator->setEnvironmentOverrides(m_codexShimInstaller->environmentOverrides());
 }
 
 TerminalService::~TerminalService() {
@@ -79,6 +98,7 @@ void TerminalService::handleConfigChange(const AppConfig& config) {
     m_coordinator->updateDebugDump(config.hasFeature(Feature::TerminalDebugDump));
     const bool enabled = config.hasFeature(Feature::TerminalV2);
     if (enabled) {
+        useShimEnvironment();
         m_coordinator->synchronize(config.cliSessions);
         for (const auto& session : config.cliSessions) {
             if (m_runtimeStates.count(session.id)) continue;
@@ -133,14 +153,18 @@ void TerminalService::createSession(const std::optional<std::string>& title, con
     m_runtimeStates[session.id] = RuntimeState{SessionStatus::booting(), cols, rows, std::nullopt};
     const bool enabled = isTerminalV2Enabled();
     dispatchCurrentSnapshot(enabled);
-    if (enabled) m_coordinator->startSession(session);
-    else notifyUnavailable(session.id, session.title);
+    if (enabled) {
+        useShimEnvironment();
+        m_coordinator->startSession(session);
+    } else {
+        notifyUnavailable(session.id, session.title);
+    }
 }
 
 void TerminalService::notifyUnavailable(const Uuid& sessionID, const std::optional<std::string>& title) {
     if (isTerminalV2Enabled() || !m_bridge.lock()) return;
     if (!m_unavailableNotifiedSessions.insert(sessionID).second) return;  // once per session
-    std::string line = "[velko] Terminal2 準備中: " + (title ? *title : sessionID.toString());
+    std::string line = std::string(terminal_messages::kUnavailableLead) + (title ? *title : sessionID.toString());
     OrderedJson output;
     output["sessionId"] = sessionID.toString();
     output["chunk"] = base64Encode(line);

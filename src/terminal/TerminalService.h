@@ -74,6 +74,8 @@ private:
     TerminalService(std::shared_ptr<ConfigStore> configStore, std::shared_ptr<TerminalCoordinating> coordinator,
                     std::shared_ptr<CodexShimInstaller> installer);
     void handleConfigChange(const AppConfig& config);
+    // Hands the shim's environment to the coordinator before the first shell starts.
+    void useShimEnvironment();
     void notifyUnavailable(const Uuid& sessionID, const std::optional<std::string>& title);
     void dispatch(std::string_view type, const OrderedJson& payload);
     void dispatchCurrentSnapshot(bool featureEnabled);
@@ -89,6 +91,8 @@ private:
     std::unordered_map<Uuid, RuntimeState> m_runtimeStates;
     std::optional<Uuid> m_activeInputSessionID;
     size_t m_subscription = 0;
+    bool m_deliveryPending = false;  // a configuration delivery waits on the main queue
+    bool m_shimEnvironmentSet = false;
 };
 
 }  // namespace velko

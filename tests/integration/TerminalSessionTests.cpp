@@ -264,14 +264,28 @@ TEST_F(TerminalSessionTest, TheShellSeesTheNewSizeAfterAResize) {
     }
 }
 
-TEST_F(TerminalSessionTest, AnInterruptReachesTheForegroundProgram) {
+// Ctrl+C arrives from the page as the ^C byte, and the terminal's line
+// discipline interrupts the foreground job with it. The signal message goes
+// to the shell's own process group, which a job started by the shell has left.
+TEST_F(TerminalSessionTest, CtrlCInterruptsTheForegroundJobAndTheSignalReachesTheShell) {
     const Uuid id = createSession();
     size_t at = waitForPrompt(id);
-    type(id, "sh -c 'trap \"echo got-int; exit 0\" INT; echo armed; while :; do sleep 0.05; done'\r");
+    type(id, "trap 'print shell-got-int' INT\r");
+    at = waitForPrompt(id, at);
+    const std::string job = "sh -c 'trap \"echo job-got-int; exit 0\" INT; echo armed; sleep 1; echo job-done'\r";
+
+    type(id, job);
+    at = waitForOutput(id, "armed\r\n", at);
+    type(id, "\x03");
+    at = waitForOutput(id, "job-got-int", at);
+    at = waitForPrompt(id, at);
+
+    type(id, job);
     at = waitForOutput(id, "armed\r\n", at);
     send("terminal/signal", OrderedJson{{"sessionId", id.toString()}, {"signal", "sigint"}}.dump());
-    at = waitForOutput(id, "got-int", at);
-    waitForPrompt(id, at);
+    const size_t done = waitForOutput(id, "job-done", at);
+    EXPECT_EQ(output(id).substr(at, done - at).find("job-got-int"), std::string::npos) << "the job was signalled";
+    waitForOutput(id, "shell-got-int", at);
 }
 
 TEST_F(TerminalSessionTest, AShellThatExitsReportsItsCode) {

@@ -47,13 +47,17 @@ TEST(CodexShimInstaller, PutsTheShimFirstAndHandsZshItsBootstrap) {
         const char* name;
         std::string path;
         std::string expectedPathTail;  // after "<shims>"
-    } cases[] = {{"inherited PATH kept after the shim", "/usr/bin:/bin", ":/usr/bin:/bin"}, {"empty PATH", "", ""}};
+        bool inBackground;
+    } cases[] = {{"inherited PATH kept after the shim", "/usr/bin:/bin", ":/usr/bin:/bin", false},
+                 {"empty PATH", "", "", false},
+                 {"files written on a thread of their own", "/usr/bin:/bin", ":/usr/bin:/bin", true}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         test::IsolatedHome home;
         test::ScopedEnv path("PATH", c.path);
         test::ScopedEnv zdotdir("ZDOTDIR", "~/my zsh");
         CodexShimInstaller installer;
+        if (c.inBackground) installer.installInBackground();
         auto overrides = installer.environmentOverrides();
         EXPECT_EQ(overrides["PATH"], installer.shimDirectory() + c.expectedPathTail);
         EXPECT_EQ(overrides["ZDOTDIR"], installer.zshBootstrapDirectory());

@@ -186,6 +186,7 @@ TEST(TerminalDebugDumpStore, StartupMaintenanceEnforcesThePolicy) {
     };
     // Without a directory nothing is created.
     f.store->performStartupMaintenance();
+    f.store->drainForTesting();
     EXPECT_FALSE(exists(f.directory));
     ASSERT_EQ(::mkdir(f.directory.c_str(), 0700), 0);
     for (const auto& c : cases) {
@@ -193,6 +194,7 @@ TEST(TerminalDebugDumpStore, StartupMaintenanceEnforcesThePolicy) {
         setAge(f.directory + "/" + c.name, kNow - c.age);
     }
     f.store->performStartupMaintenance();
+    f.store->drainForTesting();
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         EXPECT_EQ(exists(f.directory + "/" + c.name), c.kept);

@@ -251,3 +251,26 @@ TEST_F(TerminalServiceTest, NeverSynchronisesWithAListOlderThanANewSession) {
     ASSERT_FALSE(synchronizations.empty());
     for (const auto& call : synchronizations) EXPECT_EQ(call, "synchronize " + std::to_string(sessions));
 }
+
+// At launch the first delivery and the reading of the file come together, and
+// one change of the store publishes more than once: each burst synchronises
+// the sessions once, so a shell that cannot start is tried once.
+TEST_F(TerminalServiceTest, SynchronisesOncePerBurstOfPublications) {
+    test::TempDir dir;
+    auto launchStore = std::make_shared<ConfigStore>(dir.path());
+    auto launchCoordinator = std::make_shared<FakeCoordinator>();
+    auto launchService = TerminalService::create(launchStore, launchCoordinator, nullptr);
+    const std::function<void()> bursts[] = {
+        [&] { (void)launchStore->bootstrap(); },
+        [&] { (void)launchStore->addCLISession("second", std::nullopt); },
+        [&] { launchStore->removeCLISession(launchStore->config().cliSessions.back().id); },
+    };
+    for (size_t i = 0; i < std::size(bursts); ++i) {
+        SCOPED_TRACE(i);
+        launchCoordinator->calls.clear();
+        bursts[i]();
+        queue->runUntilIdle();
+        EXPECT_EQ(launchCoordinator->calls,
+                  std::vector<std::string>{"synchronize " + std::to_string(launchStore->config().cliSessions.size())});
+    }
+}
