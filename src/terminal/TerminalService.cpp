@@ -148,6 +148,9 @@ void TerminalService::dispatchStatus(const Uuid& id, std::string_view status, st
 }
 
 void TerminalService::createSession(const std::optional<std::string>& title, const std::optional<Uuid>& projectID) {
+    // The shell starts before the new session is saved: the save's disk syncs
+    // took longer than everything else on the way to the spawn.
+    ConfigStore::SaveDeferral deferral(*m_configStore);
     CLISessionConfig session = m_configStore->addCLISession(title, projectID);
     auto [cols, rows] = dimensionsOrDefault(session.id);
     m_runtimeStates[session.id] = RuntimeState{SessionStatus::booting(), cols, rows, std::nullopt};

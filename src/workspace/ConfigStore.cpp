@@ -129,6 +129,11 @@ void ConfigStore::update(bool ensureDefaults, F&& change) {
 }
 
 void ConfigStore::mirrorResumeAndPersist() {
+    if (m_saveDeferrals > 0) {
+        m_savePending = true;
+        return;
+    }
+    m_savePending = false;
     if (!m_config.projects.empty()) {
         mutate([](AppConfig& c) { c.resumeProjects = c.projects; });
     }

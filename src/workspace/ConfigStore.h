@@ -62,6 +62,22 @@ public:
     std::optional<CloseProjectResult> closeProject(const Uuid& id);
     std::optional<Uuid> resumeWorkspace();
 
+    // While one lives, changes are published at once but saved when the last
+    // one ends: a caller with urgent work (a shell to start) does it before
+    // the save's disk syncs. Main thread only, like every other call.
+    class SaveDeferral {
+    public:
+        explicit SaveDeferral(ConfigStore& store) : m_store(store) { ++m_store.m_saveDeferrals; }
+        ~SaveDeferral() {
+            if (--m_store.m_saveDeferrals == 0 && m_store.m_savePending) m_store.mirrorResumeAndPersist();
+        }
+        SaveDeferral(const SaveDeferral&) = delete;
+        SaveDeferral& operator=(const SaveDeferral&) = delete;
+
+    private:
+        ConfigStore& m_store;
+    };
+
     // Builds the value held before the file is read: the samples, the first one
     // active, one session "CLI #1". Exposed for tests of normalisation.
     static AppConfig sampleConfiguration(const std::string& homePath);
@@ -84,6 +100,8 @@ private:
     std::string m_filePath;
     AppConfig m_config;
     bool m_keepBadFileAside = false;
+    int m_saveDeferrals = 0;
+    bool m_savePending = false;
     std::vector<std::pair<size_t, Subscriber>> m_subscribers;
     size_t m_nextToken = 1;
 };
