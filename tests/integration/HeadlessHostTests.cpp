@@ -36,24 +36,6 @@ struct HeadlessFixture : ::testing::Test {
 
 }  // namespace
 
-TEST_F(HeadlessFixture, FirstStartAnswersTheConfigurationRequestAndWritesAnEmptyWorkspace) {
-    HeadlessProcess velko;
-    velko.send(R"({"type":"app/config/request"})");
-    EXPECT_EQ(velko.finish(), 0);
-    EXPECT_TRUE(velko.strayLines().empty()) << "standard output carries events only";
-    bool sawConfig = false, sawStatus = false;
-    for (const auto& e : velko.events()) {
-        sawConfig |= isType(e, "app/config");
-        sawStatus |= isType(e, "github/oauth/status");
-    }
-    EXPECT_TRUE(sawConfig);
-    EXPECT_TRUE(sawStatus);
-    EXPECT_EQ(lastConfig(velko)["projects"], Json::array());
-    auto file = parseJson(test::readFile(home.dataDir() + "/config.json"));
-    ASSERT_TRUE(file);
-    EXPECT_EQ((*file)["projects"], Json::array());
-}
-
 TEST_F(HeadlessFixture, ProjectOperationsPersistAcrossRuns) {
     std::string a = folder("alpha"), b = folder("beta");
     std::string alphaId, betaId;
