@@ -173,16 +173,8 @@ IBusDaemon::~IBusDaemon() {
 }
 
 bool haveIBus() {
-    const char* path = std::getenv("PATH");
-    std::string folders = path ? path : "/usr/bin:/bin";
-    for (size_t at = 0; at <= folders.size();) {
-        size_t end = folders.find(':', at);
-        std::string folder = folders.substr(at, end == std::string::npos ? std::string::npos : end - at);
-        if (::access((folder + "/ibus-daemon").c_str(), X_OK) == 0) return true;
-        if (end == std::string::npos) break;
-        at = end + 1;
-    }
-    return false;
+    g_autofree gchar* path = g_find_program_in_path("ibus-daemon");
+    return path != nullptr;
 }
 
 }  // namespace velko::test
