@@ -6,7 +6,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <random>
 
 #include "core/Base64.h"
 #include "support/HeadlessProcess.h"
@@ -71,17 +70,8 @@ TEST_F(HeadlessFixture, ProjectOperationsPersistAcrossRuns) {
 
 TEST_F(HeadlessFixture, HostileInputNeverStopsTheProgram) {
     HeadlessProcess velko;
-    std::mt19937 random(20261123);
-    std::string garbage;
-    for (int line = 0; line < 200; ++line) {
-        size_t length = random() % 300;
-        for (size_t i = 0; i < length; ++i) {
-            char c = static_cast<char>(random() % 256);
-            garbage.push_back(c == '\n' ? ' ' : c);
-        }
-        garbage.push_back('\n');
-    }
-    velko.sendRaw(garbage);
+    // Bytes no encoder writes: invalid UTF-8, NUL and control characters, a lone brace.
+    velko.sendRaw(std::string("\xff\xfe\x00\x01{\x1b[31m\n\x80\n{\n\"\n", 17));
     const std::string hostile[] = {
         std::string(200000, '['),
         "{\"type\":\"project/open\",\"payload\":" + std::string(5000, '{'),
