@@ -12,9 +12,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <filesystem>
 #include <cstdlib>
-#include <string>
+#include <filesystem>
 
 #include "core/Json.h"
 #include "core/MainQueue.h"

@@ -9,9 +9,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
-#include <optional>
-#include <string>
 
 #include "GuiSupport.h"
 #include "ScreenGrab.h"
@@ -22,7 +19,6 @@
 #include "platform/IBusInputSources.h"
 #include "shell/VelkoApp.h"
 #include "shell/WebBridge.h"
-#include "shell/WebViewHosting.h"
 #include "support/TestSupport.h"
 
 using namespace velko;

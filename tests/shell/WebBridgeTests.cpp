@@ -3,10 +3,7 @@
 #include <random>
 #include <thread>
 
-#include "core/MainQueue.h"
 #include "shell/BridgeHarness.h"
-#include "shell/WebBridge.h"
-#include "support/TestSupport.h"
 
 using namespace velko;
 
