@@ -49,9 +49,6 @@ struct Workspace : ::testing::Test {
 }  // namespace
 
 TEST_F(Workspace, OpeningFoldersPublishesThemAndActivatesTheFirst) {
-    send(R"({"type":"project/open"})");  // cancelled picker: nothing at all
-    EXPECT_EQ(h.journal, test::Journal{"pick"});
-    EXPECT_TRUE(h.events().empty());
     send(R"({"type":"app/config/request"})");
     auto empty = payloads("app/config");
     ASSERT_EQ(empty.size(), 1u);
