@@ -49,14 +49,6 @@ TEST(Uuid, ParsesCanonicalTextOfEitherCaseAndRefusesTheRest) {
     }
 }
 
-TEST(Uuid, RandomIdsAreVersionFourAndRoundTrip) {
-    auto a = Uuid::random(), b = Uuid::random();
-    EXPECT_NE(a, b);
-    std::string text = a.toString();
-    EXPECT_EQ(text[14], '4');
-    EXPECT_EQ(Uuid::parse(text), a);
-}
-
 TEST(Time, FormatsUtcWithMillisecondsAndParsesBack) {
     using namespace std::chrono;
     struct Case {
@@ -118,11 +110,6 @@ TEST(Json, ParsingRefusesGarbageAndDeepNesting) {
     EXPECT_EQ(jsonNestingDepth(R"({"a":"\"[[[","b":[1]})"), 2u);
 }
 
-TEST(Json, DumpReplacesInvalidUtf8InsteadOfFailing) {
-    OrderedJson value = {{"name", std::string("a\xff" "b")}};
-    EXPECT_EQ(dumpJson(value), "{\"name\":\"a\xEF\xBF\xBD" "b\"}");
-}
-
 TEST(Json, DumpWritesWhatTheLibraryWritesByteForByte) {
     // Every byte below 0x20, the two escaped printables, DEL and multi-byte text.
     std::string controls;
@@ -134,7 +121,7 @@ TEST(Json, DumpWritesWhatTheLibraryWritesByteForByte) {
         "quote \" backslash \\ slash / apostrophe ' del \x7f",
         "日本語 é 😀 \xE2\x80\xA8 \xE2\x80\xA9",
         std::string("nul\0inside", 11),
-        "truncated \xE6\x97",           // invalid: the library's replacement rules apply
+        "truncated \xE6\x97",           // invalid: replaced as the library replaces it, never a failure
         "overlong \xC0\xAF, surrogate \xED\xA0\x80",
         std::string(70000, 'a') + "\n" + std::string(3, '"'),
     };

@@ -7,9 +7,7 @@
 #include <gtk/gtk.h>
 #include <webkit/webkit.h>
 
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,8 +16,6 @@
 
 #include "core/Json.h"
 #include "core/Paths.h"
-
-extern char** environ;
 
 namespace velko::test {
 
@@ -145,23 +141,14 @@ bool typeRealKeys(const std::string& text) {
 }
 
 IBusDaemon::IBusDaemon() {
-    std::vector<std::string> args = {"ibus-daemon", "--panel=disable", "--config=/usr/libexec/ibus-memconf",
-                                     "--emoji-extension=", "--replace"};
-    std::vector<char*> argv;
-    for (auto& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSID);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    pid_t pid = 0;
-    if (posix_spawnp(&pid, "ibus-daemon", &actions, &attr, argv.data(), environ) == 0) m_pid = pid;
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attr);
+    const char* argv[] = {"ibus-daemon", "--panel=disable", "--config=/usr/libexec/ibus-memconf",
+                          "--emoji-extension=", "--replace", nullptr};
+    auto flags = GSpawnFlags(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_STDIN_FROM_DEV_NULL |
+                             G_SPAWN_STDOUT_TO_DEV_NULL | G_SPAWN_STDERR_TO_DEV_NULL);
+    GPid pid = 0;
+    if (g_spawn_async(nullptr, const_cast<char**>(argv), nullptr, flags, [](gpointer) { setsid(); }, nullptr, &pid,
+                      nullptr))
+        m_pid = pid;
 }
 
 IBusDaemon::~IBusDaemon() {
@@ -173,16 +160,8 @@ IBusDaemon::~IBusDaemon() {
 }
 
 bool haveIBus() {
-    const char* path = std::getenv("PATH");
-    std::string folders = path ? path : "/usr/bin:/bin";
-    for (size_t at = 0; at <= folders.size();) {
-        size_t end = folders.find(':', at);
-        std::string folder = folders.substr(at, end == std::string::npos ? std::string::npos : end - at);
-        if (::access((folder + "/ibus-daemon").c_str(), X_OK) == 0) return true;
-        if (end == std::string::npos) break;
-        at = end + 1;
-    }
-    return false;
+    g_autofree gchar* path = g_find_program_in_path("ibus-daemon");
+    return path != nullptr;
 }
 
 }  // namespace velko::test

@@ -4,12 +4,10 @@
 // bridge.
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
-#include <sys/stat.h>
 #include <webkit/webkit.h>
 
 #include <cstdlib>
 #include <memory>
-#include <string>
 
 #include "GuiSupport.h"
 #include "core/MainQueue.h"

@@ -9,9 +9,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
-#include <optional>
-#include <string>
 
 #include "GuiSupport.h"
 #include "ScreenGrab.h"
@@ -22,7 +19,6 @@
 #include "platform/IBusInputSources.h"
 #include "shell/VelkoApp.h"
 #include "shell/WebBridge.h"
-#include "shell/WebViewHosting.h"
 #include "support/TestSupport.h"
 
 using namespace velko;
@@ -136,32 +132,21 @@ void openProjectAndType(KeyPath path, const std::string& screenshot) {
     // Its terminal runs a login shell on a PTY; the prompt is drawn. The shipped page has no handle
     // on its terminals: what it shows is read from the rows xterm.js puts into the document.
     std::string session;
-    auto terminalLines = [&] {
-        auto text = parseJson(evaluate(view, "[...document.querySelectorAll('.term-host[data-session=\"" + session +
-                                                 "\"] .xterm-rows > div')].map(r => r.textContent.replace(/\\u00a0/g, ' ')).join('\\n')"));
-        return text && text->is_string() ? text->get<std::string>() : std::string();
+    // The terminal's rows, trimmed at the end, with `tail` applied to the list.
+    auto rows = [&](const std::string& tail) {
+        return evaluate(view, "[...document.querySelectorAll('.term-host[data-session=\"" + session +
+                                  "\"] .xterm-rows > div')].map(r => r.textContent.replace(/\\u00a0/g, ' ').trimEnd())" + tail);
     };
     ASSERT_TRUE(pumpUntil([&] {
         auto id = parseJson(evaluate(view, "document.querySelector('.term-host:not([hidden])')?.dataset.session ?? ''"));
         if (!id || !id->is_string() || id->get<std::string>().empty()) return false;
         session = id->get<std::string>();
-        return terminalLines().find_first_not_of(" \n") != std::string::npos;
+        return rows(".some(r => r.trim() !== '')") == "true";
     })) << "no prompt";
 
-    // Keys typed on the keyboard reach the shell; its answer comes back.
-    auto answered = [&] {
-        std::string text = terminalLines();
-        // A line that is exactly "hi": the output, not the echoed command.
-        for (size_t at = 0; at < text.size();) {
-            size_t end = text.find('\n', at);
-            std::string line = text.substr(at, end == std::string::npos ? std::string::npos : end - at);
-            while (!line.empty() && line.back() == ' ') line.pop_back();
-            if (line == "hi") return true;
-            if (end == std::string::npos) break;
-            at = end + 1;
-        }
-        return false;
-    };
+    // Keys typed on the keyboard reach the shell; its answer comes back:
+    // a row that is exactly "hi", the output, not the echoed command.
+    auto answered = [&] { return rows(".includes('hi')") == "true"; };
     EXPECT_FALSE(answered());
     gtk_widget_grab_focus(view);
     evaluate(view, "document.querySelector('.term-host[data-session=\"" + session + "\"] .xterm-helper-textarea').focus()");
@@ -175,7 +160,7 @@ void openProjectAndType(KeyPath path, const std::string& screenshot) {
     evaluate(view, "(() => { window.__sent = []; window.addEventListener('velko:channel', (e) => {"
                    " const m = JSON.parse(e.detail); if (m && m.type === 'terminal/input') window.__sent.push(m.payload.data); }); })()");
     ASSERT_TRUE(test::typeRealKeys("echo hi\n"));
-    EXPECT_TRUE(pumpUntil(answered, std::chrono::seconds(30))) << terminalLines();
+    EXPECT_TRUE(pumpUntil(answered, std::chrono::seconds(30))) << rows(".join('\\n')");
     std::string sent = evaluate(view, "window.__sent.join('')");
     if (path == KeyPath::Native)
         EXPECT_EQ(sent, "\"\\r\"") << "only Return takes the page's path";

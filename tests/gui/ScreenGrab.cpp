@@ -8,17 +8,6 @@
 
 namespace velko::test {
 
-namespace {
-int shiftOf(unsigned long mask) {
-    int shift = 0;
-    while (mask && !(mask & 1)) {
-        mask >>= 1;
-        ++shift;
-    }
-    return shift;
-}
-}  // namespace
-
 ScreenGrab grabScreenToPng(const std::string& pngPath, int fromRow) {
     ScreenGrab grab;
     Display* display = XOpenDisplay(nullptr);
@@ -37,6 +26,7 @@ ScreenGrab grabScreenToPng(const std::string& pngPath, int fromRow) {
     cairo_surface_t* surface = cairo_image_surface_create(CAIRO_FORMAT_RGB24, grab.width, grab.height);
     unsigned char* data = cairo_image_surface_get_data(surface);
     int stride = cairo_image_surface_get_stride(surface);
+    auto shiftOf = [](unsigned long mask) { return mask ? __builtin_ctzl(mask) : 0; };
     int rs = shiftOf(image->red_mask), gs = shiftOf(image->green_mask), bs = shiftOf(image->blue_mask);
     for (int y = 0; y < grab.height; ++y) {
         auto* row = reinterpret_cast<uint32_t*>(data + y * stride);

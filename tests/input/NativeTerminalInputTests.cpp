@@ -2,7 +2,6 @@
 
 #include <map>
 
-#include "core/Base64.h"
 #include "core/MainQueue.h"
 #include "input/NativeTerminalInput.h"
 #include "support/TestSupport.h"
@@ -61,31 +60,29 @@ TEST(NativeTerminalInput, OnlyPlainPrintableASCIIGoesNative) {
         const char* name;
         std::optional<std::string> characters;
         uint32_t modifiers;
-        std::optional<uint16_t> keyCode;
-        bool composing;
         std::optional<std::string> expected;
+        std::optional<uint16_t> keyCode = std::nullopt;
+        bool composing = false;
     };
     const Case cases[] = {
-        {"letter", "a", 0, std::nullopt, false, "a"},
-        {"shifted letter", "A", kShift, std::nullopt, false, "A"},
-        {"space", " ", 0, std::nullopt, false, " "},
-        {"tilde", "~", kShift, std::nullopt, false, "~"},
-        {"delete", "\x7f", 0, std::nullopt, false, std::nullopt},
-        {"return", "\r", 0, std::nullopt, false, std::nullopt},
-        {"tab", "\t", 0, std::nullopt, false, std::nullopt},
-        {"escape", "\x1b", 0, std::nullopt, false, std::nullopt},
-        {"control-a", "a", kCtrl, std::nullopt, false, std::nullopt},
-        {"alt-a", "a", kAlt, std::nullopt, false, std::nullopt},
-        {"super-a", "a", kSuper, std::nullopt, false, std::nullopt},
-        {"e acute", "\xC3\xA9", 0, std::nullopt, false, std::nullopt},
-        {"family emoji", "\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9", 0, std::nullopt, false, std::nullopt},
-        {"two letters", "ab", 0, std::nullopt, false, std::nullopt},
-        {"no characters", std::nullopt, 0, std::nullopt, false, std::nullopt},
-        {"empty characters", "", 0, std::nullopt, false, std::nullopt},
-        {"composing source", "a", 0, std::nullopt, true, std::nullopt},
-        {"eisu key", "a", 0, MacKeyCode::kEisu, false, std::nullopt},
-        {"kana key", "a", 0, MacKeyCode::kKana, false, std::nullopt},
-        {"other key code", "=", 0, MacKeyCode::kEqual, false, "="},
+        {"letter", "a", 0, "a"},
+        {"shifted letter", "A", kShift, "A"},
+        {"space", " ", 0, " "},
+        {"tilde", "~", kShift, "~"},
+        {"delete", "\x7f", 0, std::nullopt},
+        {"return", "\r", 0, std::nullopt},
+        {"escape", "\x1b", 0, std::nullopt},
+        {"control-a", "a", kCtrl, std::nullopt},
+        {"alt-a", "a", kAlt, std::nullopt},
+        {"super-a", "a", kSuper, std::nullopt},
+        {"e acute", "\xC3\xA9", 0, std::nullopt},
+        {"two letters", "ab", 0, std::nullopt},
+        {"no characters", std::nullopt, 0, std::nullopt},
+        {"empty characters", "", 0, std::nullopt},
+        {"composing source", "a", 0, std::nullopt, std::nullopt, true},
+        {"eisu key", "a", 0, std::nullopt, MacKeyCode::kEisu},
+        {"kana key", "a", 0, std::nullopt, MacKeyCode::kKana},
+        {"other key code", "=", 0, "=", MacKeyCode::kEqual},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -228,45 +225,26 @@ public:
 
 }  // namespace
 
-TEST(NativeTerminalInput, TypedKeysReachTheSessionOrTellOnceThatTerminalsAreOff) {
-    for (bool enabled : {true, false}) {
-        SCOPED_TRACE(enabled ? "terminal.v2 on" : "terminal.v2 off");
-        test::IsolatedHome home;
-        auto queue = std::make_shared<ManualQueue>();
-        setMainQueue(queue);
-        // Loading the file always turns terminals on; before it is read they are off.
-        auto store = std::make_shared<ConfigStore>();
-        if (enabled) {
-            ASSERT_TRUE(store->bootstrap().ok());
-        }
-        auto coordinator = std::make_shared<RecordingCoordinator>();
-        auto service = TerminalService::create(store, coordinator, std::make_shared<CodexShimInstaller>());
-        auto events = std::make_shared<test::EventRecorder>();
-        service->setBridge(events);
-        queue->runUntilIdle();
-        ASSERT_EQ(service->isTerminalV2Enabled(), enabled);
+// The service's own tests cover what input does while terminals are off: the
+// native path hands it the same message as the page.
+TEST(NativeTerminalInput, TypedKeysReachTheFocusedSession) {
+    test::IsolatedHome home;
+    auto queue = std::make_shared<ManualQueue>();
+    setMainQueue(queue);
+    auto store = std::make_shared<ConfigStore>();
+    ASSERT_TRUE(store->bootstrap().ok());  // loading the file turns terminals on
+    auto coordinator = std::make_shared<RecordingCoordinator>();
+    auto service = TerminalService::create(store, coordinator, std::make_shared<CodexShimInstaller>());
+    service->setBridge(std::make_shared<test::EventRecorder>());
+    queue->runUntilIdle();
 
-        auto input = std::make_shared<NativeTerminalInput>(terminalServiceTarget(service),
-                                                           std::make_shared<FakeSources>());
-        EXPECT_FALSE(input->handleNativeKeyDown({0x68, 0, "h"}));  // nothing focused yet
-        service->setInputFocus(kSession, true);
-        for (const char* key : {"h", "i", " "})
-            EXPECT_TRUE(input->handleNativeKeyDown({static_cast<uint32_t>(key[0]), 0, key}));
-        queue->runUntilIdle();
-
-        size_t notices = 0;
-        for (const auto& event : events->events())
-            if (event.type == "terminal/output" &&
-                base64Decode(event.payload.value("chunk", "")).value_or("").find("Terminal2") != std::string::npos)
-                ++notices;
-        if (enabled) {
-            EXPECT_EQ(coordinator->writes,
-                      (std::vector<std::pair<Uuid, std::string>>{{kSession, "h"}, {kSession, "i"}, {kSession, " "}}));
-            EXPECT_EQ(notices, 0u);
-        } else {
-            EXPECT_TRUE(coordinator->writes.empty());
-            EXPECT_EQ(notices, 1u);
-        }
-        service->shutdown();
-    }
+    auto input = std::make_shared<NativeTerminalInput>(terminalServiceTarget(service), std::make_shared<FakeSources>());
+    EXPECT_FALSE(input->handleNativeKeyDown({0x68, 0, "h"}));  // nothing focused yet
+    service->setInputFocus(kSession, true);
+    for (const char* key : {"h", "i", " "})
+        EXPECT_TRUE(input->handleNativeKeyDown({static_cast<uint32_t>(key[0]), 0, key}));
+    queue->runUntilIdle();
+    EXPECT_EQ(coordinator->writes,
+              (std::vector<std::pair<Uuid, std::string>>{{kSession, "h"}, {kSession, "i"}, {kSession, " "}}));
+    service->shutdown();
 }

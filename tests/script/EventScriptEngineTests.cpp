@@ -35,12 +35,7 @@ public:
         g_object_unref(value);
         return out;
     }
-    int number(const std::string& expression) {
-        JSCValue* value = jsc_context_evaluate(m_context, expression.c_str(), static_cast<gssize>(expression.size()));
-        int out = jsc_value_to_int32(value);
-        g_object_unref(value);
-        return out;
-    }
+    int number(const std::string& expression) { return std::stoi(string(expression)); }
 
 private:
     JSCContext* m_context;

@@ -98,6 +98,10 @@ TEST_F(StoreFixture, OpeningWhileOnlySamplesAreInMemoryReplacesThem) {
 
 TEST_F(StoreFixture, ClosingAndResumingFollowTheResumeList) {
     auto store = bootstrapped();
+    int publications = 0;
+    store->subscribe([&](const AppConfig&) { ++publications; });
+    EXPECT_FALSE(store->resumeWorkspace()) << "nothing saved yet";
+    EXPECT_EQ(publications, 0);
     auto opened = store->openProjects({folder("a"), folder("b"), folder("c")});
     store->setActiveProject(opened[1].id);
     auto closed = store->closeProject(opened[1].id);
@@ -121,14 +125,6 @@ TEST_F(StoreFixture, ClosingAndResumingFollowTheResumeList) {
     EXPECT_EQ(store->config().projects, store->config().resumeProjects);
     EXPECT_TRUE(store->config().cliSessions.empty()) << "resume brings projects back, not sessions";
     EXPECT_EQ(bootstrapped()->config().projects.size(), 1u);
-}
-
-TEST_F(StoreFixture, ResumeWithNothingSavedChangesNothing) {
-    auto store = bootstrapped();
-    int publications = 0;
-    store->subscribe([&](const AppConfig&) { ++publications; });
-    EXPECT_FALSE(store->resumeWorkspace());
-    EXPECT_EQ(publications, 0);
 }
 
 TEST_F(StoreFixture, ReorderPutsNamedProjectsFirstAndStillPublishesWhenNothingChanges) {
