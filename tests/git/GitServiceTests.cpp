@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include "git/GitTestSupport.h"
-#include "support/TestSupport.h"
 
 using namespace velko;
 using namespace velko::test;
@@ -10,38 +9,21 @@ namespace {
 
 const char* const kToken = "gho_unitTestToken123";
 
-struct Harness {
-    ManualMain main;
+struct Harness : ServiceRig {
     TempDir repo;
-    std::shared_ptr<FakeProjects> projects = std::make_shared<FakeProjects>();
     std::shared_ptr<FakeGitRunner> runner = std::make_shared<FakeGitRunner>();
-    std::shared_ptr<FakeAuth> auth = std::make_shared<FakeAuth>();
     std::shared_ptr<FakeBroker> broker = std::make_shared<FakeBroker>();
-    std::shared_ptr<EventRecorder> events = std::make_shared<EventRecorder>();
-    std::shared_ptr<GitService> service;
     Uuid projectId;
 
     explicit Harness(const std::string& remoteConfig = "",
                      GitEnvironment environment = {{"PATH", "/usr/bin:/bin"}}) {
         if (!remoteConfig.empty()) repo.write(".git/config", remoteConfig);
         projectId = projects->add(repo.path());
-        GitService::Dependencies deps;
-        deps.configProvider = projects;
-        deps.authProvider = auth;
+        environment["HOME"] = repo.path();
         deps.credentialBroker = broker;
         deps.processRunner = runner;
-        environment["HOME"] = repo.path();
         deps.environment = std::move(environment);
-        service = std::make_shared<GitService>(std::move(deps));
-        service->setEventSink(events);
-    }
-    void settle() { ASSERT_TRUE(drain(*service, main.queue())); }
-    std::vector<std::string> results() const {
-        std::vector<std::string> out;
-        for (const auto& e : events->eventsOfType("git/result"))
-            out.push_back(std::string(e.payload["success"].get<bool>() ? "ok: " : "fail: ") +
-                          e.payload["message"].get<std::string>());
-        return out;
+        start();
     }
 };
 
@@ -84,12 +66,6 @@ TEST(GitService, ActionsAnswerWithTheirMessages) {
         {"push over ssh needs no sign-in", remote("git@github.com:o/r.git"), false, {},
          [](GitService& s, const Uuid& id) { s.push(id); },
          V{"ok: Push が完了しました"}, V{"push"}, V{}},
-        {"push without any remote", "[core]\n\tbare = false\n", true, {},
-         [](GitService& s, const Uuid& id) { s.push(id); },
-         V{"fail: リモートリポジトリがないプロジェクトです"}, V{}, V{"push"}},
-        {"pull rebases", remote("../origin.git"), false, {},
-         [](GitService& s, const Uuid& id) { s.pull(id); },
-         V{"ok: Pull が完了しました"}, V{"pull --rebase"}, V{}},
         {"fetch failure shows git's words", remote("../origin.git"), false,
          {{"fetch", {128, "", "fatal: unable to connect\n"}}},
          [](GitService& s, const Uuid& id) { s.fetch(id); },
