@@ -149,7 +149,7 @@ TEST(GitServiceIntegration, StatusDetailBuildsTheChangeTreeWithHead) {
     EXPECT_FALSE(detail.contains("remote"));
 }
 
-TEST(GitServiceIntegration, DiffsOfModifiedBinaryAndUntrackedFiles) {
+TEST(GitServiceIntegration, DiffsOfModifiedBinaryUntrackedStagedAndHead) {
     RealHarness h;
     std::string dir = initRepo(h.base, "repo");
     commitFile(dir, "a.txt", "one\ntwo\n", "init");
@@ -174,6 +174,26 @@ TEST(GitServiceIntegration, DiffsOfModifiedBinaryAndUntrackedFiles) {
     EXPECT_EQ(files[2]["path"], "new file.txt");
     EXPECT_EQ(files[2]["additions"], 1);
     EXPECT_NE(files[2]["patch"].get<std::string>().find("+fresh"), std::string::npos);
+
+    // No targets: everything staged, then everything unstaged; a whole-tree
+    // entry is ".". Against HEAD: staged and unstaged together.
+    git(dir, {"add", "a.txt"});
+    write(dir, "a.txt", "one\n");
+    auto summary = [](const Json& list) {
+        std::vector<std::string> out;
+        for (const auto& f : list)
+            out.push_back(f["path"].get<std::string>() + "|" + f["stage"].get<std::string>() + "|" +
+                          f["additions"].dump() + "|" + f["deletions"].dump());
+        return out;
+    };
+    h.events->clear();
+    h.service->fetchDiff(id, {});
+    h.settle();
+    EXPECT_EQ(summary(h.only("git/diff")["files"]), (std::vector<std::string>{".|staged|2|1", ".|unstaged|0|2"}));
+    h.events->clear();
+    h.service->fetchDiff(id, {{"", GitDiffStage::Head}});
+    h.settle();
+    EXPECT_EQ(summary(h.only("git/diff")["files"]), (std::vector<std::string>{".|head|0|1"}));
     EXPECT_TRUE(h.results().empty());
 }
 
