@@ -14,7 +14,6 @@ using namespace velko::test;
 TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {
     const std::string token = "gho_velkoLoopbackToken_7f3a9c";
     IsolatedHome home;
-    ManualMain main;
     TempDir base;
 
     std::string serverRoot = base.file("srv");
@@ -35,25 +34,16 @@ TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {
     git(dir, {"config", "branch.main.remote", "origin"});
     git(dir, {"config", "branch.main.merge", "refs/heads/main"});
 
-    auto projects = std::make_shared<FakeProjects>();
-    Uuid id = projects->add(dir);
-    auto auth = std::make_shared<FakeAuth>();
+    ServiceRig rig;
+    Uuid id = rig.projects->add(dir);
     auto broker = std::make_shared<GitCredentialBroker>();
-    auto events = std::make_shared<EventRecorder>();
-    GitService::Dependencies deps;
-    deps.configProvider = projects;
-    deps.authProvider = auth;
-    deps.credentialBroker = broker;
-    deps.processRunner = std::make_shared<ProcessGitProcessRunner>();
-    deps.environment = testGitEnvironment();
-    deps.gitHubWebHost = "127.0.0.1";  // the loopback server stands in for GitHub
-    auto service = std::make_shared<GitService>(std::move(deps));
-    service->setEventSink(events);
-
-    auto lastResult = [&] {
-        auto results = events->eventsOfType("git/result");
-        return results.empty() ? std::string() : results.back().payload["message"].get<std::string>();
-    };
+    rig.deps.credentialBroker = broker;
+    rig.deps.processRunner = std::make_shared<ProcessGitProcessRunner>();
+    rig.deps.environment = testGitEnvironment();
+    rig.deps.gitHubWebHost = "127.0.0.1";  // the loopback server stands in for GitHub
+    rig.start();
+    auto& events = rig.events;
+    auto& auth = rig.auth;
     auto askpassDirectoryIsEmpty = [&] {
         std::error_code ec;
         return !std::filesystem::exists(broker->tempDirectory()) || std::filesystem::is_empty(broker->tempDirectory(), ec);
@@ -83,9 +73,9 @@ TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {
         events->clear();
         auth->token = c.storedToken ? std::optional<GitAuthToken>(GitAuthToken{*c.storedToken, "octo", std::nullopt})
                                     : std::nullopt;
-        service->push(id);
-        ASSERT_TRUE(drain(*service, main.queue()));
-        EXPECT_EQ(lastResult().rfind(c.messagePrefix, 0), 0u) << lastResult();
+        rig.service->push(id);
+        rig.settle();
+        EXPECT_EQ(rig.only("git/result")["message"].get<std::string>().rfind(c.messagePrefix, 0), 0u);
         EXPECT_EQ(auth->token.has_value(), c.tokenKept);
         EXPECT_EQ(git(serverRoot + "/repo.git", {"rev-parse", "--verify", "-q", "main"}, c.pushed ? 0 : 1).empty(),
                   !c.pushed);
