@@ -5,7 +5,6 @@
 #include <deque>
 
 #include "git/GitTestSupport.h"
-#include "support/TestSupport.h"
 
 using namespace velko;
 using namespace velko::test;
@@ -171,34 +170,28 @@ TEST(GitHistoryPaginator, WalksLocalThenGitHubThenFallbackEachCommitOnce) {
                       R"(CommitHistory cursor={"remoteCursor":"X"})"}});
     for (auto& c : cases) {
         SCOPED_TRACE(c.name);
-        ManualMain main;
+        ServiceRig rig;
         TempDir repo;
         repo.write(".git/config", "[remote \"origin\"]\n\turl = " + c.remoteURL + "\n");
-        auto projects = std::make_shared<FakeProjects>();
-        Uuid id = projects->add(repo.path());
-        auto auth = std::make_shared<FakeAuth>();
-        if (c.signedIn) auth->token = GitAuthToken{"tok", std::nullopt, std::nullopt};
+        Uuid id = rig.projects->add(repo.path());
+        if (c.signedIn) rig.auth->token = GitAuthToken{"tok", std::nullopt, std::nullopt};
         auto local = std::make_shared<FakeLocalHistory>();
         local->notOnUpstream = c.notOnUpstream;
         local->wholeHead = c.wholeHead;
         auto github = std::make_shared<FakeGitHub>();
         for (auto& a : c.answers) github->answers.push_back(std::move(a));
-        auto events = std::make_shared<EventRecorder>();
-        GitService::Dependencies deps;
-        deps.configProvider = projects;
-        deps.authProvider = auth;
-        deps.processRunner = std::make_shared<FakeGitRunner>();
-        deps.localHistoryProvider = local;
-        deps.graphQLClient = github;
-        auto service = std::make_shared<GitService>(std::move(deps));
-        service->setEventSink(events);
+        rig.deps.processRunner = std::make_shared<FakeGitRunner>();
+        rig.deps.localHistoryProvider = local;
+        rig.deps.graphQLClient = github;
+        rig.start();
+        auto& events = rig.events;
 
         std::string lastCursor;
         for (size_t i = 0; i < c.requests.size(); ++i) {
             auto cursor = c.requests[i].cursor;
             if (cursor == "@") cursor = lastCursor;
-            service->fetchCommitHistory(id, cursor, c.requests[i].pageSize, "r" + std::to_string(i));
-            ASSERT_TRUE(drain(*service, main.queue()));
+            rig.service->fetchCommitHistory(id, cursor, c.requests[i].pageSize, "r" + std::to_string(i));
+            rig.settle();
             auto pages = events->eventsOfType("git/history");
             ASSERT_EQ(pages.size(), i + 1);
             EXPECT_EQ(pages.back().payload["requestId"], "r" + std::to_string(i));
@@ -214,6 +207,6 @@ TEST(GitHistoryPaginator, WalksLocalThenGitHubThenFallbackEachCommitOnce) {
             EXPECT_EQ(vars["qualifiedName"], "refs/heads/main");
         }
         const bool refused = !events->eventsOfType("github/oauth/status").empty();
-        EXPECT_EQ(auth->deletions, refused ? 1 : 0);
+        EXPECT_EQ(rig.auth->deletions, refused ? 1 : 0);
     }
 }

@@ -13,6 +13,7 @@
 
 #include "core/MainQueue.h"
 #include "git/GitService.h"
+#include "support/TestSupport.h"
 #include "workspace/ConfigStore.h"
 
 namespace velko::test {
@@ -153,5 +154,39 @@ inline bool drain(GitService& service, ManualQueue& main,
     main.runUntilIdle();
     return true;
 }
+
+// A GitService on a manual main queue with fake projects and account and its
+// events recorded; the test fills in the rest of `deps` (runner, broker, ...)
+// before `start`.
+struct ServiceRig {
+    ManualMain main;
+    std::shared_ptr<FakeProjects> projects = std::make_shared<FakeProjects>();
+    std::shared_ptr<FakeAuth> auth = std::make_shared<FakeAuth>();
+    std::shared_ptr<EventRecorder> events = std::make_shared<EventRecorder>();
+    std::shared_ptr<GitService> service;
+    GitService::Dependencies deps;
+
+    void start() {
+        deps.configProvider = projects;
+        if (!deps.authProvider) deps.authProvider = auth;
+        service = std::make_shared<GitService>(std::move(deps));
+        service->setEventSink(events);
+    }
+    void settle() { ASSERT_TRUE(drain(*service, main.queue())); }
+    // "ok: <message>" or "fail: <message>" for each git/result.
+    std::vector<std::string> results() const {
+        std::vector<std::string> out;
+        for (const auto& e : events->eventsOfType("git/result"))
+            out.push_back(std::string(e.payload["success"].get<bool>() ? "ok: " : "fail: ") +
+                          e.payload["message"].get<std::string>());
+        return out;
+    }
+    // The payload of the one event of `type`.
+    Json only(const std::string& type) const {
+        auto list = events->eventsOfType(type);
+        EXPECT_EQ(list.size(), 1u) << type;
+        return list.empty() ? Json() : list.back().payload;
+    }
+};
 
 }  // namespace velko::test

@@ -30,21 +30,6 @@ int freePort() {
     return ntohs(a.sin_port);
 }
 
-// Standard error of this process (and so of the programs it starts) into a file.
-struct StderrToFile {
-    explicit StderrToFile(const std::string& path) {
-        saved = dup(2);
-        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-        dup2(fd, 2);
-        close(fd);
-    }
-    ~StderrToFile() {
-        dup2(saved, 2);
-        close(saved);
-    }
-    int saved;
-};
-
 }  // namespace
 
 TEST(AccountEndToEnd, SignsInPushesWithTheTokenStaysConnectedAndSignsOutLeavingNoTrace) {
@@ -63,9 +48,7 @@ TEST(AccountEndToEnd, SignsInPushesWithTheTokenStaysConnectedAndSignsOutLeavingN
     FakeGitHub github(base, serverRoot);
     ASSERT_GT(github.port, 0);
     std::string repo = initRepo(base, "repo");
-    writeFileAtomically(repo + "/a.txt", "1\n");
-    git(repo, {"add", "a.txt"});
-    git(repo, {"commit", "-q", "-m", "init"});
+    commitFile(repo, "a.txt", "1\n", "init");
     git(repo, {"remote", "add", "origin", github.url("/repo.git")});
     git(repo, {"config", "branch.main.remote", "origin"});
     git(repo, {"config", "branch.main.merge", "refs/heads/main"});
@@ -88,7 +71,7 @@ TEST(AccountEndToEnd, SignsInPushesWithTheTokenStaysConnectedAndSignsOutLeavingN
         return [value](const Json& e) { return e["type"] == "github/oauth/status" && e["payload"]["status"] == value; };
     };
     {
-        StderrToFile capture(stderrPath);
+        CapturedStderr capture(stderrPath);
         HeadlessProcess velko({"--pick-folder", repo});
         auto first = velko.waitForType("github/oauth/status");
         ASSERT_TRUE(first);
@@ -130,7 +113,7 @@ TEST(AccountEndToEnd, SignsInPushesWithTheTokenStaysConnectedAndSignsOutLeavingN
         events = velko.events();
     }
     {
-        StderrToFile capture(stderrPath);
+        CapturedStderr capture(stderrPath);
         HeadlessProcess velko;
         auto first = velko.waitForType("github/oauth/status");
         ASSERT_TRUE(first);

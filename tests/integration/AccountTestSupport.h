@@ -4,62 +4,17 @@
 // one loopback server playing GitHub's web, API and git hosts.
 
 #include <gtest/gtest.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
-#include <fstream>
-
-#include "support/TestSupport.h"
-
-extern char** environ;
+#include "support/ChildProcesses.h"
 
 namespace velko::test {
-
-// Starts `argv` with the test's environment; its standard output to `out`
-// (a pipe end) or to the test's own. -1 when it could not start.
-inline pid_t spawnChild(std::vector<std::string> argv, int out = -1) {
-    std::vector<char*> args;
-    for (auto& a : argv) args.push_back(a.data());
-    args.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    if (out >= 0) posix_spawn_file_actions_adddup2(&actions, out, 1);
-    pid_t pid = -1;
-    if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
-inline int waitChild(pid_t pid) {
-    int status = 0;
-    if (pid <= 0 || waitpid(pid, &status, 0) != pid) return -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-// What `argv` writes on its standard output.
-inline std::string outputOf(std::vector<std::string> argv) {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) return {};
-    pid_t pid = spawnChild(std::move(argv), fds[1]);
-    close(fds[1]);
-    std::string out;
-    char buffer[4096];
-    for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) > 0;) out.append(buffer, static_cast<size_t>(n));
-    close(fds[0]);
-    waitChild(pid);
-    return out;
-}
 
 // The Secret Service items of `service`, as `secret-tool` counts them (one
 // "label = …" line each on its standard output).
@@ -145,7 +100,8 @@ inline int rerunInPrivateKeyring() {
 // scripts a fault. With a certificate and key it speaks TLS.
 inline const char* const kFakeGitHub = R"PY(
 import base64, hashlib, http.server, json, os, ssl, subprocess, sys, time, urllib.parse
-root, codes, access, refresh, serial = sys.argv[1], {}, set(), set(), [0]
+root, codes, refresh, serial = sys.argv[1], {}, set(), [0]
+access = {os.environ.pop("VELKO_TEST_SERVER_TOKEN", "")} - {""}
 def b64(data): return base64.urlsafe_b64encode(data).rstrip(b"=").decode()
 def issue(kind):
     serial[0] += 1
@@ -226,54 +182,17 @@ print(server.server_address[1], flush=True)
 server.serve_forever()
 )PY";
 
-class FakeGitHub {
-public:
-    // `root` holds the bare repositories git may reach; `tls` a certificate and its key.
-    explicit FakeGitHub(const TempDir& dir, const std::string& root, std::vector<std::string> tls = {}) {
-        std::string script = dir.write("fake-github.py", kFakeGitHub);
-        int fds[2];
-        if (pipe2(fds, O_CLOEXEC) != 0) return;
-        std::vector<std::string> argv{"python3", script, root};
-        argv.insert(argv.end(), tls.begin(), tls.end());
-        m_pid = spawnChild(argv, fds[1]);
-        close(fds[1]);
-        std::string line;
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (m_pid > 0 && line.find('\n') == std::string::npos && std::chrono::steady_clock::now() < deadline) {
-            pollfd p{fds[0], POLLIN, 0};
-            if (poll(&p, 1, 200) <= 0) continue;
-            char buffer[64];
-            ssize_t n = read(fds[0], buffer, sizeof buffer);
-            if (n <= 0) break;
-            line.append(buffer, static_cast<size_t>(n));
-        }
-        close(fds[0]);
-        port = std::atoi(line.c_str());
+// `root` holds the bare repositories git may reach; `tls` a certificate and its
+// key; a token in `presetToken` is taken as one it issued.
+struct FakeGitHub : LoopbackServer {
+    FakeGitHub(const TempDir& dir, const std::string& root, std::vector<std::string> tls = {},
+               const std::string& presetToken = "")
+        : LoopbackServer(dir.write("fake-github.py", kFakeGitHub), withRoot(root, std::move(tls)),
+                         {{"VELKO_TEST_SERVER_TOKEN", presetToken}}) {}
+    static std::vector<std::string> withRoot(const std::string& root, std::vector<std::string> tls) {
+        tls.insert(tls.begin(), root);
+        return tls;
     }
-    ~FakeGitHub() {
-        if (m_pid <= 0) return;
-        kill(m_pid, SIGTERM);
-        waitChild(m_pid);
-    }
-    std::string url(const std::string& path = "") const {
-        return "http://127.0.0.1:" + std::to_string(port) + path;
-    }
-    int port = 0;
-
-private:
-    pid_t m_pid = -1;
 };
-
-// Whether any file under `root` holds `needle` (names included).
-inline bool treeHolds(const std::string& root, const std::string& needle) {
-    std::error_code ec;
-    for (auto it = std::filesystem::recursive_directory_iterator(root, ec);
-         it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
-        if (ec) break;
-        if (it->path().string().find(needle) != std::string::npos) return true;
-        if (it->is_regular_file(ec) && readFile(it->path().string()).find(needle) != std::string::npos) return true;
-    }
-    return false;
-}
 
 }  // namespace velko::test

