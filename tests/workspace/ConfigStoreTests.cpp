@@ -173,6 +173,26 @@ TEST_F(StoreFixture, SessionNumbersFollowTheCountPerProject) {
     EXPECT_EQ(store->addCLISession(std::nullopt, p[0].id).title, "CLI #4");
 }
 
+TEST_F(StoreFixture, ADeferredSaveHappensOnceWhenTheLastDeferralEnds) {
+    auto store = bootstrapped();
+    auto p = store->openProjects({folder("a")});
+    auto saved = [&] { return test::readFile(store->fileURL()); };
+    CLISessionConfig first, second;
+    {
+        ConfigStore::SaveDeferral outer(*store);
+        first = store->addCLISession(std::nullopt, p[0].id);
+        {
+            ConfigStore::SaveDeferral inner(*store);
+            second = store->addCLISession(std::nullopt, p[0].id);
+        }
+        EXPECT_EQ(saved().find(second.id.toString()), std::string::npos) << "saved while a deferral lives";
+        EXPECT_EQ(store->config().cliSessions.size(), 3u) << "memory changes at once";
+    }
+    const std::string text = saved();
+    EXPECT_NE(text.find(first.id.toString()), std::string::npos);
+    EXPECT_NE(text.find(second.id.toString()), std::string::npos);
+}
+
 TEST_F(StoreFixture, EveryChangePublishesInOrderRawThenNormalisedThenMirrored) {
     auto store = bootstrapped();
     auto p = store->openProjects({folder("a"), folder("b")});
