@@ -15,14 +15,21 @@ constexpr char kEsc = 0x1B;
 constexpr char kBel = 0x07;
 constexpr char kCr = 0x0D;
 
-// The kernels below answer two questions about the bytes in [src, src + n):
-// copyPlain copies the leading run that needs no treatment (anything but
-// NUL, CR and ESC) to dst and returns its length; bodyRun returns the length
-// of the leading run holding neither ESC nor BEL, the inside of an OSC
-// sequence. copyPlain may write more of src to dst than it reports, never
-// beyond dst + n.
+// The kernels below answer questions about the bytes in [src, src + n):
+// plainRun returns the length of the leading run that needs no treatment
+// (anything but NUL, CR and ESC); copyPlain also copies that run to dst, for
+// the short runs between escape sequences; bodyRun returns the length of the
+// leading run holding neither ESC nor BEL, the inside of an OSC sequence.
+// copyPlain may write more of src to dst than it reports, never beyond
+// dst + n.
 
 bool isTreated(char c) { return c == 0 || c == kCr || c == kEsc; }
+
+size_t plainRunPortable(const char* src, size_t n) {
+    for (size_t i = 0; i < n; ++i)
+        if (isTreated(src[i])) return i;
+    return n;
+}
 
 size_t copyPlainPortable(const char* src, size_t n, char* dst) {
     for (size_t i = 0; i < n; ++i) {
@@ -71,6 +78,19 @@ size_t copyPlainSse2(const char* src, size_t n, char* dst) {
     return n;
 }
 
+size_t plainRunSse2(const char* src, size_t n) {
+    if (n < 16) return plainRunPortable(src, n);
+    size_t i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const unsigned mask = treatedMaskSse2(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i)));
+        if (mask) return i + static_cast<size_t>(__builtin_ctz(mask));
+    }
+    if (i == n) return n;
+    const size_t at = n - 16;
+    const unsigned mask = treatedMaskSse2(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + at)));
+    return mask ? at + static_cast<size_t>(__builtin_ctz(mask)) : n;
+}
+
 size_t bodyRunSse2(const char* src, size_t n) {
     if (n < 16) return bodyRunPortable(src, n);
     size_t i = 0;
@@ -88,10 +108,43 @@ size_t bodyRunSse2(const char* src, size_t n) {
 // by low nibble and one compare find all three: the table holds each byte at
 // its own nibble and 0xFF elsewhere, which no byte below 0x80 equals, and
 // bytes from 0x80 up look up 0, which they do not equal either.
-__attribute__((target("avx2"))) inline unsigned treatedMaskAvx2(__m256i v) {
+__attribute__((target("avx2"))) inline __m256i treatedAvx2(__m256i v) {
     const __m256i table = _mm256_setr_epi8(0x00, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, kEsc, -1, kCr, -1, -1,  //
                                            0x00, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, kEsc, -1, kCr, -1, -1);
-    return static_cast<unsigned>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(_mm256_shuffle_epi8(table, v), v)));
+    return _mm256_cmpeq_epi8(_mm256_shuffle_epi8(table, v), v);
+}
+
+__attribute__((target("avx2"))) inline unsigned treatedMaskAvx2(__m256i v) {
+    return static_cast<unsigned>(_mm256_movemask_epi8(treatedAvx2(v)));
+}
+
+// Long runs of plain text are the common case: 128 bytes per step, one
+// branch for all of them.
+__attribute__((target("avx2"))) size_t plainRunAvx2(const char* src, size_t n) {
+    if (n < 32) return plainRunSse2(src, n);
+    size_t i = 0;
+    for (; i + 128 <= n; i += 128) {
+        const __m256i a = treatedAvx2(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i)));
+        const __m256i b = treatedAvx2(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i + 32)));
+        const __m256i c = treatedAvx2(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i + 64)));
+        const __m256i d = treatedAvx2(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i + 96)));
+        const __m256i any = _mm256_or_si256(_mm256_or_si256(a, b), _mm256_or_si256(c, d));
+        if (_mm256_testz_si256(any, any)) continue;
+        const uint64_t low = static_cast<uint32_t>(_mm256_movemask_epi8(a)) |
+                             static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(b))) << 32;
+        if (low) return i + static_cast<size_t>(__builtin_ctzll(low));
+        const uint64_t high = static_cast<uint32_t>(_mm256_movemask_epi8(c)) |
+                              static_cast<uint64_t>(static_cast<uint32_t>(_mm256_movemask_epi8(d))) << 32;
+        return i + 64 + static_cast<size_t>(__builtin_ctzll(high));
+    }
+    for (; i + 32 <= n; i += 32) {
+        const unsigned mask = treatedMaskAvx2(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i)));
+        if (mask) return i + static_cast<size_t>(__builtin_ctz(mask));
+    }
+    if (i == n) return n;
+    const size_t at = n - 32;
+    const unsigned mask = treatedMaskAvx2(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + at)));
+    return mask ? at + static_cast<size_t>(__builtin_ctz(mask)) : n;
 }
 
 __attribute__((target("avx2"))) inline unsigned terminatorMaskAvx2(__m256i v) {
@@ -134,16 +187,17 @@ __attribute__((target("avx2"))) size_t bodyRunAvx2(const char* src, size_t n) {
 }  // namespace
 
 struct NormalizerScanner {
+    size_t (*plainRun)(const char* src, size_t n);
     size_t (*copyPlain)(const char* src, size_t n, char* dst);
     size_t (*bodyRun)(const char* src, size_t n);
 };
 
 namespace {
 
-constexpr NormalizerScanner kPortableScanner{copyPlainPortable, bodyRunPortable};
+constexpr NormalizerScanner kPortableScanner{plainRunPortable, copyPlainPortable, bodyRunPortable};
 #if VELKO_X86_SCAN
-constexpr NormalizerScanner kSse2Scanner{copyPlainSse2, bodyRunSse2};
-constexpr NormalizerScanner kAvx2Scanner{copyPlainAvx2, bodyRunAvx2};
+constexpr NormalizerScanner kSse2Scanner{plainRunSse2, copyPlainSse2, bodyRunSse2};
+constexpr NormalizerScanner kAvx2Scanner{plainRunAvx2, copyPlainAvx2, bodyRunAvx2};
 #endif
 
 }  // namespace
@@ -309,16 +363,28 @@ const char* TerminalOutputNormalizer::feedSequence(const char* at, const char* e
 
 void TerminalOutputNormalizer::normalizeInto(std::string_view chunk, std::string& out) {
     if (chunk.empty()) return;
-    // The output of a chunk is never longer than the chunk plus a sequence
-    // held back from earlier chunks: room for that is made once, and the
-    // loop writes through a cursor.
-    const size_t start = out.size();
-    out.resize(start + chunk.size() + m_osc.buffer.size());
-    char* const base = out.data();
-    char* cursor = base + start;
     const char* const first = chunk.data();
     const char* const end = first + chunk.size();
-    const char* at = first;
+    size_t plain = 0;
+    if (m_osc.stage == OSCSequenceState::Stage::Idle) {
+        // Most output is text with nothing to treat: find how much, and copy
+        // it in one piece.
+        plain = m_scanner->plainRun(first, chunk.size());
+        if (plain) m_previousWasCarriageReturn = false;
+        if (plain == chunk.size()) {
+            out.append(chunk);
+            return;
+        }
+    }
+    // The output of a chunk is never longer than the chunk plus a sequence
+    // held back from earlier chunks. The chunk's copy makes room for it (and
+    // its plain start is already final); the loop writes through a cursor.
+    const size_t start = out.size();
+    out.append(chunk);
+    if (!m_osc.buffer.empty()) out.resize(out.size() + m_osc.buffer.size());
+    char* const base = out.data();
+    char* cursor = base + start + plain;
+    const char* at = first + plain;
     while (at < end) {
         if (m_osc.stage != OSCSequenceState::Stage::Idle) {
             at = feedSequence(at, end, cursor);
