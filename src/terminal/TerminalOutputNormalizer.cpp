@@ -1,5 +1,6 @@
 #include "terminal/TerminalOutputNormalizer.h"
 
+#include <cstdint>
 #include <cstring>
 
 #if defined(__x86_64__) && defined(__GNUC__)
@@ -22,6 +23,16 @@ constexpr char kCr = 0x0D;
 // leading run holding neither ESC nor BEL, the inside of an OSC sequence.
 // copyPlain may write more of src to dst than it reports, never beyond
 // dst + n.
+
+// Colour sequences start with ESC [ 1 as often as the filler does: its first
+// eight bytes, compared at once, tell them apart before the whole compare.
+bool startsLikeFiller(const char* at) {
+    static constexpr char kHead[8] = {kEsc, '[', '1', 'm', kEsc, '[', '7', 'm'};
+    uint64_t head, expected;
+    std::memcpy(&head, at, sizeof head);
+    std::memcpy(&expected, kHead, sizeof expected);
+    return head == expected;
+}
 
 bool isTreated(char c) { return c == 0 || c == kCr || c == kEsc; }
 
@@ -186,18 +197,26 @@ __attribute__((target("avx2"))) size_t bodyRunAvx2(const char* src, size_t n) {
 
 }  // namespace
 
-struct NormalizerScanner {
-    size_t (*plainRun)(const char* src, size_t n);
-    size_t (*copyPlain)(const char* src, size_t n, char* dst);
-    size_t (*bodyRun)(const char* src, size_t n);
-};
-
 namespace {
 
-constexpr NormalizerScanner kPortableScanner{plainRunPortable, copyPlainPortable, bodyRunPortable};
+struct PortableScan {
+    static size_t plainRun(const char* src, size_t n) { return plainRunPortable(src, n); }
+    static size_t copyPlain(const char* src, size_t n, char* dst) { return copyPlainPortable(src, n, dst); }
+    static size_t bodyRun(const char* src, size_t n) { return bodyRunPortable(src, n); }
+};
+
 #if VELKO_X86_SCAN
-constexpr NormalizerScanner kSse2Scanner{plainRunSse2, copyPlainSse2, bodyRunSse2};
-constexpr NormalizerScanner kAvx2Scanner{plainRunAvx2, copyPlainAvx2, bodyRunAvx2};
+struct Sse2Scan {
+    static size_t plainRun(const char* src, size_t n) { return plainRunSse2(src, n); }
+    static size_t copyPlain(const char* src, size_t n, char* dst) { return copyPlainSse2(src, n, dst); }
+    static size_t bodyRun(const char* src, size_t n) { return bodyRunSse2(src, n); }
+};
+
+struct Avx2Scan {
+    static size_t plainRun(const char* src, size_t n) { return plainRunAvx2(src, n); }
+    static size_t copyPlain(const char* src, size_t n, char* dst) { return copyPlainAvx2(src, n, dst); }
+    static size_t bodyRun(const char* src, size_t n) { return bodyRunAvx2(src, n); }
+};
 #endif
 
 }  // namespace
@@ -230,13 +249,7 @@ ByteScan TerminalOutputNormalizer::bestByteScan() {
     return ByteScan::Portable;
 }
 
-TerminalOutputNormalizer::TerminalOutputNormalizer(ByteScan scan)
-    : m_scan(isAvailable(scan) ? scan : bestByteScan()), m_scanner(&kPortableScanner) {
-#if VELKO_X86_SCAN
-    if (m_scan == ByteScan::Sse2) m_scanner = &kSse2Scanner;
-    if (m_scan == ByteScan::Avx2) m_scanner = &kAvx2Scanner;
-#endif
-}
+TerminalOutputNormalizer::TerminalOutputNormalizer(ByteScan scan) : m_scan(isAvailable(scan) ? scan : bestByteScan()) {}
 
 void OSCSequenceState::reset() {
     stage = Stage::Idle;
@@ -338,10 +351,11 @@ std::string TerminalOutputNormalizer::normalize(std::string_view chunk, const De
     return out;
 }
 
+template <typename Scan>
 const char* TerminalOutputNormalizer::feedSequence(const char* at, const char* end, char*& out) {
     if (m_osc.stage == OSCSequenceState::Stage::ReadingBody) {
         // A title or a long hyperlink: take the body up to its possible end in one piece.
-        const size_t run = m_scanner->bodyRun(at, static_cast<size_t>(end - at));
+        const size_t run = Scan::bodyRun(at, static_cast<size_t>(end - at));
         m_osc.buffer.append(at, run);
         at += run;
         if (at == end) return at;
@@ -363,13 +377,27 @@ const char* TerminalOutputNormalizer::feedSequence(const char* at, const char* e
 
 void TerminalOutputNormalizer::normalizeInto(std::string_view chunk, std::string& out) {
     if (chunk.empty()) return;
+    switch (m_scan) {
+#if VELKO_X86_SCAN
+        case ByteScan::Avx2: return normalizeWith<Avx2Scan>(chunk, out);
+        case ByteScan::Sse2: return normalizeWith<Sse2Scan>(chunk, out);
+#else
+        case ByteScan::Avx2:
+        case ByteScan::Sse2:
+#endif
+        case ByteScan::Portable: return normalizeWith<PortableScan>(chunk, out);
+    }
+}
+
+template <typename Scan>
+void TerminalOutputNormalizer::normalizeWith(std::string_view chunk, std::string& out) {
     const char* const first = chunk.data();
     const char* const end = first + chunk.size();
     size_t plain = 0;
     if (m_osc.stage == OSCSequenceState::Stage::Idle) {
         // Most output is text with nothing to treat: find how much, and copy
         // it in one piece.
-        plain = m_scanner->plainRun(first, chunk.size());
+        plain = Scan::plainRun(first, chunk.size());
         if (plain) m_previousWasCarriageReturn = false;
         if (plain == chunk.size()) {
             out.append(chunk);
@@ -387,10 +415,10 @@ void TerminalOutputNormalizer::normalizeInto(std::string_view chunk, std::string
     const char* at = first + plain;
     while (at < end) {
         if (m_osc.stage != OSCSequenceState::Stage::Idle) {
-            at = feedSequence(at, end, cursor);
+            at = feedSequence<Scan>(at, end, cursor);
             continue;
         }
-        if (const size_t run = m_scanner->copyPlain(at, static_cast<size_t>(end - at), cursor)) {
+        if (const size_t run = Scan::copyPlain(at, static_cast<size_t>(end - at), cursor)) {
             at += run;
             cursor += run;
             m_previousWasCarriageReturn = false;
@@ -410,7 +438,7 @@ void TerminalOutputNormalizer::normalizeInto(std::string_view chunk, std::string
             // ESC: the start of an OSC sequence, or one whose second byte is in the next chunk.
             m_osc.begin();
             ++at;
-        } else if (end - at > static_cast<ptrdiff_t>(kPromptFiller.size()) && at[1] == '[' && at[2] == '1') {
+        } else if (end - at > static_cast<ptrdiff_t>(kPromptFiller.size()) && startsLikeFiller(at)) {
             if (auto next = consumePromptFiller(chunk, static_cast<size_t>(at - first), cursor)) {
                 at = first + *next;
             } else {

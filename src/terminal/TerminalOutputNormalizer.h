@@ -40,7 +40,6 @@ struct OSCSequenceState {
 
 // How the normaliser looks for the bytes it treats.
 enum class ByteScan { Portable, Sse2, Avx2 };
-struct NormalizerScanner;
 
 class TerminalOutputNormalizer {
 public:
@@ -65,14 +64,17 @@ public:
     ByteScan byteScan() const { return m_scan; }
 
 private:
+    // One instance per scan, so that the loop calls its scan directly.
+    template <typename Scan>
+    void normalizeWith(std::string_view chunk, std::string& out);
     // Writes at `out` and returns the index to continue from, or nothing
     // when no filler stands at `index`.
     std::optional<size_t> consumePromptFiller(std::string_view chunk, size_t index, char*& out);
     // Feeds bytes from `at` to the sequence under way; returns where it stopped.
+    template <typename Scan>
     const char* feedSequence(const char* at, const char* end, char*& out);
 
     ByteScan m_scan;
-    const NormalizerScanner* m_scanner;
     bool m_previousWasCarriageReturn = false;
     OSCSequenceState m_osc;
     std::string m_scratch;
