@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "github/GitHubOAuthEnvironment.h"
 #include "platform/HeadlessHost.h"
 
 #ifdef VELKO_HAS_GUI
@@ -15,6 +16,9 @@ int main(int argc, char** argv) {
     // A closed pipe (a terminal master, a git pipe, stdout of the headless host)
     // must fail a write, not end the program.
     std::signal(SIGPIPE, SIG_IGN);
+    // Before any thread starts: the OAuth client secret stays with velko and
+    // no shell, git or browser it starts inherits it.
+    velko::GitHubOAuthEnvironment::withholdSecretsFromChildren();
 
     std::vector<std::string> args(argv + 1, argv + argc);
     bool headless = false;

@@ -16,6 +16,7 @@
 #include "core/MainQueue.h"
 #include "core/Paths.h"
 #include "git/GitService.h"
+#include "shell/ServiceAdapters.h"
 #include "shell/WebBridge.h"
 
 using namespace velko;
@@ -105,7 +106,8 @@ void BM_GitStatusEndToEndVersusPlainGit(benchmark::State& state) {
     auto view = std::make_shared<FlagView>();
     bridge->setWebView(view);
     bridge->notifyWebViewDidFinishNavigation();
-    bridge->setGitService(service);
+    auto gitOperations = makeGitOperating(service);  // the bridge holds it weakly
+    bridge->setGitService(gitOperations);
     service->setEventSink(bridge);
     while (g_main_context_iteration(nullptr, FALSE)) {
     }

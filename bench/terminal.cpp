@@ -46,6 +46,7 @@
 #include "terminal/TerminalOutputNormalizer.h"
 #include "terminal/TerminalOutputPump.h"
 #include "terminal/TerminalProcess.h"
+#include "terminal/TerminalReaper.h"
 #include "terminal/TerminalService.h"
 #include "workspace/ConfigStore.h"
 
@@ -169,10 +170,11 @@ void BM_OutputPath(benchmark::State& state) {
                                      bench::Ratio::BaselineOverVariant, bench::Clock::Wall,
                                      bench::Goal::atLeast(0.95)});
     std::vector<double> velkoCpuPerMiB, countingCpuPerMiB;
+    TerminalReaper reaper;
     auto counting = [&]() -> double {
         bench::Stopwatch cpu(bench::Clock::ProcessCpu);
         bench::Stopwatch wall(bench::Clock::Wall);
-        auto raw = PTYDriver::spawn("/bin/cat", {input}, "/", {}, 120, 40);
+        auto raw = PTYDriver::spawn(reaper, "/bin/cat", {input}, "/", {}, 120, 40);
         if (!raw) return -1;
         benchmark::DoNotOptimize(drainCounting(raw->masterHandle.get()));
         waitForExit(*raw->process);
@@ -185,7 +187,7 @@ void BM_OutputPath(benchmark::State& state) {
         auto logger = TerminalLogger::create(sandbox().root + "/cache/velko-terminal.log");
         bench::Stopwatch cpu(bench::Clock::ProcessCpu);
         bench::Stopwatch wall(bench::Clock::Wall);
-        auto spawned = PTYDriver::spawn("/bin/cat", {input}, "/", {}, 120, 40);
+        auto spawned = PTYDriver::spawn(reaper, "/bin/cat", {input}, "/", {}, 120, 40);
         if (!spawned) return -1;
         {
             TerminalOutputPump pump(Uuid::random(), spawned->masterHandle.get(), logger, sink);
@@ -376,7 +378,9 @@ struct Terminals {
     ~Terminals() {
         service->shutdown();
         queue->runUntilIdle();
-        TerminalProcess::waitForAbandonedChildren(std::chrono::seconds(5));
+        // Closed shells leave within the reaper's grace period.
+        for (int i = 0; i < 500 && coordinator->reaper()->childCount() > 0; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     Uuid create() {
         service->createSession(std::string("bench"), std::nullopt);
@@ -423,7 +427,8 @@ void BM_SessionStart(benchmark::State& state) {
     auto bare = [&]() -> double {
         bench::Stopwatch cpu(bench::Clock::ProcessCpu);
         bench::Stopwatch wall(bench::Clock::Wall);
-        auto shell = PTYDriver::spawn("/bin/zsh", {"-l"}, sandbox().root, {}, 120, 40);
+        auto shell =
+            PTYDriver::spawn(*terminals.coordinator->reaper(), "/bin/zsh", {"-l"}, sandbox().root, {}, 120, 40);
         if (!shell) return -1;
         pollfd pfd{shell->masterHandle.get(), POLLIN, 0};
         if (::poll(&pfd, 1, 5000) != 1) return -1;

@@ -164,12 +164,14 @@ std::optional<double> number(const Json* object, std::string_view key) {
 std::optional<int64_t> integer(const Json* object, std::string_view key) {
     const Json* value = member(object, key);
     if (!value || !value->is_number()) return std::nullopt;
-    if (value->is_number_integer()) return value->get<int64_t>();
+    // Unsigned first: is_number_integer() holds for unsigned values too, and
+    // 2^64-1 read as int64 would wrap to -1.
     if (value->is_number_unsigned()) {
         auto u = value->get<uint64_t>();
         if (u > static_cast<uint64_t>(INT64_MAX)) return std::nullopt;
         return static_cast<int64_t>(u);
     }
+    if (value->is_number_integer()) return value->get<int64_t>();
     double d = value->get<double>();
     if (!std::isfinite(d) || std::floor(d) != d || d < -9.2e18 || d > 9.2e18) return std::nullopt;
     return static_cast<int64_t>(d);

@@ -32,44 +32,48 @@ void runOnMain(Task task) {
 
 // --- GlibMainQueue ---
 
-GlibMainQueue::GlibMainQueue() : m_thread(std::this_thread::get_id()) {}
+struct GlibMainQueue::Pending {
+    std::mutex mutex;
+    std::deque<Task> tasks;
+    bool scheduled = false;
+
+    static int drain(void* data) {
+        auto& pending = **static_cast<std::shared_ptr<Pending>*>(data);
+        std::deque<Task> batch;
+        {
+            std::lock_guard lock(pending.mutex);
+            batch.swap(pending.tasks);
+            pending.scheduled = false;
+        }
+        for (auto& task : batch) task();
+        return G_SOURCE_REMOVE;
+    }
+    static void release(void* data) { delete static_cast<std::shared_ptr<Pending>*>(data); }
+};
+
+GlibMainQueue::GlibMainQueue() : m_thread(std::this_thread::get_id()), m_pending(std::make_shared<Pending>()) {}
 
 bool GlibMainQueue::isCurrent() const { return std::this_thread::get_id() == m_thread; }
 
 void GlibMainQueue::post(Task task) {
     bool schedule = false;
     {
-        std::lock_guard lock(m_mutex);
-        m_tasks.push_back(std::move(task));
-        if (!m_scheduled) {
-            m_scheduled = true;
+        std::lock_guard lock(m_pending->mutex);
+        m_pending->tasks.push_back(std::move(task));
+        if (!m_pending->scheduled) {
+            m_pending->scheduled = true;
             schedule = true;
         }
     }
     if (schedule) {
         // Not g_main_context_invoke: on the owning thread it would run the tasks
-        // right now, inside the caller. The queue lives as long as the process.
+        // right now, inside the caller.
         GSource* source = g_idle_source_new();
         g_source_set_priority(source, G_PRIORITY_DEFAULT);
-        g_source_set_callback(source, &GlibMainQueue::drainCallback, this, nullptr);
+        g_source_set_callback(source, &Pending::drain, new std::shared_ptr<Pending>(m_pending), &Pending::release);
         g_source_attach(source, nullptr);
         g_source_unref(source);
     }
-}
-
-int GlibMainQueue::drainCallback(void* data) {
-    static_cast<GlibMainQueue*>(data)->drain();
-    return G_SOURCE_REMOVE;
-}
-
-void GlibMainQueue::drain() {
-    std::deque<Task> batch;
-    {
-        std::lock_guard lock(m_mutex);
-        batch.swap(m_tasks);
-        m_scheduled = false;
-    }
-    for (auto& task : batch) task();
 }
 
 namespace {

@@ -26,13 +26,11 @@ public:
     bool isCurrent() const override;
 
 private:
-    static int drainCallback(void* data);
-    void drain();
-
+    struct Pending;
     std::thread::id m_thread;
-    std::mutex m_mutex;
-    std::deque<Task> m_tasks;
-    bool m_scheduled = false;
+    // Shared with the idle source that drains it, so a source still attached
+    // when the queue goes away never reaches freed memory.
+    std::shared_ptr<Pending> m_pending;
 };
 
 class ManualQueue final : public TaskQueue {

@@ -1,8 +1,6 @@
 #include "files/ExplorerListing.h"
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <glib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,31 +9,15 @@
 #include <cstdlib>
 #include <memory>
 
+#include "core/NameCollation.h"
 #include "core/Paths.h"
+#include "files/DirectoryReader.h"
 #include "files/PathRules.h"
 
 namespace velko {
 
 namespace {
 
-struct DirCloser {
-    void operator()(DIR* dir) const { closedir(dir); }
-};
-
-// A case-insensitive key that sorts by the user's collation. Names that are
-// not UTF-8 (possible on Linux) sort by their lower-cased bytes instead.
-std::string sortKey(const std::string& name) {
-    if (!g_utf8_validate(name.data(), static_cast<gssize>(name.size()), nullptr)) {
-        std::string lowered = name;
-        for (char& c : lowered)
-            if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-        return lowered;
-    }
-    std::unique_ptr<gchar, decltype(&g_free)> folded(g_utf8_casefold(name.data(), static_cast<gssize>(name.size())),
-                                                     g_free);
-    std::unique_ptr<gchar, decltype(&g_free)> key(g_utf8_collate_key(folded.get(), -1), g_free);
-    return key.get();
-}
 
 struct ListedEntry {
     ExplorerNode node;
@@ -44,40 +26,40 @@ struct ListedEntry {
 
 bool listDirectChildren(const std::string& directory, const std::string& directoryRelative,
                         const ExplorerExclusionRules& rules, std::vector<ExplorerNode>& out) {
-    int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return false;
-    std::unique_ptr<DIR, DirCloser> dir(fdopendir(fd));
-    if (!dir) {
-        close(fd);
-        return false;
-    }
+    DirectoryReader reader;
+    if (!reader.open(AT_FDCWD, directory.c_str())) return false;
+    // Reached through a link into an excluded folder: everything in it is excluded.
+    if (rules.contains(directoryRelative)) return true;
+    const bool checkPaths = !rules.paths().empty();
+    std::string prefix = directoryRelative.empty() ? std::string() : directoryRelative + "/";
     std::vector<ListedEntry> entries;
-    while (dirent* entry = readdir(dir.get())) {
-        std::string_view name = entry->d_name;
-        if (name == "." || name == "..") continue;
-        std::string relative = directoryRelative.empty() ? std::string(name) : directoryRelative + "/" + std::string(name);
-        if (rules.contains(relative)) continue;
-        unsigned char type = entry->d_type;
-        if (type == DT_UNKNOWN) {
-            // Some file systems do not fill d_type; ask without following links.
-            struct stat st {};
-            if (fstatat(dirfd(dir.get()), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-            type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_LNK;
+    bool complete = reader.forEach([&](std::string_view name, unsigned char type) {
+        // Links, sockets, devices and entries that vanished are left out.
+        if (type != DT_DIR && type != DT_REG) return;
+        if (rules.containsName(name)) return;
+        ListedEntry& listed = entries.emplace_back();
+        listed.node.path.reserve(prefix.size() + name.size());
+        listed.node.path.append(prefix).append(name);
+        if (checkPaths && rules.containsChild(listed.node.path, name)) {
+            entries.pop_back();
+            return;
         }
-        if (type != DT_DIR && type != DT_REG) continue;
-        ListedEntry listed;
         listed.node.name = name;
-        listed.node.path = std::move(relative);
         listed.node.type = type == DT_DIR ? ExplorerNodeType::Folder : ExplorerNodeType::File;
-        listed.key = sortKey(listed.node.name);
-        entries.push_back(std::move(listed));
-    }
-    std::stable_sort(entries.begin(), entries.end(), [](const ListedEntry& a, const ListedEntry& b) {
-        if (a.node.type != b.node.type) return a.node.type == ExplorerNodeType::Folder;
-        return a.key < b.key;
+        listed.key = caseInsensitiveSortKey(name);
+    });
+    if (!complete) return false;
+    // Sorting indices moves four bytes per step instead of three strings.
+    std::vector<uint32_t> order(entries.size());
+    for (uint32_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::stable_sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
+        const auto& left = entries[a];
+        const auto& right = entries[b];
+        if (left.node.type != right.node.type) return left.node.type == ExplorerNodeType::Folder;
+        return left.key < right.key;
     });
     out.reserve(entries.size());
-    for (auto& entry : entries) out.push_back(std::move(entry.node));
+    for (uint32_t i : order) out.push_back(std::move(entries[i].node));
     return true;
 }
 
@@ -112,6 +94,15 @@ ExplorerExclusionRules::ExplorerExclusionRules(const std::vector<std::string>& p
 
 bool ExplorerExclusionRules::containsName(std::string_view name) const {
     return std::find(m_names.begin(), m_names.end(), name) != m_names.end();
+}
+
+bool ExplorerExclusionRules::containsChild(std::string_view relativePath, std::string_view name) const {
+    if (containsName(name)) return true;
+    // The folder is not excluded, so nothing above the entry is an excluded
+    // path: the entry can only be one itself.
+    for (const auto& excluded : m_paths)
+        if (relativePath == excluded) return true;
+    return false;
 }
 
 bool ExplorerExclusionRules::contains(std::string_view path) const {
@@ -177,14 +168,25 @@ std::vector<ExplorerDirectorySnapshot> listExplorerDirectories(std::string_view 
 }
 
 OrderedJson explorerSnapshotJson(const ExplorerDirectorySnapshot& snapshot) {
-    OrderedJson nodes = OrderedJson::array();
+    // Built member by member: the initializer-list constructor costs more than
+    // the whole directory read for a folder of many entries.
+    OrderedJson nodes(OrderedJson::value_t::array);
+    auto& array = nodes.get_ref<OrderedJson::array_t&>();
+    array.reserve(snapshot.nodes.size());
     for (const auto& node : snapshot.nodes) {
-        nodes.push_back(OrderedJson{{"name", node.name},
-                                    {"path", node.path},
-                                    {"type", node.type == ExplorerNodeType::Folder ? "folder" : "file"}});
+        OrderedJson entry(OrderedJson::value_t::object);
+        auto& members = entry.get_ref<OrderedJson::object_t&>();
+        members.reserve(3);
+        members.emplace_back("name", node.name);
+        members.emplace_back("path", node.path);
+        members.emplace_back("type", node.type == ExplorerNodeType::Folder ? "folder" : "file");
+        array.push_back(std::move(entry));
     }
-    OrderedJson json{{"path", snapshot.path}, {"nodes", std::move(nodes)}};
-    if (!snapshot.error.empty()) json["error"] = snapshot.error;
+    OrderedJson json(OrderedJson::value_t::object);
+    auto& members = json.get_ref<OrderedJson::object_t&>();
+    members.emplace_back("path", snapshot.path);
+    members.emplace_back("nodes", std::move(nodes));
+    if (!snapshot.error.empty()) members.emplace_back("error", snapshot.error);
     return json;
 }
 

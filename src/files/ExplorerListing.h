@@ -30,6 +30,10 @@ public:
     bool contains(std::string_view relativePath) const;
     // True when a single entry name is one of the excluded names.
     bool containsName(std::string_view name) const;
+    // `contains` for an entry `name` (at `relativePath`) of a folder that is
+    // itself not excluded: only the entry's own name and the excluded paths
+    // can match then. The listing and the watcher ask this once per entry.
+    bool containsChild(std::string_view relativePath, std::string_view name) const;
 
     const std::vector<std::string>& names() const { return m_names; }
     const std::vector<std::string>& paths() const { return m_paths; }

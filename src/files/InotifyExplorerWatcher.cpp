@@ -1,6 +1,5 @@
 #include "files/InotifyExplorerWatcher.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -15,6 +14,7 @@
 
 #include "core/Log.h"
 #include "files/PathRules.h"
+#include "files/SaveLeftovers.h"
 
 namespace velko {
 
@@ -24,9 +24,8 @@ constexpr uint32_t kWatchMask = IN_CREATE | IN_DELETE | IN_MODIFY | IN_CLOSE_WRI
                                 IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW |
                                 IN_EXCL_UNLINK;
 
-struct DirCloser {
-    void operator()(DIR* dir) const { closedir(dir); }
-};
+// The parent is watched only for the root itself going away.
+constexpr uint32_t kParentMask = IN_DELETE | IN_MOVED_FROM | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW;
 
 std::string joinPath(const std::string& directory, std::string_view name) {
     std::string path = directory;
@@ -71,6 +70,15 @@ bool InotifyExplorerWatcher::start(Handler handler) {
         stop();
         return false;
     }
+    // Best effort: without the parent (the root is "/", no permission) the
+    // root's own events still come, only later while it is someone's cwd.
+    m_parentWatch = -1;
+    if (auto slash = m_root.find_last_of('/'); slash != std::string::npos && m_root.size() > 1) {
+        std::string parent = slash == 0 ? std::string("/") : m_root.substr(0, slash);
+        m_rootName = m_root.substr(slash + 1);
+        m_parentWatch = inotify_add_watch(m_inotifyFd, parent.c_str(), kParentMask);
+        if (m_parentWatch == m_rootWatch) m_parentWatch = -1;
+    }
     m_handler = std::move(handler);
     m_watches = {{m_rootWatch, m_root}};
     m_watchCount = 1;
@@ -96,7 +104,7 @@ void InotifyExplorerWatcher::stop() {
     }
     if (m_inotifyFd >= 0) close(m_inotifyFd);
     if (m_stopFd >= 0) close(m_stopFd);
-    m_inotifyFd = m_stopFd = m_rootWatch = -1;
+    m_inotifyFd = m_stopFd = m_rootWatch = m_parentWatch = -1;
     m_watches.clear();
     m_handler = nullptr;
     // Wake anyone still waiting for a scan that will not come.
@@ -120,13 +128,16 @@ void InotifyExplorerWatcher::reportResync(ExplorerFileChangeKind kind) {
 }
 
 void InotifyExplorerWatcher::watchTree(const std::string& top, bool reportContents) {
+    if (isExcludedDirectory(top)) return;
+    const size_t relativeStart = m_root == "/" ? 1 : m_root.size() + 1;
+    const auto leftoverCutoff = processStartTime();
     std::vector<std::string> stack{top};
     while (!stack.empty() && !m_stopRequested.load(std::memory_order_relaxed)) {
-        std::string directory = std::move(stack.back());
+        std::string next = std::move(stack.back());
         stack.pop_back();
-        if (isExcludedDirectory(directory)) continue;
         bool overBudget = m_maxWatches > 0 && m_watches.size() >= m_maxWatches;
-        int wd = overBudget ? -1 : inotify_add_watch(m_inotifyFd, directory.c_str(), kWatchMask);
+        // Watched before it is read, so an entry made in between is told as an event.
+        int wd = overBudget ? -1 : inotify_add_watch(m_inotifyFd, next.c_str(), kWatchMask);
         if (overBudget) errno = ENOSPC;
         if (wd < 0) {
             if (errno == ENOSPC && !m_reportedOutOfWatches) {
@@ -138,24 +149,18 @@ void InotifyExplorerWatcher::watchTree(const std::string& top, bool reportConten
             }
             continue;
         }
-        m_watches[wd] = directory;
+        // Node-based map: the reference stays valid while the entries are read.
+        const std::string& directory = m_watches[wd] = std::move(next);
         m_watchCount = m_watches.size();
-        int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
-        if (fd < 0) continue;
-        std::unique_ptr<DIR, DirCloser> dir(fdopendir(fd));
-        if (!dir) {
-            close(fd);
-            continue;
-        }
-        while (dirent* entry = readdir(dir.get())) {
-            std::string_view name = entry->d_name;
-            if (name == "." || name == "..") continue;
-            unsigned char type = entry->d_type;
-            if (type == DT_UNKNOWN) {
-                struct stat st {};
-                if (fstatat(dirfd(dir.get()), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-                type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_LNK;
-            }
+        if (!m_reader.open(AT_FDCWD, directory.c_str())) continue;
+        m_reader.forEach([&](std::string_view name, unsigned char type) {
+            // A save killed before its rename left this; the walk that opens
+            // the project is the one moment every folder is read anyway.
+            if (type == DT_REG && leftoverCutoff && name.front() == '.' &&
+                removeSaveLeftoverAt(m_reader.fd(), name, *leftoverCutoff))
+                return;
+            // Gone before it could be asked about, or not wanted by the first walk.
+            if (type == DT_UNKNOWN || (!reportContents && type != DT_DIR)) return;
             std::string path = joinPath(directory, name);
             if (reportContents) {
                 append(ExplorerFileEvent{path,
@@ -163,8 +168,10 @@ void InotifyExplorerWatcher::watchTree(const std::string& top, bool reportConten
                                          ExplorerFileChangeKind::Created, false});
             }
             // Links are never followed, so a link loop cannot trap the walk.
-            if (type == DT_DIR) stack.push_back(std::move(path));
-        }
+            if (type == DT_DIR && !m_rules.containsChild(std::string_view(path).substr(relativeStart), name))
+                stack.push_back(std::move(path));
+        });
+        m_reader.close();
     }
 }
 
@@ -219,6 +226,11 @@ void InotifyExplorerWatcher::processEvents(const char* buffer, size_t length) {
             watchTree(m_root, false);
             continue;
         }
+        if (m_parentWatch >= 0 && header.wd == m_parentWatch) {
+            processParentEvent(header.mask, header.len > 0 ? std::string_view(nameStart, strnlen(nameStart, header.len))
+                                                           : std::string_view());
+            continue;
+        }
         auto found = m_watches.find(header.wd);
         if (found == m_watches.end()) continue;
         std::string directory = found->second;
@@ -240,6 +252,21 @@ void InotifyExplorerWatcher::processEvents(const char* buffer, size_t length) {
             if (header.mask & IN_MOVED_FROM) unwatchTree(path);
         }
     }
+}
+
+void InotifyExplorerWatcher::processParentEvent(uint32_t mask, std::string_view name) {
+    if (mask & IN_IGNORED) {
+        m_parentWatch = -1;
+        return;
+    }
+    // The parent itself moved or went: the root's path names nothing now.
+    if (name.empty()) {
+        if (mask & (IN_MOVE_SELF | IN_DELETE_SELF)) reportResync(ExplorerFileChangeKind::Renamed);
+        return;
+    }
+    if (name != m_rootName) return;
+    if (mask & IN_DELETE) reportResync(ExplorerFileChangeKind::Removed);
+    if (mask & IN_MOVED_FROM) reportResync(ExplorerFileChangeKind::Renamed);
 }
 
 void InotifyExplorerWatcher::run() {

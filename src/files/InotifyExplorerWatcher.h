@@ -7,7 +7,13 @@
 // watched at once and scanned, and what the scan finds is reported as
 // created, so files made in the same instant as their folder are not missed.
 // A queue overflow, the loss of the root or running out of watches becomes
-// one event with `requiresResync`, never a crash and never silent loss.
+// one event with `requiresResync`, never a crash and never silent loss. The
+// root's parent is watched for the root's name as well: while a process has
+// the root as its working directory, the kernel holds the root's own deletion
+// event back until that process lets go, but the parent learns at once.
+//
+// The first walk also removes what a killed save left in the folders it reads
+// (see SaveLeftovers.h), since it reads every folder of the project anyway.
 //
 // Events are collected for a short latency (0.2 s from the first of a burst)
 // and handed over as one delivery, with duplicates removed. Everything runs on
@@ -24,6 +30,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "files/DirectoryReader.h"
 #include "files/ExplorerEventWatching.h"
 #include "files/ExplorerListing.h"
 
@@ -58,6 +65,7 @@ public:
 private:
     void run();
     void processEvents(const char* buffer, size_t length);
+    void processParentEvent(uint32_t mask, std::string_view name);
     // Watches `directory` and everything below it; with `reportContents`, the
     // entries found are reported as created.
     void watchTree(const std::string& directory, bool reportContents);
@@ -75,11 +83,14 @@ private:
     int m_inotifyFd = -1;
     int m_stopFd = -1;
     int m_rootWatch = -1;
+    int m_parentWatch = -1;  // the root's parent, for the root's own name only
+    std::string m_rootName;
     std::thread m_thread;
     // Set by stop() so that a long first walk of a big tree ends early
     // instead of holding the caller (the main thread) until it is done.
     std::atomic<bool> m_stopRequested{false};
     std::unordered_map<int, std::string> m_watches;  // watcher thread only, once started
+    DirectoryReader m_reader;                         // watcher thread only
     std::atomic<size_t> m_watchCount{0};
     std::vector<ExplorerFileEvent> m_pending;
     std::unordered_map<std::string, size_t> m_pendingKeys;

@@ -10,20 +10,23 @@
 #include <memory>
 
 #include "core/Uuid.h"
+#include "files/FileMessages.h"
 #include "files/PathRules.h"
 
 namespace velko {
 
 namespace {
 
-RenameError invalidDestination() { return {"rename_invalid_destination", "移動先のパスが不正です"}; }
+namespace msg = file_messages;
+
+RenameError invalidDestination() { return {"rename_invalid_destination", std::string(msg::kRenameInvalidDestination)}; }
 
 std::string describeErrno(int error) {
     char buffer[256];
     return strerror_r(error, buffer, sizeof buffer);
 }
 
-RenameError moveFailed(int error) { return {"rename_failed", "リネームに失敗しました: " + describeErrno(error)}; }
+RenameError moveFailed(int error) { return {"rename_failed", std::string(msg::kRenameFailed) + describeErrno(error)}; }
 
 bool exists(const std::string& path) {
     struct stat st {};
@@ -89,7 +92,7 @@ Result<RenameOutcome, RenameError> renameProjectItem(std::string_view rootPath, 
                                                      std::string_view toPath, EntityTypeHint,
                                                      std::string_view homePath) {
     auto from = sanitizeRelativePath(fromPath, homePath);
-    if (!from || from->empty()) return fail(RenameError{"rename_invalid_path", "リネーム対象のパスが不正です"});
+    if (!from || from->empty()) return fail(RenameError{"rename_invalid_path", std::string(msg::kRenameInvalidPath)});
     auto to = sanitizeRelativePath(toPath, homePath);
     if (!to || to->empty()) return fail(invalidDestination());
 
@@ -97,14 +100,14 @@ Result<RenameOutcome, RenameError> renameProjectItem(std::string_view rootPath, 
     if (parentPath(*to) != parent) return fail(invalidDestination());
 
     std::string name = trimWhitespace(lastPathComponent(*to));
-    if (name.empty()) return fail(RenameError{"rename_invalid_name", "名前を入力してください"});
-    if (name == "." || name == "..") return fail(RenameError{"rename_invalid_name", "この名前は使用できません"});
+    if (name.empty()) return fail(RenameError{"rename_invalid_name", std::string(msg::kRenameEmptyName)});
+    if (name == "." || name == "..") return fail(RenameError{"rename_invalid_name", std::string(msg::kRenameReservedName)});
     bool forbidden = name.find_first_of("/\\:") != std::string::npos;
     if (!forbidden && g_utf8_validate(name.data(), static_cast<gssize>(name.size()), nullptr)) {
         for (const char* p = name.data(); p < name.data() + name.size(); p = g_utf8_next_char(p))
             if (isNewline(g_utf8_get_char(p))) forbidden = true;
     }
-    if (forbidden) return fail(RenameError{"rename_invalid_name", "名前に使用できない文字が含まれています"});
+    if (forbidden) return fail(RenameError{"rename_invalid_name", std::string(msg::kRenameForbiddenCharacter)});
 
     auto destination = sanitizeRelativePath(parent.empty() ? name : parent + "/" + name, homePath);
     if (!destination || destination->empty()) return fail(invalidDestination());
@@ -112,7 +115,7 @@ Result<RenameOutcome, RenameError> renameProjectItem(std::string_view rootPath, 
     std::string source = appendPath(rootPath, *from);
     std::string target = appendPath(rootPath, *destination);
     struct stat sourceInfo {};
-    if (lstat(source.c_str(), &sourceInfo) != 0) return fail(RenameError{"rename_not_found", "対象が見つかりません"});
+    if (lstat(source.c_str(), &sourceInfo) != 0) return fail(RenameError{"rename_not_found", std::string(msg::kRenameNotFound)});
     // A link to a folder counts as a folder, as the explorer shows its target.
     struct stat followed {};
     bool isFolder = stat(source.c_str(), &followed) == 0 ? S_ISDIR(followed.st_mode) : S_ISDIR(sourceInfo.st_mode);
@@ -122,7 +125,7 @@ Result<RenameOutcome, RenameError> renameProjectItem(std::string_view rootPath, 
         auto a = identity(source), b = identity(target);
         caseOnly = a && b && *a == *b;
     }
-    if (!caseOnly && exists(target)) return fail(RenameError{"rename_conflict", "同名の項目が既に存在します"});
+    if (!caseOnly && exists(target)) return fail(RenameError{"rename_conflict", std::string(msg::kRenameConflict)});
 
     RenameOutcome outcome{*from, *destination, isFolder, parent};
     if (*from == *destination) return outcome;
@@ -135,7 +138,7 @@ Result<RenameOutcome, RenameError> renameProjectItem(std::string_view rootPath, 
     std::string temporaryName = ".rename-" + Uuid::random().toString();
     auto temporary = sanitizeRelativePath(parent.empty() ? temporaryName : parent + "/" + temporaryName, homePath);
     if (!temporary || temporary->empty())
-        return fail(RenameError{"rename_failed", "リネームに失敗しました: 一時ファイル名の生成に失敗しました"});
+        return fail(RenameError{"rename_failed", std::string(msg::kRenameFailed) + std::string(msg::kRenameTemporaryName)});
     std::string temporaryPath = appendPath(rootPath, *temporary);
     if (int error = moveNoReplace(source, temporaryPath)) return fail(moveFailed(error));
     if (int error = moveNoReplace(temporaryPath, target)) {

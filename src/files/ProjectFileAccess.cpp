@@ -14,7 +14,9 @@
 #include "core/FileHandle.h"
 #include "core/Paths.h"
 #include "core/Uuid.h"
+#include "files/FileMessages.h"
 #include "files/PathRules.h"
+#include "files/SaveLeftovers.h"
 
 namespace velko {
 
@@ -72,24 +74,27 @@ std::string FileReadError::errorDescription() const {
         case Kind::TooLarge:
             return tooLargeMessage(fileSize, maxBytes);
         case Kind::InvalidPath:
-            return "無効なパスです";
+            return std::string(file_messages::kInvalidPath);
         case Kind::NotFound:
-            return "ファイルが見つかりませんでした";
+            return std::string(file_messages::kNotFound);
         case Kind::Directory:
-            return "ディレクトリは表示できません";
+            return std::string(file_messages::kDirectory);
         case Kind::Unreadable:
             break;
     }
-    return "ファイルをテキストとして読み込めませんでした";
+    return std::string(file_messages::kUnreadable);
 }
 
 std::string tooLargeMessage(int64_t fileSize, int64_t maxBytes) {
     constexpr double kPerMiB = 1.0 / 1048576.0;
     double sizeMiB = static_cast<double>(fileSize) * kPerMiB;
     double limitMiB = static_cast<double>(maxBytes) * kPerMiB;
-    return "このファイルは約 " + formatMiB(sizeMiB, sizeMiB < 100.0 ? 1 : 0) + "MB あり、上限の " +
-           formatMiB(limitMiB, 0) +
-           "MB を超えているため開けません。サイズを削減するか、外部エディタをご利用ください。";
+    std::string message(file_messages::kTooLargeLead);
+    message += formatMiB(sizeMiB, sizeMiB < 100.0 ? 1 : 0);
+    message += file_messages::kTooLargeMiddle;
+    message += formatMiB(limitMiB, 0);
+    message += file_messages::kTooLargeTail;
+    return message;
 }
 
 std::optional<std::string> projectRootPath(const ProjectMetadata& project, std::string_view homePath) {
@@ -196,7 +201,7 @@ Result<FileReadResult, FileReadError> readProjectFile(std::string_view relativeP
 Status<FileSaveError> saveProjectFile(std::string_view relativePath, std::string_view rootPath,
                                       std::string_view content, std::string_view homePath) {
     auto sanitized = sanitizeRelativePath(relativePath, homePath);
-    if (!sanitized || sanitized->empty()) return fail(FileSaveError{"保存パスが不正です"});
+    if (!sanitized || sanitized->empty()) return fail(FileSaveError{std::string(file_messages::kInvalidSavePath)});
     std::string target = appendPath(rootPath, *sanitized);
     // A file opened through a symbolic link is saved where the link points:
     // replacing the link with a plain file would quietly cut it loose from
@@ -208,10 +213,12 @@ Status<FileSaveError> saveProjectFile(std::string_view relativePath, std::string
             std::free(resolved);
         }
     }
+    // Before the write: a leftover of a killed save may be what filled the disk.
+    removeSaveLeftoversOnce(resolveSymlinks(std::string(parentPath(target))));
     // A new file gets the usual 0666 less the creation mask; a replaced one
     // keeps its own bits and owner.
     if (!writeFileAtomically(target, content, 0666 & ~creationMask()))
-        return fail(FileSaveError{"保存に失敗しました: " + describeErrno(errno)});
+        return fail(FileSaveError{std::string(file_messages::kSaveFailed) + describeErrno(errno)});
     return Ok{};
 }
 

@@ -57,7 +57,7 @@ Result<FileReadResult, FileReadError> readProjectFile(std::string_view relativeP
 // The image type for a path's extension, matched case-insensitively, or nothing.
 std::optional<std::string> imageMimeType(std::string_view path);
 
-// "このファイルは約 N MB あり、…" for a file of `fileSize` bytes over `maxBytes`.
+// The size message (texts in FileMessages.h) for a file of `fileSize` bytes over `maxBytes`.
 std::string tooLargeMessage(int64_t fileSize, int64_t maxBytes);
 
 // Each byte as the code point of the same value, encoded as UTF-8.

@@ -4,8 +4,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
-#include <filesystem>
 
 #include "core/Paths.h"
 #include "core/Uuid.h"
@@ -44,34 +44,55 @@ void GitCredentialBroker::removeExistingScript() {
     m_scriptPath.reset();
 }
 
-Result<GitEnvironment, std::string> GitCredentialBroker::prepareEnvironment(const std::string& token) {
-    std::lock_guard lock(m_lock);
-    namespace fs = std::filesystem;
-    std::error_code ec;
-    auto status = fs::symlink_status(m_tempDirectory, ec);
-    if (!ec && fs::exists(status) && !fs::is_directory(status)) fs::remove(m_tempDirectory, ec);
-    if (!createDirectories(m_tempDirectory)) return fail(std::string(std::strerror(errno)));
-    // The temporary directory is usually shared by every user of the machine.
-    // Whoever owns this folder could swap the script for their own, which git
-    // would run with the token in its environment: only a folder of ours that
-    // nobody else may write to will do.
+std::optional<GitCredentialError> GitCredentialBroker::ensurePrivateFolder() {
+    auto refuse = [&](std::string why) {
+        return GitCredentialError{GitCredentialError::Kind::UnsafeFolder, std::move(why), m_tempDirectory};
+    };
+    auto fileSystem = [&](int error) {
+        return GitCredentialError{GitCredentialError::Kind::FileSystem, std::strerror(error), m_tempDirectory};
+    };
     struct stat folder;
-    if (lstat(m_tempDirectory.c_str(), &folder) != 0) return fail(std::string(std::strerror(errno)));
-    if (!S_ISDIR(folder.st_mode) || folder.st_uid != geteuid()) {
-        return fail(m_tempDirectory + " belongs to another user");
+    if (lstat(m_tempDirectory.c_str(), &folder) == 0 && S_ISREG(folder.st_mode) && folder.st_uid == geteuid()) {
+        // A stray file of ours in the way is replaced by the folder.
+        if (unlink(m_tempDirectory.c_str()) != 0) return fileSystem(errno);
     }
-    if ((folder.st_mode & 0077) != 0 && chmod(m_tempDirectory.c_str(), 0700) != 0) {
-        return fail(std::string(std::strerror(errno)));
+    if (lstat(m_tempDirectory.c_str(), &folder) != 0) {
+        if (errno != ENOENT) return fileSystem(errno);
+        size_t slash = m_tempDirectory.find_last_of('/');
+        if (slash != std::string::npos && slash > 0 && !createDirectories(m_tempDirectory.substr(0, slash))) {
+            return fileSystem(errno);
+        }
+        if (mkdir(m_tempDirectory.c_str(), 0700) != 0) return fileSystem(errno);
+        // Ours, just made: only the umask may have taken bits away.
+        if (chmod(m_tempDirectory.c_str(), 0700) != 0) return fileSystem(errno);
+        if (lstat(m_tempDirectory.c_str(), &folder) != 0) return fileSystem(errno);
     }
+    if (S_ISLNK(folder.st_mode)) return refuse("it is a symbolic link");
+    if (!S_ISDIR(folder.st_mode)) return refuse("it is not a directory");
+    if (folder.st_uid != geteuid()) return refuse("it belongs to user " + std::to_string(folder.st_uid));
+    if ((folder.st_mode & 07777) != 0700) {
+        char mode[8];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(folder.st_mode & 07777));
+        return refuse(std::string("its mode is ") + mode + ", not 0700");
+    }
+    return std::nullopt;
+}
+
+Result<GitEnvironment, GitCredentialError> GitCredentialBroker::prepareEnvironment(const std::string& token) {
+    std::lock_guard lock(m_lock);
+    if (auto problem = ensurePrivateFolder()) return fail(std::move(*problem));
+    auto fileSystem = [&](int error) {
+        return GitCredentialError{GitCredentialError::Kind::FileSystem, std::strerror(error), m_tempDirectory};
+    };
 
     removeExistingScript();
     std::string path = m_tempDirectory + "/velko-askpass-" + Uuid::random().toString();
-    if (!writeFileAtomically(path, kAskpassScript, 0600)) return fail(std::string(std::strerror(errno)));
+    if (!writeFileAtomically(path, kAskpassScript, 0600)) return fail(fileSystem(errno));
     if (chmod(path.c_str(), 0700) != 0) {
         // The file stays; the next call removes it through m_scriptPath.
         int error = errno;
         m_scriptPath = path;
-        return fail(std::string(std::strerror(error)));
+        return fail(fileSystem(error));
     }
     m_scriptPath = path;
     return GitEnvironment{

@@ -5,10 +5,13 @@
 // variable VELKO_GITHUB_TOKEN from the child's own environment; the token is
 // in that environment only, never in the script, on a command line or in a
 // config file. At most one script exists at a time; cleanup() removes it after
-// each authenticated command. The folder must be a real directory of the
-// current user: one that another user owns is refused, one that others may
-// write to is closed to them first, since whoever can replace the script runs
-// with the token in its environment.
+// each authenticated command.
+//
+// The folder lies in the temporary directory that every user of the machine
+// shares, and whoever can replace the script runs with the token in its
+// environment. So the script goes only into a real directory (no link) of the
+// current user with mode 0700; any other folder found there is refused and
+// left as it is, and the command fails with UnsafeFolder.
 //
 // Thread-safe: both operations run as one block under the broker's own lock,
 // so the script's life is atomic against every queue that runs git.
@@ -22,11 +25,18 @@
 
 namespace velko {
 
+struct GitCredentialError {
+    enum class Kind { FileSystem, UnsafeFolder };
+    Kind kind = Kind::FileSystem;
+    std::string text;    // English, for the log: the file system's error, or why the folder was refused
+    std::string folder;  // the askpass folder
+};
+
 class GitCredentialBroking {
 public:
     virtual ~GitCredentialBroking() = default;
-    // The three variables the child needs, or the file system's error text.
-    virtual Result<GitEnvironment, std::string> prepareEnvironment(const std::string& token) = 0;
+    // The three variables the child needs.
+    virtual Result<GitEnvironment, GitCredentialError> prepareEnvironment(const std::string& token) = 0;
     virtual void cleanup() = 0;
 };
 
@@ -37,13 +47,14 @@ public:
     // `tempDirectory` empty: "velko-git-credentials" under the temporary directory.
     explicit GitCredentialBroker(std::string tempDirectory = {});
 
-    Result<GitEnvironment, std::string> prepareEnvironment(const std::string& token) override;
+    Result<GitEnvironment, GitCredentialError> prepareEnvironment(const std::string& token) override;
     void cleanup() override;
 
     const std::string& tempDirectory() const { return m_tempDirectory; }
     std::optional<std::string> scriptPath() const;
 
 private:
+    std::optional<GitCredentialError> ensurePrivateFolder();
     void removeExistingScript();
 
     std::string m_tempDirectory;

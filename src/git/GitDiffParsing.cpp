@@ -1,9 +1,6 @@
 #include "git/GitDiffParsing.h"
 
-#include <charconv>
-
-#include "git/GitErrors.h"
-#include "git/GitStatusParsing.h"
+#include "git/GitText.h"
 
 namespace velko {
 
@@ -21,17 +18,6 @@ GitDiffStage diffStageFromString(std::string_view text) {
     if (text == "head") return GitDiffStage::Head;
     return GitDiffStage::Unstaged;
 }
-
-namespace {
-
-int64_t decimalOrZero(std::string_view text) {
-    int64_t value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc() || end != text.data() + text.size()) return 0;
-    return value;
-}
-
-}  // namespace
 
 GitNumstat parseNumstat(std::string_view text) {
     GitNumstat sum;
@@ -116,32 +102,6 @@ std::vector<std::string> mergeCommitPatchArguments(const std::string& commit, co
         args.push_back(*path);
     }
     return args;
-}
-
-std::map<std::string, std::string> parseRemoteURLsFromConfig(std::string_view configText) {
-    std::map<std::string, std::string> remotes;
-    std::string current;
-    for (std::string_view rawLine : splitLines(configText, true)) {
-        std::string_view line = trimBlanks(rawLine);
-        if (line.substr(0, 9) == "[remote \"") {
-            size_t open = line.find('"');
-            size_t close = line.find('"', open + 1);
-            current = close == std::string_view::npos ? std::string()
-                                                      : std::string(line.substr(open + 1, close - open - 1));
-            continue;
-        }
-        if (line.substr(0, 3) != "url") continue;
-        size_t eq = line.find('=');
-        if (eq == std::string_view::npos) continue;
-        // Split at the first "=" with empty pieces left out: "url=" has one piece
-        // only and sets nothing; the value may itself hold "=".
-        std::string_view before = line.substr(0, eq);
-        std::string_view after = line.substr(eq + 1);
-        if (before.empty() || after.empty()) continue;
-        std::string_view value = trimBlanks(after);
-        if (!current.empty()) remotes[current] = std::string(value);
-    }
-    return remotes;
 }
 
 }  // namespace velko

@@ -1,10 +1,9 @@
 #pragma once
 // Pieces of the diff views that need no process: argument vectors for each
-// stage and mode, the numstat parser, the rename-path normaliser, and the
-// reading of remotes from ".git/config". Never fail; partial input gives
-// partial sums.
+// stage and mode, the numstat parser and the rename-path normaliser. Never
+// fail; partial input gives partial sums.
 
-#include <map>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -39,8 +38,5 @@ std::vector<std::string> diffArguments(const GitDiffTarget& target, GitDiffMode 
 std::vector<std::string> commitDiffArguments(const std::string& commit, GitDiffMode mode,
                                              const std::optional<std::string>& path, int parentCount);
 std::vector<std::string> mergeCommitPatchArguments(const std::string& commit, const std::optional<std::string>& path);
-
-// Remote name to URL, from the text of ".git/config"; a later URL of a remote wins.
-std::map<std::string, std::string> parseRemoteURLsFromConfig(std::string_view configText);
 
 }  // namespace velko

@@ -1,184 +1,169 @@
 #include "git/GitService.h"
 
-#include <charconv>
-#include <future>
+#include <thread>
 
-#include "core/Paths.h"
-#include "core/SerialQueue.h"
-#include "core/TaskQueue.h"
+#include "git/GitCommitGraph.h"
+#include "git/GitCommitParsing.h"
 #include "git/GitJsonWriter.h"
+#include "git/GitMessages.h"
+#include "git/GitPayloads.h"
+#include "git/GitRemoteLookup.h"
 #include "git/GitStatusParsing.h"
+#include "git/GitText.h"
 #include "git/GitWorkingTreeParser.h"
 
 namespace velko {
 
 namespace {
 
-constexpr const char* kStatusCommand[] = {"status", "--porcelain", "--branch", "--untracked-files=all"};
+const std::vector<std::string> kStatusCommand = {"status", "--porcelain", "--branch", "--untracked-files=all"};
 
-// Runs `body` on the main thread and waits for its value. The git queue may
-// wait for main; main never waits for the git queue.
-template <typename F>
-auto syncOnMain(F body) -> decltype(body()) {
-    using R = decltype(body());
-    if (isMainThread()) return body();
-    auto promise = std::make_shared<std::promise<R>>();
-    auto future = promise->get_future();
-    // Only the hop holds the promise: a main loop that drops the hop unrun
-    // breaks it, rather than leaving this queue waiting forever.
-    mainQueue().post([promise = std::move(promise), body = std::move(body)]() mutable {
-        promise->set_value(body());
-    });
-    try {
-        return future.get();
-    } catch (const std::future_error&) {
-        // The main queue went away with the hop unrun: no project, no work.
-        return R{};
+bool isEmptyDiff(std::string_view patch, const GitNumstat& counts) {
+    return trimWhitespace(patch).empty() && counts.additions == 0 && counts.deletions == 0 && !counts.isBinary;
+}
+
+// Asks no server: the service was built without a way to reach GitHub.
+class UnreachableGitHub final : public HttpRequesting {
+public:
+    HttpResult perform(const HttpRequest&) override {
+        return fail(HttpError{HttpError::Kind::CannotConnect, "no HTTP client"});
     }
-}
-
-OrderedJson statusFiles(const std::vector<GitStatusFile>& files) {
-    OrderedJson list = OrderedJson::array();
-    for (const auto& file : files) list.push_back(OrderedJson{{"path", file.path}, {"status", file.status}});
-    return list;
-}
-
-OrderedJson statusPayload(const std::string& projectId, const GitStatusSummary& summary) {
-    OrderedJson payload;
-    payload["projectId"] = projectId;
-    payload["branch"] = summary.branch;
-    payload["ahead"] = summary.ahead;
-    payload["behind"] = summary.behind;
-    payload["staged"] = statusFiles(summary.staged);
-    payload["unstaged"] = statusFiles(summary.unstaged);
-    payload["untracked"] = statusFiles(summary.untracked);
-    payload["pending"] = summary.staged.size() + summary.unstaged.size() + summary.untracked.size();
-    return payload;
-}
-
-OrderedJson treeNodes(const std::vector<GitChangeTreeNode>& nodes) {
-    OrderedJson list = OrderedJson::array();
-    for (const auto& node : nodes) {
-        OrderedJson item;
-        item["path"] = node.path;
-        item["status"] = node.status;
-        if (node.children) item["children"] = treeNodes(*node.children);
-        list.push_back(std::move(item));
-    }
-    return list;
-}
-
-std::vector<std::string> splitOnBlanks(std::string_view text) {
-    std::vector<std::string> pieces;
-    size_t i = 0;
-    while (i < text.size()) {
-        while (i < text.size() && (text[i] == ' ' || text[i] == '\t' || text[i] == '\n' || text[i] == '\r')) ++i;
-        size_t start = i;
-        while (i < text.size() && !(text[i] == ' ' || text[i] == '\t' || text[i] == '\n' || text[i] == '\r')) ++i;
-        if (i > start) pieces.emplace_back(text.substr(start, i - start));
-    }
-    return pieces;
-}
-
-// True for remotes git reaches through ssh: "ssh://", "git+ssh://" and the
-// scp-like "host:path" (a colon before any slash). Local paths, "file://",
-// "git://" and HTTP remotes never start ssh.
-bool reachedThroughSsh(std::string_view url) {
-    std::string lower = toLower(url);
-    for (std::string_view scheme : {"ssh://", "git+ssh://", "ssh+git://"}) {
-        if (lower.rfind(scheme, 0) == 0) return true;
-    }
-    if (lower.find("://") != std::string::npos) return false;
-    size_t colon = url.find(':');
-    return colon != std::string_view::npos && colon > 0 && url.substr(0, colon).find('/') == std::string_view::npos;
-}
-
-std::string subcommand(const std::vector<std::string>& arguments) {
-    return arguments.empty() ? std::string() : arguments.front();
-}
-
-int64_t decimalOrZero(std::string_view text) {
-    int64_t value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    return ec == std::errc() && end == text.data() + text.size() ? value : 0;
-}
+};
 
 }  // namespace
 
+struct GitService::HistoryPages {
+    std::mutex mutex;
+    int inFlight = 0;
+    std::vector<std::function<void()>> waiters;
+    std::atomic<bool> stopped{false};
+
+    void begin() {
+        std::lock_guard lock(mutex);
+        ++inFlight;
+    }
+    void end() {
+        std::vector<std::function<void()>> ready;
+        {
+            std::lock_guard lock(mutex);
+            if (--inFlight > 0) return;
+            ready.swap(waiters);
+        }
+        for (auto& waiter : ready) waiter();
+    }
+    void whenNone(std::function<void()> done) {
+        {
+            std::lock_guard lock(mutex);
+            if (inFlight > 0) {
+                waiters.push_back(std::move(done));
+                return;
+            }
+        }
+        done();
+    }
+};
+
 GitService::GitService(Dependencies dependencies)
-    : m_configProvider(std::move(dependencies.configProvider)),
-      m_authProvider(dependencies.authProvider ? std::move(dependencies.authProvider)
-                                               : std::make_shared<NoGitAuthProvider>()),
-      m_credentialBroker(dependencies.credentialBroker ? std::move(dependencies.credentialBroker)
-                                                       : std::make_shared<GitCredentialBroker>()),
-      m_processRunner(dependencies.processRunner ? std::move(dependencies.processRunner)
-                                                 : std::make_shared<ProcessGitProcessRunner>()),
-      m_environment(dependencies.environment ? gitEnvironment(std::move(*dependencies.environment))
-                                             : gitEnvironment()),
-      m_gitHubWebHost(std::move(dependencies.gitHubWebHost)),
-      m_queue(std::make_shared<SerialQueue>("app.velko.git-service")) {
-    m_runnerIsProcess = dynamic_cast<ProcessGitProcessRunner*>(m_processRunner.get()) != nullptr;
+    : m_scheduler(std::make_shared<GitScheduler>()),
+      m_resolver(std::move(dependencies.configProvider)),
+      m_commands(GitCommandContext::Options{
+          std::move(dependencies.authProvider), std::move(dependencies.credentialBroker),
+          std::move(dependencies.processRunner), std::move(dependencies.environment),
+          dependencies.gitHubWebHost,
+          [this](const std::optional<GitAuthToken>& record) {
+              emit("github/oauth/status", gitTokenRefusedStatusPayload(record));
+          }}),
+      m_graphQL(std::move(dependencies.graphQLClient)),
+      m_localHistory(std::move(dependencies.localHistoryProvider)),
+      m_gitHubWebHost(dependencies.gitHubWebHost),
+      m_historyPages(std::make_shared<HistoryPages>()),
+      m_historyQueue(std::make_shared<ConcurrentQueue>("app.velko.git-service.history",
+                                                       std::max(1u, dependencies.historyThreads))) {
+    if (!m_graphQL) {
+        std::shared_ptr<HttpRequesting> http =
+            dependencies.http ? std::move(dependencies.http) : std::make_shared<UnreachableGitHub>();
+        m_graphQL = std::make_shared<HttpGitHubGraphQLClient>(std::move(http), std::move(dependencies.graphqlURL),
+                                                              dependencies.graphqlLimits);
+    }
+    if (!m_localHistory) m_localHistory = std::make_shared<GitLocalHistoryProvider>(m_commands);
+    m_paginator = std::make_unique<GitHistoryPaginator>(GitHistoryPaginator::Collaborators{
+        m_commands, m_localHistory, m_graphQL, m_gitHubWebHost,
+        [this](std::string_view type, const OrderedJson& payload) { emit(type, payload); }});
+    m_branchMaps = std::make_unique<GitBranchMapProvider>(
+        m_commands, GitBranchMapProvider::Options{dependencies.branchMapParallelism, std::move(dependencies.now)});
 }
 
 GitService::~GitService() {
-    // When the last reference goes away inside one of our own blocks, the queue
-    // cannot join its own thread; it is left to the end of the process instead.
-    if (m_queue->isCurrent()) new std::shared_ptr<SerialQueue>(std::move(m_queue));
+    // Whatever is still queued or running belongs to a service that is gone:
+    // nothing may wait on the main thread or on a git that hangs, or the
+    // queue's thread could not end.
+    m_scheduler->stop();
+    m_resolver.stop();
+    m_commands.stop(kStopGrace);
+    m_historyPages->stopped = true;
+    // The last reference may go on a page of the pool itself; the pool cannot
+    // end its own threads, so another thread waits for that page to return.
+    if (m_historyQueue->isCurrent()) std::thread([queue = std::move(m_historyQueue)]() mutable { queue.reset(); }).detach();
 }
 
 void GitService::enqueue(std::function<void(GitService&)> block) {
     std::weak_ptr<GitService> weak = weak_from_this();
-    m_queue->post([weak, block = std::move(block)] {
+    m_scheduler->post([weak, block = std::move(block)] {
         if (auto self = weak.lock()) block(*self);
     });
 }
 
-void GitService::whenIdle(std::function<void()> done) { m_queue->post(std::move(done)); }
+void GitService::enqueueForProject(const std::optional<Uuid>& projectID,
+                                   std::function<void(GitService&, const GitProject&)> block) {
+    enqueue([projectID, block = std::move(block)](GitService& self) {
+        if (auto project = self.m_resolver.resolve(projectID)) block(self, *project);
+    });
+}
+
+void GitService::whenIdle(std::function<void()> done) {
+    m_scheduler->whenIdle([pages = m_historyPages, done = std::move(done)]() mutable { pages->whenNone(std::move(done)); });
+}
+
+void GitService::stop(std::chrono::milliseconds grace, std::function<void()> done) {
+    m_scheduler->stop();
+    m_historyPages->stopped = true;
+    m_resolver.stop();
+    m_commands.stop(grace);
+    whenIdle(std::move(done));
+}
 
 void GitService::emit(std::string_view type, const OrderedJson& payload) {
     if (auto sink = m_eventSink.lock()) sink->dispatchEvent(type, payload);
 }
 
-void GitService::emitEncoded(std::string_view type, const std::string& payloadJson) {
-    if (auto sink = m_eventSink.lock()) sink->dispatchEncodedEvent(type, makeEventEnvelope(type, payloadJson));
-}
-
 void GitService::sendResult(bool success, const std::string& message) {
-    OrderedJson payload;
-    payload["success"] = success;
-    payload["message"] = message;
-    emit("git/result", payload);
+    emit("git/result", gitResultPayload(success, message));
 }
 
 // --- public operations -------------------------------------------------------
 
 void GitService::refreshStatus(const std::optional<Uuid>& projectID) {
-    enqueue([projectID](GitService& self) {
-        if (auto project = self.metadata(projectID)) self.doRefreshStatus(*project);
-    });
+    enqueueForProject(projectID, [](GitService& self, const GitProject& project) { self.doRefreshStatus(project); });
 }
 
 void GitService::fetchStatusDetail(const Uuid& projectID) {
-    enqueue([projectID](GitService& self) {
-        if (auto project = self.metadata(projectID)) self.doFetchStatusDetail(*project);
-    });
+    enqueueForProject(projectID, [](GitService& self, const GitProject& project) { self.doFetchStatusDetail(project); });
 }
 
 void GitService::fetchWorkingTree(const Uuid& projectID) {
-    enqueue([projectID](GitService& self) {
-        if (auto project = self.metadata(projectID)) self.doFetchWorkingTree(*project);
-    });
+    enqueueForProject(projectID, [](GitService& self, const GitProject& project) { self.doFetchWorkingTree(project); });
 }
 
 void GitService::fetchDiff(const Uuid& projectID, std::vector<GitDiffTarget> targets) {
-    enqueue([projectID, targets = std::move(targets)](GitService& self) mutable {
-        if (auto project = self.metadata(projectID)) self.doFetchDiff(*project, std::move(targets));
+    enqueueForProject(projectID, [targets = std::move(targets)](GitService& self, const GitProject& project) {
+        self.doFetchDiff(project, targets);
     });
 }
 
 void GitService::fetchCommitDiff(const Uuid& projectID, std::string commit, std::optional<std::string> path) {
-    enqueue([projectID, commit = std::move(commit), path = std::move(path)](GitService& self) {
-        if (auto project = self.metadata(projectID)) self.doFetchCommitDiff(*project, commit, path);
+    enqueueForProject(projectID, [commit = std::move(commit), path = std::move(path)](GitService& self,
+                                                                                        const GitProject& project) {
+        self.doFetchCommitDiff(project, commit, path);
     });
 }
 
@@ -186,151 +171,91 @@ void GitService::commit(const Uuid& projectID, std::string message) {
     enqueue([projectID, message = std::move(message)](GitService& self) {
         // An empty message is refused before anything else, project or not.
         if (trimWhitespace(message).empty()) {
-            self.sendResult(false, "コミットメッセージを入力してください");
+            self.sendResult(false, std::string(gitmsg::kCommitMessageRequired));
             return;
         }
-        if (auto project = self.metadata(projectID)) self.doCommit(*project, message);
+        if (auto project = self.m_resolver.resolve(projectID)) self.doCommit(*project, message);
     });
 }
 
 void GitService::push(const Uuid& projectID) {
-    enqueue([projectID](GitService& self) {
-        if (auto project = self.metadata(projectID)) self.doRemoteAction(*project, RemoteAction::Push);
+    enqueueForProject(projectID, [](GitService& self, const GitProject& project) {
+        self.doRemoteAction(project, RemoteAction::Push);
     });
 }
 
 void GitService::pull(const Uuid& projectID) {
-    enqueue([projectID](GitService& self) {
-        if (auto project = self.metadata(projectID)) self.doRemoteAction(*project, RemoteAction::Pull);
+    enqueueForProject(projectID, [](GitService& self, const GitProject& project) {
+        self.doRemoteAction(project, RemoteAction::Pull);
     });
 }
 
 void GitService::fetch(const Uuid& projectID) {
-    enqueue([projectID](GitService& self) {
-        if (auto project = self.metadata(projectID)) self.doRemoteAction(*project, RemoteAction::Fetch);
+    enqueueForProject(projectID, [](GitService& self, const GitProject& project) {
+        self.doRemoteAction(project, RemoteAction::Fetch);
     });
 }
 
 void GitService::fetchRemoteTracking(const Uuid& projectID) {
-    enqueue([projectID](GitService& self) {
-        if (auto project = self.metadata(projectID)) self.doFetchRemoteTracking(*project);
-    });
+    enqueueForProject(projectID,
+                      [](GitService& self, const GitProject& project) { self.doFetchRemoteTracking(project); });
 }
 
 void GitService::reachRefreshBarrier(const Uuid& projectID, std::string requestId) {
     enqueue([projectID, requestId = std::move(requestId)](GitService& self) {
-        OrderedJson payload;
-        payload["projectId"] = projectID.toString();
-        payload["requestId"] = requestId;
-        self.emit("git/refresh/barrier", payload);
+        self.emit("git/refresh/barrier", gitRefreshBarrierPayload(projectID.toString(), requestId));
     });
 }
 
-// --- running git ---------------------------------------------------------------
-
-std::optional<GitService::ProjectContext> GitService::metadata(const std::optional<Uuid>& projectID) {
-    std::weak_ptr<ProjectProviding> provider = m_configProvider;
-    auto id = projectID;
-    if (!id) {
-        id = syncOnMain([provider]() -> std::optional<Uuid> {
-            if (auto store = provider.lock()) return store->config().activeProjectID;
-            return std::nullopt;
-        });
-    }
-    if (!id) return std::nullopt;
-    auto project = syncOnMain([provider, id]() -> std::optional<ProjectMetadata> {
-        if (auto store = provider.lock()) return store->project(*id);
-        return std::nullopt;
+void GitService::fetchCommitHistory(const Uuid& projectID, std::optional<std::string> cursor, int64_t pageSize,
+                                    std::optional<std::string> requestId) {
+    std::weak_ptr<GitService> weak = weak_from_this();
+    auto pages = m_historyPages;
+    const bool allowFiles = m_paginator->supportsCommitFilesField();
+    pages->begin();
+    m_historyQueue->post([weak, pages, projectID, cursor = std::move(cursor), pageSize, requestId = std::move(requestId),
+                          allowFiles] {
+        struct PageEnd {
+            std::shared_ptr<HistoryPages> pages;
+            ~PageEnd() { pages->end(); }
+        } pageEnd{pages};
+        if (pages->stopped) return;
+        auto self = weak.lock();
+        if (!self) return;
+        if (auto project = self->m_resolver.resolve(projectID))
+            self->m_paginator->fetchPage(*project, cursor, pageSize, requestId, allowFiles);
     });
-    if (!project) return std::nullopt;
-    std::string directory = expandTilde(project->rootPath, homeDirectory());
-    return ProjectContext{std::move(*project), *id, std::move(directory)};
 }
 
-GitEnvironment GitService::baseEnvironment() const { return m_environment; }
-
-Result<std::string, GitError> GitService::runGit(const std::vector<std::string>& arguments,
-                                                 const ProjectContext& project, bool requiresAuth,
-                                                 const GitEnvironment& extraEnvironment) {
-    GitEnvironment environment = baseEnvironment();
-    for (const auto& [key, value] : extraEnvironment) environment[key] = value;
-    std::optional<GitAuthToken> token;
-    if (requiresAuth) {
-        token = m_authProvider->loadToken();
-        if (!token) return fail(GitError::authenticationRequired());
-        auto prepared = m_credentialBroker->prepareEnvironment(token->accessToken);
-        if (!prepared) {
-            m_logger.error("git " + subcommand(arguments) + ": askpass script not written: " + prepared.error());
-            return fail(GitError::launchFailed(prepared.error()));
-        }
-        for (auto& [key, value] : *prepared) environment[key] = value;
-        environment["GITHUB_TOKEN"] = token->accessToken;
-        environment["GH_TOKEN"] = token->accessToken;
-        // A credential helper of the user's (store, cache, a keyring) would be
-        // handed the token after a successful run and keep it on disk. Reset the
-        // helper list for this child only, through the environment rather than
-        // "-c" so that nothing of it shows on a command line.
-        int count = 0;
-        if (auto it = environment.find("GIT_CONFIG_COUNT"); it != environment.end()) {
-            count = static_cast<int>(std::max<int64_t>(0, decimalOrZero(it->second)));
-        }
-        environment["GIT_CONFIG_KEY_" + std::to_string(count)] = "credential.helper";
-        environment["GIT_CONFIG_VALUE_" + std::to_string(count)] = "";
-        environment["GIT_CONFIG_COUNT"] = std::to_string(count + 1);
-    }
-
-    std::vector<std::string> argv;
-    argv.reserve(arguments.size() + 1);
-    argv.emplace_back("git");
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    GitProcessExecutionResult result = m_processRunner->run(argv, project.directory, environment);
-
-    if (result.status == 0) {
-        if (requiresAuth) m_credentialBroker->cleanup();
-        return std::move(result.stdout);
-    }
-    m_logger.info("git " + subcommand(arguments) + " exited with status " +
-                  std::to_string(result.status));
-    if (requiresAuth && isAuthenticationFailure(result.stderr)) {
-        m_logger.notice("git " + subcommand(arguments) + ": the server refused the token; it is forgotten");
-        auto record = m_authProvider->loadToken();
-        m_authProvider->deleteToken();
-        OrderedJson status;
-        status["status"] = "disconnected";
-        if (record && record->accountLogin) {
-            OrderedJson account;
-            account["login"] = *record->accountLogin;
-            if (record->accountAvatarURL) account["avatarUrl"] = *record->accountAvatarURL;
-            status["account"] = std::move(account);
-        }
-        status["reason"] = "tokenInvalid";
-        emit("github/oauth/status", status);
-        m_credentialBroker->cleanup();
-        return fail(GitError::authenticationFailed(std::move(result.stderr)));
-    }
-    if (requiresAuth) m_credentialBroker->cleanup();
-    return fail(GitError::commandFailed(std::string(trimWhitespace(result.stderr))));
+void GitService::fetchCommitGraph(const Uuid& projectID, int64_t pageSize) {
+    enqueueForProject(projectID, [pageSize](GitService& self, const GitProject& project) {
+        self.doFetchCommitGraph(project, pageSize);
+    });
 }
 
-Result<GitProcessExecutionResult, GitError> GitService::runGitAllowingDifferences(
-    const std::vector<std::string>& arguments, const ProjectContext& project, const std::set<int>& allowedExitCodes) {
-    std::vector<std::string> argv;
-    argv.reserve(arguments.size() + 1);
-    argv.emplace_back("git");
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    GitProcessExecutionResult result = m_processRunner->run(argv, project.directory, baseEnvironment());
-    if (allowedExitCodes.count(result.status)) return result;
-    m_logger.info("git " + subcommand(arguments) + " exited with status " +
-                  std::to_string(result.status));
-    return fail(GitError::commandFailed(std::string(trimWhitespace(result.stderr))));
+void GitService::fetchBranchMap(const Uuid& projectID, int64_t limit) {
+    enqueue([projectID, limit](GitService& self) {
+        // The page waits for an answer: an unknown project gets one too.
+        auto project = self.m_resolver.resolve(projectID);
+        if (!project) {
+            OrderedJson error;
+            error["projectId"] = projectID.toString();
+            error["message"] = gitmsg::kProjectNotFound;
+            self.emit("git/branch-map/error", error);
+            return;
+        }
+        GitBranchMap map = self.m_branchMaps->loadBranchMap(*project, limit);
+        self.emit("git/branch-map", gitBranchMapPayload(project->id.toString(), map));
+    });
 }
+
+// --- failures --------------------------------------------------------------------
 
 void GitService::handleGitError(const GitError& error, const std::string& commandDescription,
                                 const std::optional<Uuid>& projectId) {
-    static const std::string kAuthFailed = "Git 認証に失敗しました。再度 GitHub にサインインしてください。";
     switch (error.kind) {
     case GitError::Kind::LaunchFailed:
-        sendResult(false, commandDescription + " の起動に失敗: " + error.text);
+        sendResult(false, gitmsg::launchFailed(commandDescription, error.text));
         return;
     case GitError::Kind::CommandFailed: {
         if (auto friendly = friendlyMessageForGitCommandFailure(error.text)) {
@@ -338,42 +263,43 @@ void GitService::handleGitError(const GitError& error, const std::string& comman
             else sendResult(false, *friendly);
             return;
         }
-        sendResult(false, error.text.empty() ? commandDescription + " で不明なエラー" : error.text);
+        sendResult(false, error.text.empty() ? gitmsg::unknownError(commandDescription) : error.text);
         return;
     }
-    case GitError::Kind::AuthenticationFailed:
-        sendResult(false, error.text.empty() ? kAuthFailed : kAuthFailed + "\n" + error.text);
+    case GitError::Kind::AuthenticationFailed: {
+        std::string message(gitmsg::kAuthenticationRejected);
+        sendResult(false, error.text.empty() ? message : message + "\n" + error.text);
         return;
+    }
     case GitError::Kind::AuthenticationRequired:
-        sendResult(false, commandDescription + " を実行するには GitHub にサインインしてください");
+        sendResult(false, gitmsg::signInToRun(commandDescription));
         return;
     }
 }
 
 bool GitService::ensureAuthenticated(const std::string& operation, bool suppressError) {
-    if (m_authProvider->loadToken()) return true;
-    if (!suppressError) sendResult(false, operation + " を実行するには GitHub にサインインしてください");
+    if (m_commands.hasToken()) return true;
+    if (!suppressError) sendResult(false, gitmsg::signInToRun(operation));
     return false;
 }
 
 void GitService::notifyMissingRemoteIfNeeded(const Uuid& projectId) {
     if (!m_missingRemoteProjects.insert(projectId).second) return;
-    sendResult(false, kMissingRemoteMessage);
+    sendResult(false, std::string(gitmsg::kMissingRemote));
     // The set is a one-second guard against repeating the message.
     std::weak_ptr<GitService> weak = weak_from_this();
-    m_queue->postDelayed(std::chrono::seconds(1), [weak, projectId] {
+    m_scheduler->postDelayed(std::chrono::seconds(1), [weak, projectId] {
         if (auto self = weak.lock()) self->m_missingRemoteProjects.erase(projectId);
     });
 }
 
 // --- status -----------------------------------------------------------------------
 
-void GitService::doRefreshStatus(const ProjectContext& project) {
-    std::vector<std::string> args(std::begin(kStatusCommand), std::end(kStatusCommand));
-    auto output = runGit(args, project, false);
+void GitService::doRefreshStatus(const GitProject& project) {
+    auto output = m_commands.run(kStatusCommand, project);
     if (output) {
         m_missingRemoteProjects.erase(project.id);
-        emit("git/status", statusPayload(project.id.toString(), parseGitStatus(*output)));
+        emit("git/status", gitStatusPayload(project.id.toString(), parseGitStatus(*output)));
         return;
     }
     const GitError& error = output.error();
@@ -382,114 +308,82 @@ void GitService::doRefreshStatus(const ProjectContext& project) {
     } else {
         sendResult(false, error.errorDescription());
     }
-    emit("git/status", statusPayload(project.id.toString(), GitStatusSummary{}));
+    emit("git/status", gitStatusPayload(project.id.toString(), GitStatusSummary{}));
 }
 
-void GitService::doFetchStatusDetail(const ProjectContext& project) {
-    std::vector<std::string> args(std::begin(kStatusCommand), std::end(kStatusCommand));
-    auto output = runGit(args, project, false);
+void GitService::doFetchStatusDetail(const GitProject& project) {
+    auto output = m_commands.run(kStatusCommand, project);
     if (!output) {
         handleGitError(output.error(), "git status", project.id);
         return;
     }
     m_missingRemoteProjects.erase(project.id);
     GitStatusDetailComponents components = GitStatusDetailMapper::parse(*output);
-    auto staged = GitStatusDetailMapper::buildTree(components.staged);
-    auto unstaged = GitStatusDetailMapper::buildTree(components.unstaged);
-    auto untracked = GitStatusDetailMapper::buildTree(components.untracked);
     std::string headSha = "--";
     // An unborn branch has no HEAD; that is no error worth a message.
-    if (auto head = runGit({"rev-parse", "HEAD"}, project, false)) headSha = std::string(trimWhitespace(*head));
-
-    OrderedJson payload;
-    payload["projectId"] = project.id.toString();
-    payload["branch"] = components.branch.empty() ? "--" : components.branch;
-    payload["headSha"] = headSha;
-    payload["ahead"] = components.ahead;
-    payload["behind"] = components.behind;
-    if (components.remote) payload["remote"] = *components.remote;
-    payload["staged"] = treeNodes(staged);
-    payload["unstaged"] = treeNodes(unstaged);
-    payload["untracked"] = treeNodes(untracked);
-    emit("git/status/detail", payload);
+    if (auto head = m_commands.run({"rev-parse", "HEAD"}, project)) headSha = std::string(trimWhitespace(*head));
+    emit("git/status/detail", gitStatusDetailPayload(project.id.toString(), components, headSha));
 }
 
-void GitService::doFetchWorkingTree(const ProjectContext& project) {
-    auto output = runGit({"status", "--porcelain=v2", "--branch", "--untracked-files=all"}, project, false);
+void GitService::doFetchWorkingTree(const GitProject& project) {
+    auto output = m_commands.run({"status", "--porcelain=v2", "--branch", "--untracked-files=all"}, project);
     std::vector<GitWorkingTreeEntry> entries;
     if (output) entries = GitWorkingTreeParser::parse(*output);
-    emitEncoded("git/working-tree", encodeWorkingTreePayload(entries, project.id.toString()));
+    std::string type = "git/working-tree";
+    if (auto sink = m_eventSink.lock()) {
+        sink->dispatchEncodedEvent(type, makeEventEnvelope(type, encodeWorkingTreePayload(entries, project.id.toString())));
+    }
 }
 
 // --- diffs -------------------------------------------------------------------------
 
-bool GitService::isUntrackedFile(const std::string& path, const ProjectContext& project) {
+bool GitService::isUntrackedFile(const std::string& path, const GitProject& project) {
     if (path.empty()) return false;
     // "--" keeps a path that begins with a dash from being read as an option.
-    auto result = runGit({"ls-files", "--error-unmatch", "--", path}, project, false);
+    auto result = m_commands.run({"ls-files", "--error-unmatch", "--", path}, project);
     return !result && result.error().kind == GitError::Kind::CommandFailed;
 }
 
-namespace {
-
-OrderedJson diffFilePayload(const std::string& path, GitDiffStage stage, const GitNumstat& counts,
-                            std::string patch) {
-    OrderedJson file;
-    file["path"] = path.empty() ? "." : path;
-    file["stage"] = toString(stage);
-    file["additions"] = counts.additions;
-    file["deletions"] = counts.deletions;
-    file["isBinary"] = counts.isBinary;
-    file["patch"] = std::move(patch);
-    return file;
-}
-
-bool isEmptyDiff(std::string_view patch, const GitNumstat& counts) {
-    return trimWhitespace(patch).empty() && counts.additions == 0 && counts.deletions == 0 && !counts.isBinary;
-}
-
-}  // namespace
-
 std::optional<OrderedJson> GitService::buildDiffPayloadForUntracked(const GitDiffTarget& target,
-                                                                    const ProjectContext& project) {
-    auto numstat = runGitAllowingDifferences({"diff", "--no-index", "--numstat", "/dev/null", "--", target.path},
-                                             project, {0, 1});
+                                                                    const GitProject& project) {
+    auto numstat = m_commands.runAllowingExitCodes(
+        {"diff", "--no-index", "--numstat", "/dev/null", "--", target.path}, project, {0, 1});
     if (!numstat) {
         handleGitError(numstat.error(), "git diff --no-index --numstat", project.id);
         return std::nullopt;
     }
     GitNumstat counts = parseNumstat(numstat->stdout);
-    auto patch = runGitAllowingDifferences(
+    auto patch = m_commands.runAllowingExitCodes(
         {"diff", "--no-index", "--patch", "--text", "/dev/null", "--", target.path}, project, {0, 1});
     if (!patch) {
         handleGitError(patch.error(), "git diff --no-index", project.id);
         return std::nullopt;
     }
     if (isEmptyDiff(patch->stdout, counts)) return std::nullopt;
-    return diffFilePayload(target.path, target.stage, counts, std::move(patch->stdout));
+    return gitDiffFilePayload(target.path, target.stage, counts, std::move(patch->stdout));
 }
 
-std::optional<OrderedJson> GitService::buildDiffPayload(const GitDiffTarget& target, const ProjectContext& project) {
+std::optional<OrderedJson> GitService::buildDiffPayload(const GitDiffTarget& target, const GitProject& project) {
     if (target.stage == GitDiffStage::Unstaged && !target.path.empty() && isUntrackedFile(target.path, project)) {
         return buildDiffPayloadForUntracked(target, project);
     }
     if (m_missingRemoteProjects.count(project.id)) return std::nullopt;
-    auto numstat = runGit(diffArguments(target, GitDiffMode::Numstat), project, false);
+    auto numstat = m_commands.run(diffArguments(target, GitDiffMode::Numstat), project);
     if (!numstat) {
         handleGitError(numstat.error(), "git diff --numstat", project.id);
         return std::nullopt;
     }
     GitNumstat counts = parseNumstat(*numstat);
-    auto patch = runGit(diffArguments(target, GitDiffMode::Patch), project, false);
+    auto patch = m_commands.run(diffArguments(target, GitDiffMode::Patch), project);
     if (!patch) {
         handleGitError(patch.error(), "git diff", project.id);
         return std::nullopt;
     }
     if (isEmptyDiff(*patch, counts)) return std::nullopt;
-    return diffFilePayload(target.path, target.stage, counts, std::move(*patch));
+    return gitDiffFilePayload(target.path, target.stage, counts, std::move(*patch));
 }
 
-void GitService::doFetchDiff(const ProjectContext& project, std::vector<GitDiffTarget> targets) {
+void GitService::doFetchDiff(const GitProject& project, std::vector<GitDiffTarget> targets) {
     if (targets.empty()) {
         targets = {GitDiffTarget{"", GitDiffStage::Staged}, GitDiffTarget{"", GitDiffStage::Unstaged}};
     }
@@ -503,44 +397,26 @@ void GitService::doFetchDiff(const ProjectContext& project, std::vector<GitDiffT
     emit("git/diff", payload);
 }
 
-std::optional<int> GitService::commitParentCount(const std::string& commit, const ProjectContext& project) {
-    auto output = runGit({"rev-list", "--parents", "-n", "1", commit}, project, false);
+std::optional<int> GitService::commitParentCount(const std::string& commit, const GitProject& project) {
+    auto output = m_commands.run({"rev-list", "--parents", "-n", "1", commit}, project);
     if (!output) {
         handleGitError(output.error(), "git rev-list --parents", project.id);
         return std::nullopt;
     }
-    auto pieces = splitOnBlanks(trimWhitespace(*output));
-    return pieces.empty() ? 0 : static_cast<int>(pieces.size()) - 1;
+    return parseParentCount(*output);
 }
-
-namespace {
-
-OrderedJson commitDiffFile(const std::string& commit, const std::string& path, const GitNumstat& counts,
-                           std::string patch, bool resolved) {
-    OrderedJson file;
-    file["commit"] = commit;
-    file["path"] = path;
-    file["additions"] = counts.additions;
-    file["deletions"] = counts.deletions;
-    file["isBinary"] = counts.isBinary;
-    file["patch"] = std::move(patch);
-    file["resolved"] = resolved;
-    return file;
-}
-
-}  // namespace
 
 std::optional<OrderedJson> GitService::buildCommitDiffPayload(const std::string& commit,
                                                               const std::optional<std::string>& path,
-                                                              const ProjectContext& project) {
+                                                              const GitProject& project) {
     int parents = commitParentCount(commit, project).value_or(1);
-    auto numstat = runGit(commitDiffArguments(commit, GitDiffMode::Numstat, path, parents), project, false);
+    auto numstat = m_commands.run(commitDiffArguments(commit, GitDiffMode::Numstat, path, parents), project);
     if (!numstat) {
         handleGitError(numstat.error(), parents != 0 ? "git diff --numstat" : "git diff-tree --numstat", project.id);
         return std::nullopt;
     }
     GitNumstat counts = parseNumstat(*numstat);
-    auto patch = runGit(commitDiffArguments(commit, GitDiffMode::Patch, path, parents), project, false);
+    auto patch = m_commands.run(commitDiffArguments(commit, GitDiffMode::Patch, path, parents), project);
     if (!patch) {
         handleGitError(patch.error(), parents != 0 ? "git diff" : "git show", project.id);
         return std::nullopt;
@@ -548,7 +424,7 @@ std::optional<OrderedJson> GitService::buildCommitDiffPayload(const std::string&
     std::string patchText = std::move(*patch);
     if (parents >= 2 && trimWhitespace(patchText).empty()) {
         // A clean merge has no combined diff; show it against each parent instead.
-        auto merged = runGit(mergeCommitPatchArguments(commit, path), project, false);
+        auto merged = m_commands.run(mergeCommitPatchArguments(commit, path), project);
         if (!merged) {
             handleGitError(merged.error(), "git show -m", project.id);
             return std::nullopt;
@@ -556,41 +432,26 @@ std::optional<OrderedJson> GitService::buildCommitDiffPayload(const std::string&
         patchText = std::move(*merged);
     }
     if (isEmptyDiff(patchText, counts)) return std::nullopt;
-    return commitDiffFile(commit, path && !path->empty() ? *path : ".", counts, std::move(patchText), true);
+    return gitCommitDiffFilePayload(commit, path && !path->empty() ? *path : ".", counts, std::move(patchText), true);
 }
 
-OrderedJson GitService::buildCommitDiffSummary(const std::string& commit, const ProjectContext& project) {
+OrderedJson GitService::buildCommitDiffSummary(const std::string& commit, const GitProject& project) {
     OrderedJson files = OrderedJson::array();
     // "--numstat" alone already replaces the patch; "--no-patch" next to it
     // would also silence the numbers on git before 2.43.
-    auto output = runGit({"show", commit, "--numstat", "--format=", "--find-renames"}, project, false);
+    auto output = m_commands.run({"show", commit, "--numstat", "--format=", "--find-renames"}, project);
     if (!output) {
         handleGitError(output.error(), "git show --numstat", project.id);
         return files;
     }
-    for (std::string_view rawLine : splitLines(*output, false)) {
-        std::string_view line = trimWhitespace(rawLine);
-        if (line.empty()) continue;
-        size_t firstTab = line.find('\t');
-        if (firstTab == std::string_view::npos) continue;
-        size_t secondTab = line.find('\t', firstTab + 1);
-        if (secondTab == std::string_view::npos) continue;
-        std::string_view added = line.substr(0, firstTab);
-        std::string_view deleted = line.substr(firstTab + 1, secondTab - firstTab - 1);
-        GitNumstat counts;
-        if (added == "-" || deleted == "-") {
-            counts.isBinary = true;
-        } else {
-            counts.additions = decimalOrZero(added);
-            counts.deletions = decimalOrZero(deleted);
-        }
-        std::string path = normalizeRenamedPath(line.substr(secondTab + 1));
-        files.push_back(commitDiffFile(commit, path, counts, "", false));
+    for (const auto& file : parseCommitFileCounts(*output)) {
+        GitNumstat counts{file.additions, file.deletions, file.isBinary};
+        files.push_back(gitCommitDiffFilePayload(commit, file.path, counts, "", false));
     }
     return files;
 }
 
-void GitService::doFetchCommitDiff(const ProjectContext& project, const std::string& rawCommit,
+void GitService::doFetchCommitDiff(const GitProject& project, const std::string& rawCommit,
                                    const std::optional<std::string>& path) {
     std::string commit(trimWhitespace(rawCommit));
     // A "commit" that begins with a dash would reach git as an option
@@ -603,7 +464,7 @@ void GitService::doFetchCommitDiff(const ProjectContext& project, const std::str
         } else {
             // The page waits for this one file: tell it there is nothing to show.
             std::string shown = path->empty() ? "." : normalizeRenamedPath(*path);
-            files.push_back(commitDiffFile(commit, shown.empty() ? "." : shown, GitNumstat{}, "", true));
+            files.push_back(gitCommitDiffFilePayload(commit, shown.empty() ? "." : shown, GitNumstat{}, "", true));
         }
     } else {
         files = buildCommitDiffSummary(commit, project);
@@ -617,71 +478,66 @@ void GitService::doFetchCommitDiff(const ProjectContext& project, const std::str
 
 // --- actions -----------------------------------------------------------------------
 
-void GitService::doCommit(const ProjectContext& project, const std::string& message) {
-    if (auto added = runGit({"add", "-A"}, project, false); !added) {
+void GitService::doCommit(const GitProject& project, const std::string& message) {
+    if (auto added = m_commands.run({"add", "-A"}, project); !added) {
         handleGitError(added.error(), "git add", project.id);
         return;
     }
     // The message goes as received: surrounding line feeds are the user's.
-    if (auto committed = runGit({"commit", "-m", message}, project, false); !committed) {
+    if (auto committed = m_commands.run({"commit", "-m", message}, project); !committed) {
         handleGitError(committed.error(), "git commit", project.id);
         return;
     }
-    sendResult(true, "コミットしました");
+    sendResult(true, std::string(gitmsg::kCommitted));
     refreshStatus(project.id);
 }
 
-void GitService::doRemoteAction(const ProjectContext& project, RemoteAction action) {
+void GitService::doRemoteAction(const GitProject& project, RemoteAction action) {
     struct Shape {
         std::vector<std::string> arguments;
         const char* operation;
         const char* description;
-        const char* success;
+        std::string_view success;
     };
     static const Shape kShapes[] = {
-        {{"push"}, "Push", "git push", "Push が完了しました"},
-        {{"pull", "--rebase"}, "Pull", "git pull", "Pull が完了しました"},
-        {{"fetch"}, "Fetch", "git fetch", "Fetch が完了しました"},
+        {{"push"}, "Push", "git push", gitmsg::kPushDone},
+        {{"pull", "--rebase"}, "Pull", "git pull", gitmsg::kPullDone},
+        {{"fetch"}, "Fetch", "git fetch", gitmsg::kFetchDone},
     };
     const Shape& shape = kShapes[static_cast<int>(action)];
-    auto url = remoteURL(project, std::nullopt);
+    auto url = lookUpRemoteURL(m_commands, project);
     if (!url) {
         notifyMissingRemoteIfNeeded(project.id);
         return;
     }
     m_missingRemoteProjects.erase(project.id);
-    bool requiresOAuth = requiresGitHubOAuth(*url, m_gitHubWebHost);
+    bool requiresOAuth = m_commands.requiresToken(*url);
     if (requiresOAuth && !ensureAuthenticated(shape.operation, false)) return;
-    auto output = runGit(shape.arguments, project, requiresOAuth, sshEnvironment(*url, project));
+    auto output = m_commands.run(shape.arguments, project, requiresOAuth ? GitAuth::GitHubToken : GitAuth::None,
+                                 m_commands.sshEnvironment(*url, project));
     if (!output) {
         handleGitError(output.error(), shape.description, project.id);
         return;
     }
-    sendResult(true, shape.success);
+    sendResult(true, std::string(shape.success));
     refreshStatus(project.id);
 }
 
-void GitService::doFetchRemoteTracking(const ProjectContext& project) {
+void GitService::doFetchRemoteTracking(const GitProject& project) {
     auto emitTracking = [&](const std::string& branch, const std::optional<std::string>& remote, int64_t ahead,
                             int64_t behind) {
-        OrderedJson payload;
-        payload["projectId"] = project.id.toString();
-        payload["branch"] = branch;
-        if (remote) payload["remote"] = *remote;
-        payload["ahead"] = ahead;
-        payload["behind"] = behind;
-        emit("git/remote/tracking", payload);
+        emit("git/remote/tracking", gitRemoteTrackingPayload(project.id.toString(), branch, remote, ahead, behind));
     };
-    if (remoteURL(project, std::nullopt)) m_missingRemoteProjects.erase(project.id);
+    if (lookUpRemoteURL(m_commands, project)) m_missingRemoteProjects.erase(project.id);
     else notifyMissingRemoteIfNeeded(project.id);
 
-    auto head = runGit({"rev-parse", "--abbrev-ref", "HEAD"}, project, false);
+    auto head = m_commands.run({"rev-parse", "--abbrev-ref", "HEAD"}, project);
     if (!head) {
         handleGitError(head.error(), "git rev-parse --abbrev-ref HEAD", project.id);
         return;
     }
     std::string branch(trimWhitespace(*head));
-    auto upstream = runGit({"rev-parse", "--abbrev-ref", "--symbolic-full-name", "@{u}"}, project, false);
+    auto upstream = m_commands.run({"rev-parse", "--abbrev-ref", "--symbolic-full-name", "@{u}"}, project);
     if (!upstream) {
         const GitError& error = upstream.error();
         if (error.kind == GitError::Kind::CommandFailed && toLower(error.text).find("no upstream") != std::string::npos) {
@@ -696,93 +552,53 @@ void GitService::doFetchRemoteTracking(const ProjectContext& project) {
         emitTracking(branch, std::nullopt, 0, 0);
         return;
     }
-    auto counts = runGit({"rev-list", "--left-right", "--count", "@{u}...HEAD"}, project, false);
+    auto output = m_commands.run({"rev-list", "--left-right", "--count", "@{u}...HEAD"}, project);
+    auto counts = output ? parseLeftRightCounts(*output) : std::nullopt;
     if (!counts) {
         emitTracking(branch, remote, 0, 0);
         return;
     }
-    std::string_view text = trimWhitespace(*counts);
-    std::vector<std::string> pieces;
-    if (size_t tab = text.find('\t'); tab != std::string_view::npos && text.find('\t', tab + 1) == std::string_view::npos) {
-        pieces = {std::string(text.substr(0, tab)), std::string(text.substr(tab + 1))};
-    } else {
-        pieces = splitOnBlanks(text);
-    }
-    if (pieces.size() != 2) {
-        emitTracking(branch, remote, 0, 0);
+    emitTracking(branch, remote, counts->right, counts->left);
+}
+
+// --- commit graph ---------------------------------------------------------------------
+
+void GitService::doFetchCommitGraph(const GitProject& project, int64_t pageSize) {
+    const std::string projectId = project.id.toString();
+    auto emitGraph = [&](const GitCommitGraph& graph) {
+        if (auto sink = m_eventSink.lock()) {
+            sink->dispatchEncodedEvent("git/graph", makeEventEnvelope("git/graph", encodeCommitGraphPayload(projectId, graph)));
+        }
+    };
+    auto emitEmpty = [&] { emitGraph(GitCommitGraph{}); };
+    if (m_commitGraphUnavailableProjects.count(project.id)) return emitEmpty();
+    auto token = m_commands.token();
+    if (!token) return emitEmpty();
+    auto url = lookUpRemoteURL(m_commands, project);
+    auto coordinates = url ? parseGitHubRemoteURL(*url, m_gitHubWebHost) : std::nullopt;
+    if (!coordinates) return emitEmpty();
+
+    OrderedJson variables;
+    variables["owner"] = coordinates->owner;
+    variables["name"] = coordinates->name;
+    variables["pageSize"] = pageSize;
+    auto result = m_graphQL->execute(kCommitGraphQuery, variables, token->accessToken);
+    if (!result) {
+        const GitHubGraphQLClientError& error = result.error();
+        if (error.kind == GitHubGraphQLClientError::Kind::Unauthorized) {
+            m_commands.forgetRefusedToken(token->accessToken);
+        } else if (shouldDisableCommitGraph(error)) {
+            // The query cannot work for this project: an empty graph, now and later, without a word.
+            m_commitGraphUnavailableProjects.insert(project.id);
+            m_commitGraphFailureReportedProjects.insert(project.id);
+            return emitEmpty();
+        }
+        sendResult(false, std::string(gitmsg::kGraphFailedPrefix) + error.errorDescription());
         return;
     }
-    emitTracking(branch, remote, decimalOrZero(pieces[1]), decimalOrZero(pieces[0]));
-}
-
-// --- remotes -----------------------------------------------------------------------
-
-GitEnvironment GitService::sshEnvironment(const std::string& remoteURL, const ProjectContext& project) {
-    if (!reachedThroughSsh(remoteURL)) return {};
-    // The child has no terminal, so ssh could not ask for a passphrase or a new
-    // host key anyway; BatchMode makes it fail at once with its reason instead
-    // of trying. A user who chose their own ssh command keeps it untouched.
-    if (m_environment.count("GIT_SSH_COMMAND") || m_environment.count("GIT_SSH")) return {};
-    if (auto own = runGit({"config", "--get", "core.sshCommand"}, project, false);
-        own && !trimWhitespace(*own).empty()) {
-        return {};
-    }
-    return {{"GIT_SSH_COMMAND", "ssh -o BatchMode=yes"}};
-}
-
-std::optional<std::string> GitService::upstreamRemoteName(const ProjectContext& project) {
-    auto output = runGit({"rev-parse", "--abbrev-ref", "--symbolic-full-name", "@{u}"}, project, false);
-    if (!output) return std::nullopt;
-    std::string_view text = trimWhitespace(*output);
-    std::string_view name = text.substr(0, text.find('/'));
-    if (name.empty()) return std::nullopt;
-    return std::string(name);
-}
-
-std::optional<std::string> GitService::pushDefaultRemoteName(const ProjectContext& project) {
-    auto output = runGit({"config", "--get", "remote.pushDefault"}, project, false);
-    if (!output) return std::nullopt;
-    std::string_view text = trimWhitespace(*output);
-    if (text.empty()) return std::nullopt;
-    return std::string(text);
-}
-
-std::optional<std::string> GitService::remoteURLUsingGit(const std::string& name, const ProjectContext& project) {
-    if (name.empty()) return std::nullopt;
-    auto output = runGit({"config", "--get", "remote." + name + ".url"}, project, false);
-    if (!output) return std::nullopt;
-    std::string_view text = trimWhitespace(*output);
-    if (text.empty()) return std::nullopt;
-    return std::string(text);
-}
-
-std::optional<std::string> GitService::remoteURL(const ProjectContext& project,
-                                                 const std::optional<std::string>& preferredRemote) {
-    std::string configText;
-    std::map<std::string, std::string> remotes;
-    if (readWholeFile(project.directory + "/.git/config", configText)) {
-        remotes = parseRemoteURLsFromConfig(configText);
-    }
-    auto lookup = [&](const std::string& name) -> std::optional<std::string> {
-        auto it = remotes.find(name);
-        if (it == remotes.end() || it->second.empty()) return std::nullopt;
-        return it->second;
-    };
-    if (preferredRemote) {
-        if (auto url = lookup(*preferredRemote)) return url;
-    }
-    if (auto url = lookup("origin")) return url;
-    if (remotes.empty()) return std::nullopt;
-    auto byName = [&](const std::optional<std::string>& name) -> std::optional<std::string> {
-        if (!name) return std::nullopt;
-        if (auto url = lookup(*name)) return url;
-        if (m_runnerIsProcess) return remoteURLUsingGit(*name, project);
-        return std::nullopt;
-    };
-    if (auto url = byName(upstreamRemoteName(project))) return url;
-    if (auto url = byName(pushDefaultRemoteName(project))) return url;
-    if (m_runnerIsProcess) return remoteURLUsingGit("origin", project);
-    return std::nullopt;
+    auto& history = result.value().defaultBranchHistory;
+    if (!history || history->nodes.empty()) return emitEmpty();
+    emitGraph(buildCommitGraph(history->nodes));
 }
 
 }  // namespace velko

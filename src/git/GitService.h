@@ -1,18 +1,23 @@
 #pragma once
 // GitService: the front of the git engine. The page's git messages arrive here
-// (through WebBridge) and each becomes one block on the serial queue
-// "app.velko.git-service"; the block resolves the project on the main thread,
-// runs git through the runner, and answers with events on the weak event sink.
-// One git command runs at a time across all projects, so a push holds back a
-// later status refresh until its child has exited.
+// (through WebBridge) and each becomes one block on the serial git queue
+// (GitScheduler); the block resolves the project on the main thread
+// (GitProjectResolver), runs git (GitCommandContext), and answers with events
+// on the weak event sink. One git command runs at a time across all projects,
+// so a push holds back a later status refresh until its child has exited.
+// History pages are the exception: they run on a small pool of their own
+// ("app.velko.git-service.history", GitHistoryPaginator), beside the queue and
+// beside each other. The commit graph and the branch map hold the queue.
 //
 // Owned by the composition root; every block holds the service weakly and does
-// nothing once it is gone. Project metadata is read on the main thread by a
-// synchronous hop, so the main thread must never wait for this queue.
+// nothing once it is gone. The main thread must never wait for the git queue:
+// blocks wait for it. At shutdown `stop` ends the engine without waiting for
+// a git that hangs.
 //
-// Failures become "git/result" messages (Japanese texts for the user) or, for
-// views that wait for an answer, an empty event; nothing throws.
+// Failures become "git/result" messages (GitMessages) or, for views that wait
+// for an answer, an empty event; nothing throws.
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -21,20 +26,20 @@
 #include <vector>
 
 #include "core/EventDispatching.h"
+#include "core/HttpRequesting.h"
 #include "core/Json.h"
-#include "core/Log.h"
-#include "core/Result.h"
 #include "core/Uuid.h"
-#include "git/GitAuthProviding.h"
-#include "git/GitCredentialBroker.h"
+#include "git/GitCommandContext.h"
+#include "git/GitBranchMapProvider.h"
 #include "git/GitDiffParsing.h"
-#include "git/GitErrors.h"
-#include "git/GitProcessRunner.h"
+#include "git/GitHistoryPaginator.h"
+#include "git/GitProjectResolver.h"
+#include "git/GitRemoteParsing.h"
+#include "git/GitScheduler.h"
+#include "core/SerialQueue.h"
 #include "workspace/ConfigStore.h"
 
 namespace velko {
-
-class SerialQueue;
 
 class GitService final : public std::enable_shared_from_this<GitService> {
 public:
@@ -47,7 +52,22 @@ public:
         std::optional<GitEnvironment> environment;
         // The web host whose HTTPS remotes carry the token.
         std::string gitHubWebHost = std::string(kGitHubWebHost);
+        // GitHub's GraphQL API: asked through `http` at `graphqlURL`, unless
+        // a client of its own is given. Without either, GitHub is never asked.
+        std::shared_ptr<HttpRequesting> http;
+        std::string graphqlURL = "https://" + std::string(kGitHubApiHost) + "/graphql";
+        HttpGitHubGraphQLClient::Limits graphqlLimits;
+        std::shared_ptr<GitHubGraphQLClient> graphQLClient;
+        // Local history pages; the default reads them with git.
+        std::shared_ptr<GitLocalHistoryProviding> localHistoryProvider;
+        // The branch map's clock and how many of its git commands run at once.
+        std::function<SystemTime()> now;
+        unsigned branchMapParallelism = 4;
+        unsigned historyThreads = 3;
     };
+
+    // How long a git child that is running at shutdown gets after SIGTERM.
+    static constexpr std::chrono::milliseconds kStopGrace{1500};
 
     explicit GitService(Dependencies dependencies);
     ~GitService();
@@ -68,74 +88,70 @@ public:
     void fetch(const Uuid& projectID);
     void fetchRemoteTracking(const Uuid& projectID);
     void reachRefreshBarrier(const Uuid& projectID, std::string requestId);
+    // A page of the history list, on the history pool; no cursor starts over.
+    void fetchCommitHistory(const Uuid& projectID, std::optional<std::string> cursor, int64_t pageSize,
+                            std::optional<std::string> requestId);
+    void fetchCommitGraph(const Uuid& projectID, int64_t pageSize);
+    void fetchBranchMap(const Uuid& projectID, int64_t limit);
 
-    // Runs `done` on the queue once every block posted before it has run.
+    // Runs `done` once every block posted before it has run, history pages
+    // included (on the queue, or on the pool thread of the last page).
     void whenIdle(std::function<void()> done);
+    // Stops the engine for good: blocks and pages that have not started are
+    // dropped, a block waiting for the main thread gives up, the running git
+    // children get SIGTERM and SIGKILL after `grace`. `done` runs once the
+    // block and the pages running now have returned. (Requests to GitHub in
+    // flight end when the HTTP client is cancelled, which its owner does.)
+    void stop(std::chrono::milliseconds grace, std::function<void()> done);
 
 private:
-    struct ProjectContext {
-        ProjectMetadata metadata;
-        Uuid id;
-        std::string directory;  // root path with the tilde expanded
-    };
     enum class RemoteAction { Push, Pull, Fetch };
 
     void enqueue(std::function<void(GitService&)> block);
+    void enqueueForProject(const std::optional<Uuid>& projectID,
+                           std::function<void(GitService&, const GitProject&)> block);
     void emit(std::string_view type, const OrderedJson& payload);
-    void emitEncoded(std::string_view type, const std::string& payloadJson);
     void sendResult(bool success, const std::string& message);
-
-    std::optional<ProjectContext> metadata(const std::optional<Uuid>& projectID);
-    GitEnvironment baseEnvironment() const;
-    Result<std::string, GitError> runGit(const std::vector<std::string>& arguments, const ProjectContext& project,
-                                         bool requiresAuth, const GitEnvironment& extraEnvironment = {});
-    GitEnvironment sshEnvironment(const std::string& remoteURL, const ProjectContext& project);
-    Result<GitProcessExecutionResult, GitError> runGitAllowingDifferences(const std::vector<std::string>& arguments,
-                                                                          const ProjectContext& project,
-                                                                          const std::set<int>& allowedExitCodes);
     void handleGitError(const GitError& error, const std::string& commandDescription,
                         const std::optional<Uuid>& projectId);
     bool ensureAuthenticated(const std::string& operation, bool suppressError);
     void notifyMissingRemoteIfNeeded(const Uuid& projectId);
 
-    void doRefreshStatus(const ProjectContext& project);
-    void doFetchStatusDetail(const ProjectContext& project);
-    void doFetchWorkingTree(const ProjectContext& project);
-    void doFetchDiff(const ProjectContext& project, std::vector<GitDiffTarget> targets);
-    void doFetchCommitDiff(const ProjectContext& project, const std::string& commit,
+    void doRefreshStatus(const GitProject& project);
+    void doFetchStatusDetail(const GitProject& project);
+    void doFetchWorkingTree(const GitProject& project);
+    void doFetchDiff(const GitProject& project, std::vector<GitDiffTarget> targets);
+    void doFetchCommitDiff(const GitProject& project, const std::string& commit,
                            const std::optional<std::string>& path);
-    void doCommit(const ProjectContext& project, const std::string& message);
-    void doRemoteAction(const ProjectContext& project, RemoteAction action);
-    void doFetchRemoteTracking(const ProjectContext& project);
+    void doCommit(const GitProject& project, const std::string& message);
+    void doRemoteAction(const GitProject& project, RemoteAction action);
+    void doFetchRemoteTracking(const GitProject& project);
+    void doFetchCommitGraph(const GitProject& project, int64_t pageSize);
 
-    std::optional<OrderedJson> buildDiffPayload(const GitDiffTarget& target, const ProjectContext& project);
-    std::optional<OrderedJson> buildDiffPayloadForUntracked(const GitDiffTarget& target,
-                                                            const ProjectContext& project);
-    bool isUntrackedFile(const std::string& path, const ProjectContext& project);
-    std::optional<int> commitParentCount(const std::string& commit, const ProjectContext& project);
+    std::optional<OrderedJson> buildDiffPayload(const GitDiffTarget& target, const GitProject& project);
+    std::optional<OrderedJson> buildDiffPayloadForUntracked(const GitDiffTarget& target, const GitProject& project);
+    bool isUntrackedFile(const std::string& path, const GitProject& project);
+    std::optional<int> commitParentCount(const std::string& commit, const GitProject& project);
     std::optional<OrderedJson> buildCommitDiffPayload(const std::string& commit, const std::optional<std::string>& path,
-                                                      const ProjectContext& project);
-    OrderedJson buildCommitDiffSummary(const std::string& commit, const ProjectContext& project);
+                                                      const GitProject& project);
+    OrderedJson buildCommitDiffSummary(const std::string& commit, const GitProject& project);
 
-    std::optional<std::string> remoteURL(const ProjectContext& project,
-                                         const std::optional<std::string>& preferredRemote);
-    std::optional<std::string> upstreamRemoteName(const ProjectContext& project);
-    std::optional<std::string> pushDefaultRemoteName(const ProjectContext& project);
-    std::optional<std::string> remoteURLUsingGit(const std::string& name, const ProjectContext& project);
-
-    std::weak_ptr<ProjectProviding> m_configProvider;
-    std::shared_ptr<GitAuthProviding> m_authProvider;
-    std::shared_ptr<GitCredentialBroking> m_credentialBroker;
-    std::shared_ptr<GitProcessRunning> m_processRunner;
-    bool m_runnerIsProcess = false;
-    GitEnvironment m_environment;
-    std::string m_gitHubWebHost;
+    std::shared_ptr<GitScheduler> m_scheduler;
+    GitProjectResolver m_resolver;
+    GitCommandContext m_commands;
     std::weak_ptr<EventDispatching> m_eventSink;
     std::set<Uuid> m_missingRemoteProjects;  // queue only
-    // Subcommands and exit statuses only: arguments may hold a commit
-    // message or file names, and stderr may echo a URL with credentials.
-    Logger m_logger{"app.velko.git", "git-service"};
-    std::shared_ptr<SerialQueue> m_queue;
+    std::set<Uuid> m_commitGraphUnavailableProjects;       // queue only
+    std::set<Uuid> m_commitGraphFailureReportedProjects;   // queue only
+    std::shared_ptr<GitHubGraphQLClient> m_graphQL;
+    std::shared_ptr<GitLocalHistoryProviding> m_localHistory;
+    std::unique_ptr<GitHistoryPaginator> m_paginator;
+    std::unique_ptr<GitBranchMapProvider> m_branchMaps;
+    std::string m_gitHubWebHost;
+    // Pages in flight, and what waits for none to be.
+    struct HistoryPages;
+    std::shared_ptr<HistoryPages> m_historyPages;
+    std::shared_ptr<ConcurrentQueue> m_historyQueue;
 };
 
 }  // namespace velko

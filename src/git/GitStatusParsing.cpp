@@ -3,23 +3,10 @@
 #include <algorithm>
 #include <charconv>
 
-#include "git/GitErrors.h"
+#include "core/NameCollation.h"
+#include "git/GitText.h"
 
 namespace velko {
-
-std::vector<std::string_view> splitLines(std::string_view text, bool keepEmpty) {
-    std::vector<std::string_view> lines;
-    size_t start = 0;
-    while (start <= text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string_view::npos) end = text.size();
-        std::string_view line = text.substr(start, end - start);
-        if (keepEmpty || !line.empty()) lines.push_back(line);
-        if (end == text.size()) break;
-        start = end + 1;
-    }
-    return lines;
-}
 
 namespace {
 
@@ -151,41 +138,33 @@ struct TreeBuilder {
     std::map<std::string, std::unique_ptr<TreeBuilder>> children;
 };
 
-int compareCaseInsensitive(std::string_view a, std::string_view b) {
-    size_t n = std::min(a.size(), b.size());
-    for (size_t i = 0; i < n; ++i) {
-        unsigned char ca = static_cast<unsigned char>(a[i]);
-        unsigned char cb = static_cast<unsigned char>(b[i]);
-        if (ca >= 'A' && ca <= 'Z') ca = static_cast<unsigned char>(ca - 'A' + 'a');
-        if (cb >= 'A' && cb <= 'Z') cb = static_cast<unsigned char>(cb - 'A' + 'a');
-        if (ca != cb) return ca < cb ? -1 : 1;
-    }
-    if (a.size() == b.size()) return 0;
-    return a.size() < b.size() ? -1 : 1;
-}
-
 std::vector<GitChangeTreeNode> makeNodes(const TreeBuilder& builder) {
-    std::vector<const std::pair<const std::string, std::unique_ptr<TreeBuilder>>*> entries;
-    for (const auto& entry : builder.children) entries.push_back(&entry);
-    // Directories first, then files; each group by a case-insensitive order.
-    std::stable_sort(entries.begin(), entries.end(), [](const auto* a, const auto* b) {
-        if (a->first == b->first) return false;
-        bool aDir = !a->second->children.empty();
-        bool bDir = !b->second->children.empty();
+    struct Entry {
+        const std::string* name;
+        const TreeBuilder* builder;
+        std::string key;
+    };
+    std::vector<Entry> entries;
+    entries.reserve(builder.children.size());
+    for (const auto& [name, child] : builder.children) entries.push_back({&name, child.get(), caseInsensitiveSortKey(name)});
+    // Directories first, then files; each group in the explorer's order.
+    std::stable_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
+        bool aDir = !a.builder->children.empty();
+        bool bDir = !b.builder->children.empty();
         if (aDir != bDir) return aDir;
-        return compareCaseInsensitive(a->first, b->first) < 0;
+        return a.key < b.key;
     });
     std::vector<GitChangeTreeNode> nodes;
     nodes.reserve(entries.size());
-    for (const auto* entry : entries) {
-        auto children = makeNodes(*entry->second);
+    for (const auto& entry : entries) {
+        auto children = makeNodes(*entry.builder);
         GitChangeTreeNode node;
-        node.path = entry->first;
+        node.path = *entry.name;
         if (!children.empty()) {
-            node.status = entry->second->status.value_or("directory");
+            node.status = entry.builder->status.value_or("directory");
             node.children = std::move(children);
         } else {
-            node.status = entry->second->status.value_or("modified");
+            node.status = entry.builder->status.value_or("modified");
         }
         nodes.push_back(std::move(node));
     }

@@ -63,7 +63,4 @@ public:
     static std::string describeStatus(char letter);
 };
 
-// Splits at line feeds; with `keepEmpty` false, empty lines are left out.
-std::vector<std::string_view> splitLines(std::string_view text, bool keepEmpty);
-
 }  // namespace velko

@@ -5,9 +5,8 @@
 #include <charconv>
 #include <type_traits>
 
-#include "git/GitErrors.h"
 #include "git/GitJsonWriter.h"
-#include "git/GitStatusParsing.h"
+#include "git/GitText.h"
 
 namespace velko {
 

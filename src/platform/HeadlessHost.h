@@ -5,6 +5,7 @@
 // Diagnostics go to standard error. At end of input it finishes work in flight,
 // ends the terminal sessions and returns 0.
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,12 +13,16 @@ namespace velko {
 
 struct HeadlessOptions {
     std::vector<std::string> pickFolders;  // answers every "project/open"; empty = cancelled
+    // A GitHub token for this run instead of the keyring (tests, scripts).
+    std::optional<std::string> gitHubTokenFile;
 };
 
-// Parses "--headless" and "--pick-folder DIR" (repeatable). False with a message
-// in `error` for anything else.
+// Parses "--headless", "--pick-folder DIR" (repeatable) and
+// "--github-token-file FILE". False with a message in `error` for anything else.
 bool parseHeadlessArguments(const std::vector<std::string>& args, HeadlessOptions& options, std::string& error);
 
+// Runs until the end of input. 2, with a message on standard error, when the
+// token file cannot be used (not owner-only, unreadable, empty).
 int runHeadless(const HeadlessOptions& options);
 
 }  // namespace velko

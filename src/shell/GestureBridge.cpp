@@ -20,6 +20,13 @@ OrderedJson columnPinchPayload(const ColumnPinchEvent& event) {
 }
 
 void ColumnPinchDispatcher::gestureBridgeDidDetect(const ColumnPinchEvent& event) {
+    if (m_analytics) {
+        m_analytics->log("column_pinch_gesture",
+                         {{"direction", event.direction == PinchDirection::Expand ? "expand" : "collapse"},
+                          {"magnitude", event.magnitude},
+                          {"normalizedX", event.normalizedX},
+                          {"normalizedY", event.normalizedY}});
+    }
     if (auto events = m_events.lock()) events->dispatchEvent("layout/column-pinch", columnPinchPayload(event));
 }
 
@@ -32,12 +39,12 @@ GestureBridge::GestureBridge(std::function<double()> clock) : m_clock(std::move(
     }
 }
 
-GestureBridge::~GestureBridge() { detach(); }
+GestureBridge::~GestureBridge() { stopMonitoring(); }
 
 void GestureBridge::attach(const std::shared_ptr<GestureViewing>& view) {
     if (!view) return;
     if (m_view.lock() == view && m_monitor) return;
-    detach();
+    stopMonitoring();
     m_view = view;
     std::weak_ptr<GestureBridge> weak = weak_from_this();
     m_monitor = view->installMagnifyMonitor([weak](const MagnifyEvent& event) {
@@ -45,7 +52,7 @@ void GestureBridge::attach(const std::shared_ptr<GestureViewing>& view) {
     });
 }
 
-void GestureBridge::detach() {
+void GestureBridge::stopMonitoring() {
     if (auto view = m_view.lock(); view && m_monitor) view->removeMagnifyMonitor(*m_monitor);
     m_monitor.reset();
     m_view.reset();

@@ -16,6 +16,7 @@
 
 #include "core/EventDispatching.h"
 #include "core/Json.h"
+#include "telemetry/AnalyticsLogging.h"
 
 namespace velko {
 
@@ -68,14 +69,19 @@ public:
     virtual void gestureBridgeDidDetect(const ColumnPinchEvent& event) = 0;
 };
 
-// The delegate of the program: sends the pinch to the page through the bridge.
+// The delegate of the program: records the pinch as the analytics event
+// "column_pinch_gesture" (when there is a logger), then sends it to the page
+// through the bridge.
 class ColumnPinchDispatcher final : public GestureBridgeDelegate {
 public:
-    explicit ColumnPinchDispatcher(std::weak_ptr<EventDispatching> events) : m_events(std::move(events)) {}
+    explicit ColumnPinchDispatcher(std::weak_ptr<EventDispatching> events,
+                                   std::shared_ptr<AnalyticsLogging> analytics = {})
+        : m_events(std::move(events)), m_analytics(std::move(analytics)) {}
     void gestureBridgeDidDetect(const ColumnPinchEvent& event) override;
 
 private:
     std::weak_ptr<EventDispatching> m_events;
+    std::shared_ptr<AnalyticsLogging> m_analytics;
 };
 
 class GestureBridge : public std::enable_shared_from_this<GestureBridge> {
@@ -89,7 +95,7 @@ public:
 
     void setDelegate(std::weak_ptr<GestureBridgeDelegate> delegate) { m_delegate = std::move(delegate); }
     void attach(const std::shared_ptr<GestureViewing>& view);
-    void detach();
+    void stopMonitoring();
 
     void handleMagnify(const MagnifyEvent& event);
 

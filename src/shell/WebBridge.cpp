@@ -1,10 +1,8 @@
 #include "shell/WebBridge.h"
 
-#include <array>
-
 #include "core/SerialQueue.h"
 #include "core/TaskQueue.h"
-#include "workspace/ConfigStore.h"
+#include "shell/ProjectStoring.h"
 
 namespace velko {
 
@@ -71,94 +69,79 @@ std::optional<std::string> envelopeFromEventScript(std::string_view script) {
     return out;
 }
 
-WebBridge::WebBridge(std::shared_ptr<ExplorerService> explorerService)
-    : m_fileQueue(std::make_unique<SerialQueue>("app.velko.webbridge.fs")),
-      m_explorerService(std::move(explorerService)) {}
+WebBridge::WebBridge(Collaborators collaborators)
+    : m_fileQueue(collaborators.fileQueue ? std::move(collaborators.fileQueue)
+                                          : std::make_shared<SerialQueue>("app.velko.webbridge.fs")),
+      m_files(std::move(collaborators.files)),
+      m_explorer(std::move(collaborators.explorer)) {}
 
 // --- inbound ---
 
-namespace {
-
-struct RouteEntry {
-    std::string_view type;
-    MessageRoute route;
-};
-
-// Exact, case-sensitive types, in the order they are tested. The "cli/" aliases
-// reach the terminal handler with their own spelling; "terminal/focus" has no alias.
-constexpr std::array kRoutes = {
-    RouteEntry{"terminal/input", MessageRoute::Terminal},
-    RouteEntry{"cli/input", MessageRoute::Terminal},
-    RouteEntry{"terminal/create", MessageRoute::Terminal},
-    RouteEntry{"cli/create", MessageRoute::Terminal},
-    RouteEntry{"terminal/close", MessageRoute::Terminal},
-    RouteEntry{"cli/close", MessageRoute::Terminal},
-    RouteEntry{"terminal/resize", MessageRoute::Terminal},
-    RouteEntry{"cli/resize", MessageRoute::Terminal},
-    RouteEntry{"terminal/signal", MessageRoute::Terminal},
-    RouteEntry{"cli/signal", MessageRoute::Terminal},
-    RouteEntry{"terminal/focus", MessageRoute::Terminal},
-    RouteEntry{"project/open", MessageRoute::Project},
-    RouteEntry{"project/close", MessageRoute::Project},
-    RouteEntry{"project/explorer/directories/request", MessageRoute::Project},
-    RouteEntry{"project/file/open", MessageRoute::Project},
-    RouteEntry{"project/file/save", MessageRoute::Project},
-    RouteEntry{"project/file/rename", MessageRoute::Project},
-    RouteEntry{"project/activate", MessageRoute::Project},
-    RouteEntry{"project/resume", MessageRoute::Project},
-    RouteEntry{"project/reorder", MessageRoute::Project},
-    RouteEntry{"github/oauth/start", MessageRoute::GitHubOAuth},
-    RouteEntry{"github/oauth/logout", MessageRoute::GitHubOAuth},
-    RouteEntry{"github/oauth/requestStatus", MessageRoute::GitHubOAuth},
-    RouteEntry{"git/status", MessageRoute::Git},
-    RouteEntry{"git/status/detail", MessageRoute::Git},
-    RouteEntry{"git/commit", MessageRoute::Git},
-    RouteEntry{"git/push", MessageRoute::Git},
-    RouteEntry{"git/pull", MessageRoute::Git},
-    RouteEntry{"git/fetch", MessageRoute::Git},
-    RouteEntry{"git/diff", MessageRoute::Git},
-    RouteEntry{"git/history", MessageRoute::Git},
-    RouteEntry{"git/graph", MessageRoute::Git},
-    RouteEntry{"git/remote/tracking", MessageRoute::Git},
-    RouteEntry{"git/working-tree", MessageRoute::Git},
-    RouteEntry{"git/refresh/barrier", MessageRoute::Git},
-    RouteEntry{"git/commit/diff", MessageRoute::Git},
-    RouteEntry{"git/branch-map", MessageRoute::Git},
-    RouteEntry{"previewTabs/persist", MessageRoute::PreviewTabs},
-    RouteEntry{"previewTabs/cache/write", MessageRoute::PreviewTabs},
-    RouteEntry{"previewTabs/limitReached", MessageRoute::PreviewTabs},
-    RouteEntry{"dashboard.present", MessageRoute::DashboardPresent},
-    RouteEntry{"dashboard.dismiss", MessageRoute::DashboardDismiss},
-    RouteEntry{"app/config/request", MessageRoute::AppConfigRequest},
-    RouteEntry{"analytics/event", MessageRoute::Analytics},
-};
-
-}  // namespace
-
-std::optional<MessageRoute> routeForMessageType(std::string_view type) {
-    for (const auto& candidate : kRoutes)
-        if (candidate.type == type) return candidate.route;
-    return std::nullopt;
+// Exact, case-sensitive types, in the order they are tested, each with the
+// handler of that one message. The "cli/" aliases reach the terminal handler
+// with their own spelling; "terminal/focus" has no alias. A type that is not
+// here is ignored. A message whose service does not exist yet still has its
+// entry, with a handler that drops it.
+const WebBridge::Route* WebBridge::routeFor(std::string_view type) {
+    static constexpr Route kRoutes[] = {
+        {"terminal/input", &WebBridge::handleTerminalMessage},
+        {"cli/input", &WebBridge::handleTerminalMessage},
+        {"terminal/create", &WebBridge::handleTerminalMessage},
+        {"cli/create", &WebBridge::handleTerminalMessage},
+        {"terminal/close", &WebBridge::handleTerminalMessage},
+        {"cli/close", &WebBridge::handleTerminalMessage},
+        {"terminal/resize", &WebBridge::handleTerminalMessage},
+        {"cli/resize", &WebBridge::handleTerminalMessage},
+        {"terminal/signal", &WebBridge::handleTerminalMessage},
+        {"cli/signal", &WebBridge::handleTerminalMessage},
+        {"terminal/focus", &WebBridge::handleTerminalMessage},
+        {"project/open", &WebBridge::handleProjectOpen},
+        {"project/close", &WebBridge::handleProjectClose},
+        {"project/explorer/directories/request", &WebBridge::handleExplorerDirectoriesRequest},
+        {"project/file/open", &WebBridge::handleFileOpen},
+        {"project/file/save", &WebBridge::handleFileSave},
+        {"project/file/rename", &WebBridge::handleFileRename},
+        {"project/activate", &WebBridge::handleProjectActivate},
+        {"project/resume", &WebBridge::handleProjectResume},
+        {"project/reorder", &WebBridge::handleProjectReorder},
+        {"github/oauth/start", &WebBridge::handleOAuthStart},
+        {"github/oauth/logout", &WebBridge::handleOAuthLogout},
+        {"github/oauth/requestStatus", &WebBridge::handleOAuthRequestStatus},
+        {"git/status", &WebBridge::handleGitStatus},
+        {"git/status/detail", &WebBridge::handleGitStatusDetail},
+        {"git/commit", &WebBridge::handleGitCommit},
+        {"git/push", &WebBridge::handleGitPush},
+        {"git/pull", &WebBridge::handleGitPull},
+        {"git/fetch", &WebBridge::handleGitFetch},
+        {"git/diff", &WebBridge::handleGitDiff},
+        {"git/history", &WebBridge::handleGitHistory},
+        {"git/graph", &WebBridge::handleGitGraph},
+        {"git/remote/tracking", &WebBridge::handleGitRemoteTracking},
+        {"git/working-tree", &WebBridge::handleGitWorkingTree},
+        {"git/refresh/barrier", &WebBridge::handleGitRefreshBarrier},
+        {"git/commit/diff", &WebBridge::handleGitCommitDiff},
+        {"git/branch-map", &WebBridge::handleGitBranchMap},
+        {"previewTabs/persist", &WebBridge::handlePreviewTabsPersist},
+        {"previewTabs/cache/write", &WebBridge::handlePreviewTabsCacheWrite},
+        {"previewTabs/limitReached", &WebBridge::handlePreviewTabsLimitReached},
+        {"dashboard.present", &WebBridge::handleDashboardPresent},
+        {"dashboard.dismiss", &WebBridge::handleDashboardDismiss},
+        {"app/config/request", &WebBridge::handleAppConfigRequest},
+        {"analytics/event", &WebBridge::handleAnalyticsEvent},
+    };
+    for (const auto& route : kRoutes)
+        if (route.type == type) return &route;
+    return nullptr;
 }
 
 void WebBridge::handle(const Json& body) {
     if (!body.is_object()) return;
     auto type = json::string(&body, "type");
     if (!type) return;
-    auto route = routeForMessageType(*type);
+    const Route* route = routeFor(*type);
     if (!route) return;
-    const Json* payload = json::objectMember(&body, "payload");
-    switch (*route) {
-        case MessageRoute::Terminal: handleTerminalMessage(*type, payload); break;
-        case MessageRoute::Project: handleProjectMessage(*type, body); break;
-        case MessageRoute::GitHubOAuth: handleGitHubOAuthMessage(*type); break;
-        case MessageRoute::Git: handleGitMessage(*type, payload); break;
-        case MessageRoute::PreviewTabs: handlePreviewTabsMessage(*type, payload); break;
-        case MessageRoute::DashboardPresent: handleDashboardPresent(payload); break;
-        case MessageRoute::DashboardDismiss: handleDashboardDismiss(); break;
-        case MessageRoute::AppConfigRequest: handleAppConfigRequest(); break;
-        case MessageRoute::Analytics: handleAnalyticsEvent(payload); break;
-    }
+    // A payload of any other JSON type than an object counts as absent.
+    (this->*(route->handler))(*type, json::objectMember(&body, "payload"));
 }
 
 void WebBridge::handleMessageText(std::string_view text) {
@@ -166,12 +149,12 @@ void WebBridge::handleMessageText(std::string_view text) {
     if (body) handle(*body);
 }
 
-void WebBridge::handleAppConfigRequest() {
+void WebBridge::handleAppConfigRequest(std::string_view, const Json*) {
     runOnMainWeak(weak_from_this(), [](WebBridge& self) {
         if (self.m_cachedConfig) {
             AppConfig config = *self.m_cachedConfig;
             self.updateConfigSnapshot(config);
-        } else if (auto store = self.m_configStore.lock()) {
+        } else if (auto store = self.m_projectStore.lock()) {
             self.updateConfigSnapshot(store->config());
         }
     });
@@ -307,13 +290,6 @@ void WebBridge::updateConfigSnapshot(const AppConfig& config) {
     m_cachedConfig = config;
     dispatchEvent("app/config", configSnapshotPayload(config));
     dispatchOAuthStatus();
-}
-
-void WebBridge::dispatchOAuthStatus() {
-    // Without an account manager there is no stored token to report.
-    OrderedJson payload;
-    payload["status"] = "disconnected";
-    dispatchEvent("github/oauth/status", payload);
 }
 
 }  // namespace velko

@@ -4,26 +4,25 @@
 // The project's folder is looked up on the main thread (the configuration
 // lives there); the disk work then runs on the file queue, one request after
 // another in the order they came, and every answer goes back through
-// dispatchEvent. A bridge that is gone by then ends the job silently.
+// dispatchEvent. A bridge that is gone by then ends the job silently; a
+// bridge without file access drops the requests.
 #include <unordered_set>
 
 #include "core/Base64.h"
-#include "core/Paths.h"
-#include "core/SerialQueue.h"
 #include "core/TaskQueue.h"
 #include "files/ExplorerService.h"
-#include "files/ItemRename.h"
-#include "files/PathRules.h"
-#include "files/ProjectFileAccess.h"
+#include "files/FileMessages.h"
+#include "shell/ExplorerMonitoring.h"
+#include "shell/ProjectFileAccessing.h"
+#include "shell/ProjectStoring.h"
+#include "shell/ShellMessages.h"
 #include "shell/WebBridge.h"
-#include "workspace/ConfigStore.h"
 
 namespace velko {
 
 namespace {
 
 constexpr size_t kMaxExplorerPathsPerRequest = 512;
-constexpr const char* kMissingRootMessage = "プロジェクトのルートが見つかりませんでした";
 
 OrderedJson fileErrorPayload(const Uuid& projectId, const std::string& path, const std::string& message,
                              const std::optional<std::string>& code = std::nullopt) {
@@ -35,17 +34,17 @@ OrderedJson fileErrorPayload(const Uuid& projectId, const std::string& path, con
 }  // namespace
 
 std::optional<std::string> WebBridge::projectRootForFiles(const Uuid& projectId) const {
-    auto store = m_configStore.lock();
-    if (!store) return std::nullopt;
+    auto store = m_projectStore.lock();
+    if (!store || !m_files) return std::nullopt;
     auto project = store->project(projectId);
     if (!project) return std::nullopt;
-    return projectRootPath(*project, homeDirectory());
+    return m_files->rootPath(*project);
 }
 
-void WebBridge::handleExplorerDirectoriesRequest(const Json* payload) {
+void WebBridge::handleExplorerDirectoriesRequest(std::string_view, const Json* payload) {
     auto projectId = json::uuid(payload, "projectId");
     const Json* paths = json::array(payload, "paths");
-    if (!projectId || !paths || paths->empty()) return;
+    if (!projectId || !paths || paths->empty() || !m_files) return;
     std::vector<std::string> relativePaths;
     std::unordered_set<std::string> seen;
     for (const auto& entry : *paths) {
@@ -66,9 +65,9 @@ void WebBridge::handleExplorerDirectoriesRequest(const Json* payload) {
                                                                              {"requestId", requestId},
                                                                              {"directories", std::move(directories)}});
         };
-        auto store = self.m_configStore.lock();
+        auto store = self.m_projectStore.lock();
         auto project = store ? store->project(id) : std::nullopt;
-        auto root = project ? projectRootPath(*project, homeDirectory()) : std::nullopt;
+        auto root = project ? self.m_files->rootPath(*project) : std::nullopt;
         if (!root) {
             std::vector<ExplorerDirectorySnapshot> snapshots;
             for (const auto& path : relativePaths) snapshots.push_back({path, {}, "invalidProject"});
@@ -76,31 +75,33 @@ void WebBridge::handleExplorerDirectoriesRequest(const Json* payload) {
             return;
         }
         std::weak_ptr<WebBridge> weak = self.weak_from_this();
-        self.fileQueue().post([weak, answer, root = std::move(*root), relativePaths = std::move(relativePaths),
-                               excluded = project->explorerExcludedPaths, home = homeDirectory()] {
-            auto bridge = weak.lock();
-            if (!bridge) return;
-            answer(*bridge, listExplorerDirectories(root, relativePaths, excluded, home));
+        self.fileQueue().post([weak, files = self.m_files, answer, root = std::move(*root),
+                               relativePaths = std::move(relativePaths), excluded = project->explorerExcludedPaths] {
+            // The bridge is held only to send the answer: a listing may take long, and
+            // the program may quit meanwhile.
+            if (weak.expired()) return;
+            auto snapshots = files->listDirectories(root, relativePaths, excluded);
+            if (auto bridge = weak.lock()) answer(*bridge, snapshots);
         });
     });
 }
 
-void WebBridge::handleFileOpen(const Json* payload) {
+void WebBridge::handleFileOpen(std::string_view, const Json* payload) {
     auto projectId = json::uuid(payload, "projectId");
     auto path = json::string(payload, "path");
-    if (!projectId || !path) return;
+    if (!projectId || !path || !m_files) return;
     auto policy = json::boolean(payload, "allowLargeFile").value_or(false) ? LargeFilePolicy::Allow
                                                                            : LargeFilePolicy::AskFirst;
     runOnMainWeak(weak_from_this(), [id = *projectId, path = std::move(*path), policy](WebBridge& self) {
         auto root = self.projectRootForFiles(id);
         if (!root) {
-            self.dispatchEvent("project/file/error", fileErrorPayload(id, path, kMissingRootMessage));
+            self.dispatchEvent("project/file/error", fileErrorPayload(id, path, std::string(file_messages::kMissingRoot)));
             return;
         }
         std::weak_ptr<WebBridge> weak = self.weak_from_this();
-        self.fileQueue().post([weak, id, path, policy, root = std::move(*root), home = homeDirectory()] {
+        self.fileQueue().post([weak, files = self.m_files, id, path, policy, root = std::move(*root)] {
             if (weak.expired()) return;
-            auto result = readProjectFile(path, root, policy, home);
+            auto result = files->readFile(root, path, policy);
             auto bridge = weak.lock();
             if (!bridge) return;
             if (!result) {
@@ -129,23 +130,23 @@ void WebBridge::handleFileOpen(const Json* payload) {
     });
 }
 
-void WebBridge::handleFileSave(const Json* payload) {
+void WebBridge::handleFileSave(std::string_view, const Json* payload) {
     auto projectId = json::uuid(payload, "projectId");
     auto path = json::string(payload, "path");
     auto content = json::string(payload, "content");
-    if (!projectId || !path || !content) return;
+    if (!projectId || !path || !content || !m_files) return;
     runOnMainWeak(weak_from_this(), [id = *projectId, path = std::move(*path),
                                      content = std::move(*content)](WebBridge& self) mutable {
         auto root = self.projectRootForFiles(id);
         if (!root) {
-            self.dispatchEvent("project/file/error", fileErrorPayload(id, path, kMissingRootMessage));
+            self.dispatchEvent("project/file/error", fileErrorPayload(id, path, std::string(file_messages::kMissingRoot)));
             return;
         }
         std::weak_ptr<WebBridge> weak = self.weak_from_this();
-        self.fileQueue().post([weak, id, path, content = std::move(content), root = std::move(*root),
-                               home = homeDirectory()] {
+        self.fileQueue().post([weak, files = self.m_files, id, path, content = std::move(content),
+                               root = std::move(*root)] {
             if (weak.expired()) return;
-            auto saved = saveProjectFile(path, root, content, home);
+            auto saved = files->saveFile(root, path, content);
             auto bridge = weak.lock();
             if (!bridge) return;
             if (saved) {
@@ -157,11 +158,11 @@ void WebBridge::handleFileSave(const Json* payload) {
     });
 }
 
-void WebBridge::handleFileRename(const Json* payload) {
+void WebBridge::handleFileRename(std::string_view, const Json* payload) {
     auto projectId = json::uuid(payload, "projectId");
     auto path = json::string(payload, "path");
     auto nextPath = json::string(payload, "nextPath");
-    if (!projectId || !path || !nextPath) return;
+    if (!projectId || !path || !nextPath || !m_files) return;
     auto entityType = json::string(payload, "entityType");
     EntityTypeHint hint = !entityType              ? EntityTypeHint::None
                           : *entityType == "folder" ? EntityTypeHint::Folder
@@ -170,14 +171,14 @@ void WebBridge::handleFileRename(const Json* payload) {
                                      hint](WebBridge& self) {
         auto root = self.projectRootForFiles(id);
         if (!root) {
-            self.dispatchEvent("project/file/error",
-                               fileErrorPayload(id, path, kMissingRootMessage, "rename_invalid_project"));
+            self.dispatchEvent("project/file/error", fileErrorPayload(id, path, std::string(file_messages::kMissingRoot),
+                                                                      "rename_invalid_project"));
             return;
         }
         std::weak_ptr<WebBridge> weak = self.weak_from_this();
-        self.fileQueue().post([weak, id, path, nextPath, hint, root = std::move(*root), home = homeDirectory()] {
+        self.fileQueue().post([weak, files = self.m_files, id, path, nextPath, hint, root = std::move(*root)] {
             if (weak.expired()) return;
-            auto renamed = renameProjectItem(root, path, nextPath, hint, home);
+            auto renamed = files->renameItem(root, path, nextPath, hint);
             auto bridge = weak.lock();
             if (!bridge) return;
             if (!renamed) {
@@ -205,14 +206,14 @@ void WebBridge::handleFileRename(const Json* payload) {
 void WebBridge::activateExplorerMonitoring(const std::optional<Uuid>& projectID) {
     if (projectID && m_monitoredExplorerProjectID == projectID) return;
     auto root = projectID ? projectRootForFiles(*projectID) : std::nullopt;
-    auto store = m_configStore.lock();
+    auto store = m_projectStore.lock();
     auto project = store && projectID ? store->project(*projectID) : std::nullopt;
-    if (!m_explorerService || !root || !project) {
+    if (!m_explorer || !root || !project) {
         stopExplorerMonitoring();
         return;
     }
     std::weak_ptr<WebBridge> weak = weak_from_this();
-    bool started = m_explorerService->activateMonitoring(
+    bool started = m_explorer->activateMonitoring(
         *projectID, *root, project->explorerExcludedPaths, [weak](const ExplorerChangeBatch& batch) {
             auto bridge = weak.lock();
             if (!bridge) return;
@@ -228,7 +229,7 @@ void WebBridge::activateExplorerMonitoring(const std::optional<Uuid>& projectID)
 }
 
 void WebBridge::stopExplorerMonitoring() {
-    if (m_explorerService) m_explorerService->stopMonitoring();
+    if (m_explorer) m_explorer->stopMonitoring();
     m_monitoredExplorerProjectID.reset();
 }
 

@@ -1,35 +1,53 @@
-// Git messages of the page, handed to GitService. Each operation schedules its
-// work on the git queue and returns; a message without the ids or texts it
-// needs is dropped without an answer. History, graph and branch map have no
-// service behind them yet and are dropped the same way.
+// Git messages of the page, handed to the git service with their arguments
+// read from the payload. Each operation schedules its work on the git queue
+// and returns; a message without the ids or texts it needs is dropped without
+// an answer.
+#include "shell/GitOperating.h"
 #include "shell/WebBridge.h"
-
-#include "git/GitService.h"
 
 namespace velko {
 
-void WebBridge::handleGitMessage(std::string_view type, const Json* payload) {
-    auto service = m_gitService.lock();
+namespace {
+
+// The service and the message's project, or nothing when either is missing.
+template <typename Body>
+void withProject(const std::weak_ptr<GitOperating>& weak, const Json* payload, Body&& body) {
+    auto service = weak.lock();
     if (!service) return;
+    if (auto projectId = json::uuid(payload, "projectId")) body(*service, *projectId);
+}
 
-    if (type == "git/status") {
-        service->refreshStatus(json::uuid(payload, "projectId"));
-        return;
-    }
-    auto projectId = json::uuid(payload, "projectId");
-    if (!projectId) return;
+}  // namespace
 
-    if (type == "git/status/detail") {
-        service->fetchStatusDetail(*projectId);
-    } else if (type == "git/commit") {
-        if (auto message = json::string(payload, "message")) service->commit(*projectId, std::move(*message));
-    } else if (type == "git/push") {
-        service->push(*projectId);
-    } else if (type == "git/pull") {
-        service->pull(*projectId);
-    } else if (type == "git/fetch") {
-        service->fetch(*projectId);
-    } else if (type == "git/diff") {
+void WebBridge::handleGitStatus(std::string_view, const Json* payload) {
+    // The one git message whose project is optional: no project, an empty status.
+    if (auto service = m_gitService.lock()) service->refreshStatus(json::uuid(payload, "projectId"));
+}
+
+void WebBridge::handleGitStatusDetail(std::string_view, const Json* payload) {
+    withProject(m_gitService, payload, [](GitOperating& git, const Uuid& id) { git.fetchStatusDetail(id); });
+}
+
+void WebBridge::handleGitCommit(std::string_view, const Json* payload) {
+    withProject(m_gitService, payload, [payload](GitOperating& git, const Uuid& id) {
+        if (auto message = json::string(payload, "message")) git.commit(id, std::move(*message));
+    });
+}
+
+void WebBridge::handleGitPush(std::string_view, const Json* payload) {
+    withProject(m_gitService, payload, [](GitOperating& git, const Uuid& id) { git.push(id); });
+}
+
+void WebBridge::handleGitPull(std::string_view, const Json* payload) {
+    withProject(m_gitService, payload, [](GitOperating& git, const Uuid& id) { git.pull(id); });
+}
+
+void WebBridge::handleGitFetch(std::string_view, const Json* payload) {
+    withProject(m_gitService, payload, [](GitOperating& git, const Uuid& id) { git.fetch(id); });
+}
+
+void WebBridge::handleGitDiff(std::string_view, const Json* payload) {
+    withProject(m_gitService, payload, [payload](GitOperating& git, const Uuid& id) {
         std::vector<GitDiffTarget> targets;
         if (const Json* list = json::array(payload, "targets")) {
             for (const Json& item : *list) {
@@ -39,20 +57,51 @@ void WebBridge::handleGitMessage(std::string_view type, const Json* payload) {
                 targets.push_back({std::move(*path), diffStageFromString(stage.value_or("unstaged"))});
             }
         }
-        service->fetchDiff(*projectId, std::move(targets));
-    } else if (type == "git/commit/diff") {
-        auto commit = json::string(payload, "commit");
-        if (!commit) return;
-        service->fetchCommitDiff(*projectId, std::move(*commit), json::string(payload, "path"));
-    } else if (type == "git/working-tree") {
-        service->fetchWorkingTree(*projectId);
-    } else if (type == "git/remote/tracking") {
-        service->fetchRemoteTracking(*projectId);
-    } else if (type == "git/refresh/barrier") {
-        if (auto requestId = json::string(payload, "requestId")) {
-            service->reachRefreshBarrier(*projectId, std::move(*requestId));
-        }
-    }
+        git.fetchDiff(id, std::move(targets));
+    });
+}
+
+void WebBridge::handleGitHistory(std::string_view, const Json* payload) {
+    withProject(m_gitService, payload, [payload](GitOperating& git, const Uuid& id) {
+        // The page's cursor comes in `cursorPayload`; a bare `cursor` is GitHub's own.
+        auto cursor = json::string(payload, "cursorPayload");
+        if (!cursor) cursor = json::string(payload, "cursor");
+        git.fetchCommitHistory(id, std::move(cursor), json::integer(payload, "pageSize").value_or(20),
+                               json::string(payload, "requestId"));
+    });
+}
+
+void WebBridge::handleGitGraph(std::string_view, const Json* payload) {
+    withProject(m_gitService, payload, [payload](GitOperating& git, const Uuid& id) {
+        git.fetchCommitGraph(id, json::integer(payload, "pageSize").value_or(50));
+    });
+}
+
+void WebBridge::handleGitBranchMap(std::string_view, const Json* payload) {
+    withProject(m_gitService, payload, [payload](GitOperating& git, const Uuid& id) {
+        git.fetchBranchMap(id, json::integer(payload, "limit").value_or(50));
+    });
+}
+
+void WebBridge::handleGitRemoteTracking(std::string_view, const Json* payload) {
+    withProject(m_gitService, payload, [](GitOperating& git, const Uuid& id) { git.fetchRemoteTracking(id); });
+}
+
+void WebBridge::handleGitWorkingTree(std::string_view, const Json* payload) {
+    withProject(m_gitService, payload, [](GitOperating& git, const Uuid& id) { git.fetchWorkingTree(id); });
+}
+
+void WebBridge::handleGitRefreshBarrier(std::string_view, const Json* payload) {
+    withProject(m_gitService, payload, [payload](GitOperating& git, const Uuid& id) {
+        if (auto requestId = json::string(payload, "requestId")) git.reachRefreshBarrier(id, std::move(*requestId));
+    });
+}
+
+void WebBridge::handleGitCommitDiff(std::string_view, const Json* payload) {
+    withProject(m_gitService, payload, [payload](GitOperating& git, const Uuid& id) {
+        if (auto commit = json::string(payload, "commit"))
+            git.fetchCommitDiff(id, std::move(*commit), json::string(payload, "path"));
+    });
 }
 
 void WebBridge::refreshGitStatus(const std::optional<Uuid>& projectID) {

@@ -1,7 +1,8 @@
-// Terminal messages of the page, handed to the terminal service. Without a
-// service (not built, or gone) they are dropped like any unknown message.
+// Terminal messages of the page, handed to the terminal service with the type
+// as received. Without a service (not built, or gone) they are dropped like
+// any unknown message.
+#include "shell/TerminalMessageHandling.h"
 #include "shell/WebBridge.h"
-#include "terminal/TerminalService.h"
 
 namespace velko {
 

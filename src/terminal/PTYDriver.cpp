@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include <optional>
 
 #include "terminal/TerminalProcess.h"
+#include "terminal/TerminalReaper.h"
 
 
 namespace velko {
@@ -77,7 +79,8 @@ std::map<std::string, std::string> PTYDriver::childEnvironment(const std::map<st
     return env;
 }
 
-Result<PTYProcess, PTYDriverError> PTYDriver::spawn(const std::string& shell, const std::vector<std::string>& arguments,
+Result<PTYProcess, PTYDriverError> PTYDriver::spawn(TerminalReaper& reaper, const std::string& shell,
+                                                    const std::vector<std::string>& arguments,
                                                     const std::string& workingDirectory,
                                                     const std::map<std::string, std::string>& environment, int cols,
                                                     int rows) {
@@ -146,21 +149,33 @@ Result<PTYProcess, PTYDriverError> PTYDriver::spawn(const std::string& shell, co
     // velko ignores SIGPIPE and may block signals on its threads; the shell
     // must start with every signal at its default and none blocked, or
     // `yes | head` would print errors and job control would misbehave.
+    // Checked although these never fail in practice: a shell started without
+    // its own session would have no controlling terminal.
     sigset_t all, none;
     sigfillset(&all);
     sigemptyset(&none);
-    posix_spawnattr_setsigdefault(&spawn.attributes, &all);
-    posix_spawnattr_setsigmask(&spawn.attributes, &none);
+    if (auto e = check(posix_spawnattr_setsigdefault(&spawn.attributes, &all))) return fail(*e);
+    if (auto e = check(posix_spawnattr_setsigmask(&spawn.attributes, &none))) return fail(*e);
     short flags = 0;
-    posix_spawnattr_getflags(&spawn.attributes, &flags);
+    if (auto e = check(posix_spawnattr_getflags(&spawn.attributes, &flags))) return fail(*e);
     flags |= POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
-    posix_spawnattr_setflags(&spawn.attributes, flags);
+    if (auto e = check(posix_spawnattr_setflags(&spawn.attributes, flags))) return fail(*e);
 
     pid_t pid = 0;
     if (int code = posix_spawn(&pid, shell.c_str(), &spawn.actions, &spawn.attributes, argv.data(), envp.data()))
         return fail(PTYDriverError{Kind::SpawnFailed, code});
 
-    return PTYProcess{TerminalProcess::create(pid), std::move(master), std::move(slavePath)};
+    auto process = reaper.watch(pid);
+    if (!process) {
+        // Nothing could notice this child's exit: end it now rather than leave
+        // a shell nobody reaps. It leads its own group, which goes with it.
+        ::kill(-pid, SIGKILL);
+        ::kill(pid, SIGKILL);
+        while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+        }
+        return fail(PTYDriverError{Kind::SpawnFailed, process.error()});
+    }
+    return PTYProcess{std::move(*process), std::move(master), std::move(slavePath)};
 }
 
 Status<PTYDriverError> PTYDriver::sendSignal(pid_t processID, int signal) {

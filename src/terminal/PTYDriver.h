@@ -20,6 +20,7 @@
 namespace velko {
 
 class TerminalProcess;
+class TerminalReaper;
 
 struct PTYDriverError {
     enum class Kind { OpenPTYFailed, NonBlockingSetupFailed, SpawnFailed, ResizeFailed, SignalFailed, MissingSlavePath };
@@ -46,7 +47,10 @@ public:
     // `shell` is an absolute path, never looked up on PATH. `environment` is
     // applied over velko's own environment (an empty override never blanks an
     // inherited value). cols/rows outside 0...65535 abort: callers clamp.
-    static Result<PTYProcess, PTYDriverError> spawn(const std::string& shell, const std::vector<std::string>& arguments,
+    // `reaper` watches the child; when it cannot, the child is killed and
+    // reaped at once and the spawn fails as spawnFailed with that errno.
+    static Result<PTYProcess, PTYDriverError> spawn(TerminalReaper& reaper, const std::string& shell,
+                                                    const std::vector<std::string>& arguments,
                                                     const std::string& workingDirectory,
                                                     const std::map<std::string, std::string>& environment, int cols,
                                                     int rows);

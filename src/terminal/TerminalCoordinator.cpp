@@ -16,6 +16,7 @@
 #include "terminal/TerminalDebugDumpStore.h"
 #include "terminal/TerminalOutputPump.h"
 #include "terminal/TerminalProcess.h"
+#include "terminal/TerminalReaper.h"
 
 namespace velko {
 
@@ -75,7 +76,8 @@ struct TerminalCoordinator::SessionState {
 TerminalCoordinator::TerminalCoordinator(Options options)
     : m_logger(options.logger ? std::move(options.logger) : TerminalLogger::create()),
       m_dumpStore(std::move(options.dumpStore)),
-      m_maxPendingOutputBytes(options.maxPendingOutputBytes) {}
+      m_maxPendingOutputBytes(options.maxPendingOutputBytes),
+      m_reaper(options.reaper ? std::move(options.reaper) : std::make_shared<TerminalReaper>()) {}
 
 TerminalCoordinator::~TerminalCoordinator() {
     // Pumps read descriptors owned by the states: stop them before those close.
@@ -101,7 +103,8 @@ void TerminalCoordinator::startSession(const CLISessionConfig& config) {
     // while the first start was under way) must not orphan the first shell.
     if (m_sessions.count(config.id)) return;
     const std::string directory = resolvedWorkingDirectory(config);
-    auto spawned = PTYDriver::spawn(config.shell, {"-l"}, directory, m_environmentOverrides, kInitialCols, kInitialRows);
+    auto spawned = PTYDriver::spawn(*m_reaper, config.shell, {"-l"}, directory, m_environmentOverrides, kInitialCols,
+                                    kInitialRows);
     if (!spawned) {
         std::string description = spawned.error().description();
         log(config.id, TerminalLogEvent::Event::Error, std::nullopt, "spawn_failed",
@@ -203,7 +206,7 @@ void TerminalCoordinator::terminateSession(const Uuid& id) {
     const pid_t pid = state->process->pid();
     if (!state->process->terminated() && ::kill(pid, 0) == 0) {
         if (!state->process->terminated()) ::kill(pid, SIGTERM);
-        // Dropping the state hands the child to its monitor, which reaps it,
+        // Dropping the state hands the child to the reaper, which reaps it,
         // or kills its group if it outlives the grace period.
         return;
     }

@@ -6,8 +6,8 @@
 // TerminalOutputPump, straight from its reader thread to the bridge.
 //
 // Main thread: every operation, the sessions map, status changes and
-// delegate calls. Exit notices arrive on process monitor threads and hop to
-// the main queue. Failures end in the log or in a "failed" status; none is
+// delegate calls. Exit notices arrive on the reaper's thread and hop to the
+// main queue. Failures end in the log or in a "failed" status; none is
 // returned to the caller.
 
 #include <map>
@@ -25,6 +25,7 @@
 namespace velko {
 
 class TerminalDebugDumpStore;
+class TerminalReaper;
 
 struct SessionStatus {
     enum class Kind { Booting, Ready, Terminated, Failed };
@@ -87,6 +88,7 @@ public:
     struct Options {
         std::shared_ptr<TerminalLogger> logger;             // none: the default log file
         std::shared_ptr<TerminalDebugDumpStore> dumpStore;  // none: no debug dump
+        std::shared_ptr<TerminalReaper> reaper;             // none: a reaper of its own
         uint64_t maxPendingOutputBytes = 4 * 1024 * 1024;
     };
 
@@ -114,6 +116,7 @@ public:
     // Bytes handed to the page but not yet delivered, and the most seen (flood bound).
     std::optional<std::pair<uint64_t, uint64_t>> pendingOutput(const Uuid& sessionID) const;
     const std::shared_ptr<TerminalLogger>& logger() const { return m_logger; }
+    const std::shared_ptr<TerminalReaper>& reaper() const { return m_reaper; }
 
     // Where a session starts: its directory with "~" expanded if it is one, else home.
     static std::string resolvedWorkingDirectory(const CLISessionConfig& config);
@@ -132,6 +135,8 @@ private:
     std::shared_ptr<TerminalLogger> m_logger;
     std::shared_ptr<TerminalDebugDumpStore> m_dumpStore;
     uint64_t m_maxPendingOutputBytes;
+    // Declared before the sessions: their processes let go of their children first.
+    std::shared_ptr<TerminalReaper> m_reaper;
     std::unordered_map<Uuid, std::shared_ptr<SessionState>> m_sessions;
     bool m_debugDumpEnabled = false;
     std::map<std::string, std::string> m_environmentOverrides;

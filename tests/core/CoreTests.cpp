@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <deque>
 #include <future>
 #include <thread>
 
@@ -179,6 +181,84 @@ TEST(Queues, SerialQueueRunsTasksInOrderAndTimersByDeadline) {
     done.get_future().wait();
     EXPECT_EQ(order, (std::vector<int>{-2, -1, 2, 3}));
     EXPECT_FALSE(queue.isCurrent());
+}
+
+namespace {
+
+// Stands in for the main queue where a test must wait for something to be
+// posted to it from another thread.
+class WaitableQueue final : public TaskQueue {
+public:
+    void post(Task task) override {
+        {
+            std::lock_guard lock(m_mutex);
+            m_tasks.push_back(std::move(task));
+        }
+        m_posted.notify_all();
+    }
+    void postDelayed(Duration, Task task) override { post(std::move(task)); }
+    bool isCurrent() const override { return false; }
+    Task next() {
+        std::unique_lock lock(m_mutex);
+        m_posted.wait(lock, [&] { return !m_tasks.empty(); });
+        Task task = std::move(m_tasks.front());
+        m_tasks.pop_front();
+        return task;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_posted;
+    std::deque<Task> m_tasks;
+};
+
+}  // namespace
+
+// A service dropped by its own last task takes its queue with it, on the
+// queue's own thread: the work posted before still runs, nothing reads freed
+// memory, and the thread is joined on the main queue (the sanitizer runs
+// report a use after free or a thread never joined).
+TEST(Queues, AQueueReleasedByItsOwnTaskFinishesItsWorkAndIsJoined) {
+    auto main = std::make_shared<WaitableQueue>();
+    setMainQueue(main);
+    struct Case {
+        const char* name;
+        bool concurrent;
+        bool releasedInsideTheTask;  // else when the finished task is destroyed
+    };
+    const Case cases[] = {
+        {"serial, inside the task", false, true},
+        {"serial, with the task", false, false},
+        {"concurrent, inside the task", true, true},
+        {"concurrent, with the task", true, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::shared_ptr<TaskQueue> queue;
+        if (c.concurrent) queue = std::make_shared<ConcurrentQueue>("test.release", 2);
+        else queue = std::make_shared<SerialQueue>("test.release");
+        std::weak_ptr<TaskQueue> weak = queue;
+        std::promise<void> open, last;
+        std::shared_future<void> opened = open.get_future().share();
+        std::atomic<int> ran{0};
+        queue->post([queue, opened, &ran, inside = c.releasedInsideTheTask]() mutable {
+            opened.wait();
+            if (inside) queue.reset();
+            ++ran;
+        });
+        queue->post([&] {
+            ++ran;
+            last.set_value();
+        });
+        queue->postDelayed(std::chrono::hours(1), [&ran] { ran += 100; });  // dropped, never run
+        queue.reset();
+        open.set_value();
+        last.get_future().wait();
+        main->next()();  // the join: returns once the worker has left
+        EXPECT_EQ(ran.load(), 2);
+        EXPECT_TRUE(weak.expired());
+    }
+    setMainQueue(std::make_shared<ManualQueue>());
 }
 
 TEST(Queues, ManualQueueRunsPostedWorkAndTimersOnlyWhenTold) {

@@ -76,6 +76,8 @@ TEST(ExplorerListing, ListsOneLevelFoldersFirstCaseInsensitivelyWithExclusionsAn
     root.write("src/main.cpp", "");
     root.write("src/Zeta/q", "");
     root.write("src/alpha/q", "");
+    root.write("accents/Éz.txt", "");  // folded, it comes after éa.txt
+    root.write("accents/éa.txt", "");
     test::TempDir outside;
     outside.write("o.txt", "");
     fs::create_symlink(root.file("src"), root.file("link-in"));
@@ -85,19 +87,21 @@ TEST(ExplorerListing, ListsOneLevelFoldersFirstCaseInsensitivelyWithExclusionsAn
 
     const std::vector<std::string> requested = {
         "", "src", "./src/", "link-in", "link-out", "src/loop", "a", "missing", "/abs", "../up", "dist", ".git",
-        "src/node_modules"};
-    auto snapshots = listExplorerDirectories(root.path(), requested, {"dist"}, kHome);
+        "src/node_modules", "accents"};
+    auto snapshots = listExplorerDirectories(root.path(), requested, {"dist", "src/Zeta"}, kHome);
     ASSERT_EQ(snapshots.size(), requested.size());
 
     using List = std::vector<std::string>;
     const List expected[] = {
-        {"src:src:folder", "z:z:folder", ".hidden:.hidden:file", "a:a:file", "B:B:file", "C:C:file"},
-        {"alpha:src/alpha:folder", "Zeta:src/Zeta:folder", "main.cpp:src/main.cpp:file"},
-        {"alpha:src/alpha:folder", "Zeta:src/Zeta:folder", "main.cpp:src/main.cpp:file"},
+        {"accents:accents:folder", "src:src:folder", "z:z:folder", ".hidden:.hidden:file", "a:a:file", "B:B:file",
+         "C:C:file"},
+        {"alpha:src/alpha:folder", "main.cpp:src/main.cpp:file"},
+        {"alpha:src/alpha:folder", "main.cpp:src/main.cpp:file"},
         // Through a link inside the project the entries carry the target's paths.
-        {"alpha:src/alpha:folder", "Zeta:src/Zeta:folder", "main.cpp:src/main.cpp:file"},
+        {"alpha:src/alpha:folder", "main.cpp:src/main.cpp:file"},
         {"error:notFound@link-out"},
-        {"src:src:folder", "z:z:folder", ".hidden:.hidden:file", "a:a:file", "B:B:file", "C:C:file"},
+        {"accents:accents:folder", "src:src:folder", "z:z:folder", ".hidden:.hidden:file", "a:a:file", "B:B:file",
+         "C:C:file"},
         {"error:notFound@a"},
         {"error:notFound@missing"},
         {"error:invalidPath@/abs"},
@@ -105,6 +109,7 @@ TEST(ExplorerListing, ListsOneLevelFoldersFirstCaseInsensitivelyWithExclusionsAn
         {"error:excluded@dist"},
         {"error:excluded@.git"},
         {"error:excluded@src/node_modules"},
+        {"éa.txt:accents/éa.txt:file", "Éz.txt:accents/Éz.txt:file"},
     };
     for (size_t i = 0; i < requested.size(); ++i) {
         SCOPED_TRACE(requested[i]);

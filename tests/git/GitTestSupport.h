@@ -67,10 +67,12 @@ public:
         std::lock_guard lock(m_mutex);
         return token;
     }
-    void deleteToken() override {
+    bool deleteToken(const std::string& accessToken) override {
         std::lock_guard lock(m_mutex);
+        if (token && token->accessToken != accessToken) return false;
         token.reset();
         ++deletions;
+        return true;
     }
     std::optional<GitAuthToken> token;
     int deletions = 0;
@@ -81,7 +83,7 @@ private:
 
 class FakeBroker final : public GitCredentialBroking {
 public:
-    Result<GitEnvironment, std::string> prepareEnvironment(const std::string& token) override {
+    Result<GitEnvironment, GitCredentialError> prepareEnvironment(const std::string& token) override {
         ++prepared;
         if (failure) return fail(*failure);
         live = true;
@@ -92,7 +94,7 @@ public:
         ++cleanups;
         live = false;
     }
-    std::optional<std::string> failure;
+    std::optional<GitCredentialError> failure;
     int prepared = 0, cleanups = 0;
     bool live = false;
 };

@@ -170,11 +170,10 @@ void openProjectAndType(KeyPath path, const std::string& screenshot) {
     // Without a window manager the keyboard follows the pointer.
     ASSERT_TRUE(test::moveRealPointer(pane->first, pane->second));
     ASSERT_TRUE(pumpUntil([&] { return gtk_window_is_active(GTK_WINDOW(window->window())); }, std::chrono::seconds(10)));
-    // What the page's terminal sends on (the web path), recorded on the way out of the page. The
-    // handler object is held so that the same one, with the recording post, is found on every send.
-    evaluate(view, "(() => { const channel = window.webkit.messageHandlers.velko, post = channel.postMessage.bind(channel);"
-                   " window.__sent = []; window.__recordedChannel = channel; channel.postMessage = (m) => {"
-                   " if (m && m.type === 'terminal/input') window.__sent.push(m.payload.data); return post(m); }; })()");
+    // What the page's terminal sends on (the web path), recorded where the page's channel hands each
+    // message, as JSON text, to the bridge's own script world.
+    evaluate(view, "(() => { window.__sent = []; window.addEventListener('velko:channel', (e) => {"
+                   " const m = JSON.parse(e.detail); if (m && m.type === 'terminal/input') window.__sent.push(m.payload.data); }); })()");
     ASSERT_TRUE(test::typeRealKeys("echo hi\n"));
     EXPECT_TRUE(pumpUntil(answered, std::chrono::seconds(30))) << terminalLines();
     std::string sent = evaluate(view, "window.__sent.join('')");

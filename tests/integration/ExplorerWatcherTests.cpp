@@ -1,5 +1,8 @@
 // The explorer's monitoring on real folders, real inotify and a real git.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
 
 #include <condition_variable>
 #include <filesystem>
@@ -123,24 +126,52 @@ TEST(ExplorerWatcher, ReportsFileAndFolderChangesAnywhereInTheTree) {
 }
 
 TEST(ExplorerWatcher, LosingTheRootAsksForAResync) {
-    test::TempDir parent;
-    std::string root = fs::canonical(parent.path()).string() + "/project";
-    fs::create_directories(root + "/src");
-    Inbox<ExplorerFileEvent> inbox;
-    InotifyExplorerWatcher watcher(root, ExplorerExclusionRules{});
-    ASSERT_TRUE(watcher.start([&](std::vector<ExplorerFileEvent> events) {
-        for (auto& e : events) inbox.add(std::move(e));
-    }));
-    watcher.waitUntilScanned();
-    fs::rename(root, root + "-moved");
-    auto events = inbox.waitFor([](const auto& all) {
-        return std::any_of(all.begin(), all.end(), [](const auto& e) { return e.requiresResync; });
-    });
-    ASSERT_FALSE(events.empty());
-    EXPECT_TRUE(std::any_of(events.begin(), events.end(),
-                            [&](const auto& e) { return e.requiresResync && e.path == root; }));
-    watcher.stop();
-    watcher.stop();  // harmless
+    struct Case {
+        const char* name;
+        bool heldAsWorkingDirectory;
+        std::function<void(const std::string& root)> lose;
+    };
+    const Case cases[] = {
+        {"moved away", false, [](const std::string& root) { fs::rename(root, root + "-moved"); }},
+        // The kernel holds the folder's own deletion event back for as long as
+        // a program (a project's shell) has it as its working directory.
+        {"deleted while a program works in it", true, [](const std::string& root) { fs::remove_all(root); }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        test::TempDir parent;
+        std::string root = fs::canonical(parent.path()).string() + "/project";
+        fs::create_directories(root + "/src");
+        struct Sleeper {
+            pid_t pid = -1;
+            ~Sleeper() {
+                if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
+            }
+        } sleeper;
+        if (c.heldAsWorkingDirectory) {
+            posix_spawn_file_actions_t actions;
+            posix_spawn_file_actions_init(&actions);
+            posix_spawn_file_actions_addchdir_np(&actions, root.c_str());
+            char sleep[] = "sleep", seconds[] = "60";
+            char* argv[] = {sleep, seconds, nullptr};
+            ASSERT_EQ(posix_spawnp(&sleeper.pid, "sleep", &actions, nullptr, argv, environ), 0);
+            posix_spawn_file_actions_destroy(&actions);
+        }
+        Inbox<ExplorerFileEvent> inbox;
+        InotifyExplorerWatcher watcher(root, ExplorerExclusionRules{});
+        ASSERT_TRUE(watcher.start([&](std::vector<ExplorerFileEvent> events) {
+            for (auto& e : events) inbox.add(std::move(e));
+        }));
+        watcher.waitUntilScanned();
+        c.lose(root);
+        auto events = inbox.waitFor([](const auto& all) {
+            return std::any_of(all.begin(), all.end(), [](const auto& e) { return e.requiresResync; });
+        });
+        EXPECT_TRUE(std::any_of(events.begin(), events.end(),
+                                [&](const auto& e) { return e.requiresResync && e.path == root; }));
+        watcher.stop();
+        watcher.stop();  // harmless
+    }
 }
 
 TEST(ExplorerWatcher, ExcludedFoldersAreNotWatchedAndACheckoutIsOneQuietBatch) {

@@ -2,20 +2,12 @@
 // speaks git's smart HTTP through `git http-backend` and wants Basic auth with
 // the token, and a sweep for the token afterwards.
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <glib.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <filesystem>
 
 #include "git/GitTestSupport.h"
 #include "integration/GitTestRepos.h"
-
-extern char** environ;
 
 using namespace velko;
 using namespace velko::test;
@@ -76,57 +68,6 @@ print(server.server_address[1], flush=True)
 server.serve_forever()
 )PY";
 
-// The loopback server as a child of the test, ended with it.
-class LoopbackGitServer {
-public:
-    LoopbackGitServer(const std::string& root, const std::string& scriptPath, const std::string& logPath,
-                      const std::string& token) {
-        int fds[2];
-        if (pipe2(fds, O_CLOEXEC) != 0) return;
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
-        std::vector<std::string> envStorage;
-        for (char** e = environ; *e; ++e) envStorage.emplace_back(*e);
-        envStorage.push_back("VELKO_TEST_SERVER_TOKEN=" + token);
-        std::vector<char*> envp;
-        for (auto& e : envStorage) envp.push_back(e.data());
-        envp.push_back(nullptr);
-        std::string python = "python3";
-        std::vector<std::string> args{python, scriptPath, root, logPath};
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        if (posix_spawnp(&m_pid, "python3", &actions, nullptr, argv.data(), envp.data()) != 0) m_pid = -1;
-        posix_spawn_file_actions_destroy(&actions);
-        close(fds[1]);
-        // The port is the first line; poll with a deadline for the interpreter to start.
-        std::string line;
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (m_pid > 0 && line.find('\n') == std::string::npos && std::chrono::steady_clock::now() < deadline) {
-            pollfd p{fds[0], POLLIN, 0};
-            if (poll(&p, 1, 200) <= 0) continue;
-            char buf[64];
-            ssize_t n = read(fds[0], buf, sizeof buf);
-            if (n <= 0) break;
-            line.append(buf, static_cast<size_t>(n));
-        }
-        close(fds[0]);
-        port = std::atoi(line.c_str());
-    }
-    ~LoopbackGitServer() {
-        if (m_pid <= 0) return;
-        kill(m_pid, SIGTERM);
-        int status;
-        waitpid(m_pid, &status, 0);
-    }
-    int port = 0;
-
-private:
-    pid_t m_pid = -1;
-};
-
 bool treeContains(const std::string& root, const std::string& needle) {
     std::error_code ec;
     for (auto it = std::filesystem::recursive_directory_iterator(root, ec);
@@ -138,31 +79,6 @@ bool treeContains(const std::string& root, const std::string& needle) {
     }
     return false;
 }
-
-// Sends this process's standard error (where the log lines go without a
-// journal) to a file while it lives.
-class CapturedStderr {
-public:
-    explicit CapturedStderr(const std::string& path) {
-        fflush(stderr);
-        m_saved = dup(STDERR_FILENO);
-        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        if (fd >= 0) {
-            dup2(fd, STDERR_FILENO);
-            close(fd);
-        }
-    }
-    ~CapturedStderr() {
-        fflush(stderr);
-        if (m_saved >= 0) {
-            dup2(m_saved, STDERR_FILENO);
-            close(m_saved);
-        }
-    }
-
-private:
-    int m_saved = -1;
-};
 
 }  // namespace
 
@@ -177,7 +93,7 @@ TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {
     git(serverRoot, {"init", "-q", "--bare", "-b", "main", "repo.git"});
     std::string script = base.write("server.py", kServer);
     std::string requestLog = base.file("requests.log");
-    LoopbackGitServer server(serverRoot, script, requestLog, token);
+    LoopbackServer server(script, {serverRoot, requestLog}, {{"VELKO_TEST_SERVER_TOKEN", token}});
     ASSERT_GT(server.port, 0);
     const std::string url = "http://127.0.0.1:" + std::to_string(server.port) + "/repo.git";
     // A user whose git stores every credential it is handed in ~/.git-credentials,

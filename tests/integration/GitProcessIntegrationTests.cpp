@@ -1,13 +1,20 @@
 // The git runner and the credential broker with real processes and files.
 #include <gtest/gtest.h>
+#include <glib.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <functional>
+#include <thread>
 
 #include "core/Paths.h"
 #include "git/GitCredentialBroker.h"
+#include "git/GitMessages.h"
 #include "git/GitProcessRunner.h"
+#include "git/GitTestSupport.h"
+#include "integration/GitTestRepos.h"
 #include "support/TestSupport.h"
 
 using namespace velko;
@@ -45,7 +52,10 @@ TEST(GitProcessRunner, DrainsBothPipesAndReportsHowTheChildEnded) {
          "/dev/null\n", ""},
         {"no controlling terminal", {"sh", "-c", "(exec 3</dev/tty) 2>/dev/null && echo tty || echo none"},
          dir.path(), 0, 0, "none\n", ""},
-        {"no inherited descriptors", {"sh", "-c", "ls /proc/$$/fd | tr '\\n' ' '"}, dir.path(), 0, 0, "0 1 2 ", ""},
+        // Builtins only: a pipeline would show the shell's own pipe for a moment.
+        {"no inherited descriptors",
+         {"sh", "-c", "for n in 3 4 5 6 7 8 9 10 11 12; do [ -e /proc/$$/fd/$n ] && echo $n; done; true"}, dir.path(),
+         0, 0, "", ""},
         {"broken pipes end the writer quietly", {"sh", "-c", "yes | head -n 1"}, dir.path(), 0, 0, "y\n", ""},
         {"working directory", {"pwd"}, dir.path(), 0, 0, std::filesystem::canonical(dir.path()).string() + "\n", ""},
         {"environment is exactly the given one", {"env"}, dir.path(), 0, 0, "LC_ALL=C\nPATH=/usr/bin:/bin\n", ""},
@@ -75,12 +85,60 @@ TEST(GitProcessRunner, MissingDirectoryIsALaunchFailure) {
     EXPECT_EQ(result.stderr, "No such file or directory");
 }
 
-TEST(GitEnvironment, PromptsOffAndUserChoicesKept) {
-    auto env = gitEnvironment({{"PATH", "/bin"}, {"GIT_TERMINAL_PROMPT", "1"}});
-    EXPECT_EQ(env.at("GIT_TERMINAL_PROMPT"), "0");
-    EXPECT_EQ(env.at("SSH_ASKPASS_REQUIRE"), "never");
-    EXPECT_EQ(env.at("PATH"), "/bin");
-    EXPECT_EQ(gitEnvironment({{"SSH_ASKPASS_REQUIRE", "force"}}).at("SSH_ASKPASS_REQUIRE"), "force");
+TEST(GitProcessRunner, StopEndsTheChildAndRefusesLaterRuns) {
+    struct Case {
+        const char* name;
+        std::string script;  // writes "started" first
+        int status;
+    };
+    const Case cases[] = {
+        {"a child that dies on TERM", "touch started; exec sleep 60", 128 + SIGTERM},
+        // The helper in the background holds the pipes open too: the whole group goes.
+        {"a child that ignores TERM", "trap '' TERM; sleep 60 & touch started; wait", 128 + SIGKILL},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        TempDir dir;
+        ProcessGitProcessRunner runner;
+        GitProcessExecutionResult result;
+        std::thread worker([&] { result = runner.run({"sh", "-c", c.script}, dir.path(), plainEnvironment()); });
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!std::filesystem::exists(dir.file("started")) && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        runner.stopAll(std::chrono::milliseconds(300));
+        worker.join();
+        EXPECT_EQ(result.status, c.status);
+        auto later = runner.run({"true"}, dir.path(), plainEnvironment());
+        EXPECT_EQ(later.status, -1);
+        EXPECT_EQ(later.stderr, std::strerror(ECANCELED));
+    }
+}
+
+TEST(GitEnvironment, PromptsOffEnglishMessagesAndTheUsersCharacterSet) {
+    using E = GitEnvironment;
+    struct Case {
+        const char* name;
+        E given;
+        E expected;  // the variables below as they must come out; "-" for absent
+    };
+    const Case cases[] = {
+        {"prompts off", {{"GIT_TERMINAL_PROMPT", "1"}},
+         {{"GIT_TERMINAL_PROMPT", "0"}, {"SSH_ASKPASS_REQUIRE", "never"}, {"LC_MESSAGES", "C"}}},
+        {"the user's askpass choice kept", {{"SSH_ASKPASS_REQUIRE", "force"}}, {{"SSH_ASKPASS_REQUIRE", "force"}}},
+        {"LANG keeps everything but messages", {{"LANG", "de_DE.UTF-8"}, {"LANGUAGE", "de:en"}},
+         {{"LANG", "de_DE.UTF-8"}, {"LANGUAGE", "-"}, {"LC_MESSAGES", "C"}, {"LC_CTYPE", "-"}}},
+        {"LC_ALL moves to every other category", {{"LC_ALL", "de_DE.UTF-8"}, {"LC_MESSAGES", "de_DE.UTF-8"}},
+         {{"LC_ALL", "-"}, {"LC_CTYPE", "de_DE.UTF-8"}, {"LC_COLLATE", "de_DE.UTF-8"}, {"LC_MESSAGES", "C"}}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        E env = gitEnvironment(c.given);
+        for (const auto& [key, value] : c.expected) {
+            auto it = env.find(key);
+            EXPECT_EQ(it == env.end() ? std::string("-") : it->second, value) << key;
+        }
+    }
 }
 
 TEST(GitCredentialBroker, WritesOneScriptThatAnswersFromTheEnvironment) {
@@ -93,7 +151,7 @@ TEST(GitCredentialBroker, WritesOneScriptThatAnswersFromTheEnvironment) {
     writeFileAtomically(dir, "not a directory");
 
     auto first = broker.prepareEnvironment("tok-1");
-    ASSERT_TRUE(first.ok()) << first.error();
+    ASSERT_TRUE(first.ok()) << first.error().text;
     auto second = broker.prepareEnvironment("tok-2");
     ASSERT_TRUE(second.ok());
     EXPECT_FALSE(std::filesystem::exists(first->at("GIT_ASKPASS")));
@@ -140,48 +198,83 @@ TEST(GitCredentialBroker, WritesOneScriptThatAnswersFromTheEnvironment) {
     broker.cleanup();  // nothing left: still fine
 }
 
-TEST(GitCredentialBroker, ScriptLandsOnlyInAPrivateFolderOfOurs) {
+TEST(GitCredentialBroker, TokenGoesOnlyIntoAPrivateFolderOfOurs) {
     struct Case {
         const char* name;
         // False when this machine cannot set the case up (chown needs root).
         std::function<bool(const std::string& dir, const std::string& elsewhere)> arrange;
-        bool prepared;
+        std::string refusal;  // in the log line; empty: the push runs
     };
     const Case cases[] = {
-        {"missing", [](auto&, auto&) { return true; }, true},
+        {"missing", [](auto&, auto&) { return true; }, ""},
+        {"ours with mode 0700", [](auto& dir, auto&) { return mkdir(dir.c_str(), 0700) == 0; }, ""},
         {"open to everyone",
-         [](auto& dir, auto&) { return std::filesystem::create_directories(dir) && chmod(dir.c_str(), 0777) == 0; },
-         true},
-        {"a link to a folder elsewhere",
-         [](auto& dir, auto& elsewhere) {
-             std::filesystem::create_directory_symlink(elsewhere, dir);
-             return true;
-         },
-         true},
+         [](auto& dir, auto&) { return mkdir(dir.c_str(), 0700) == 0 && chmod(dir.c_str(), 0777) == 0; },
+         "its mode is 0777, not 0700"},
+        {"readable by the group",
+         [](auto& dir, auto&) { return mkdir(dir.c_str(), 0700) == 0 && chmod(dir.c_str(), 0750) == 0; },
+         "its mode is 0750, not 0700"},
+        {"a link to a private folder elsewhere",
+         [](auto& dir, auto& elsewhere) { return symlink(elsewhere.c_str(), dir.c_str()) == 0; },
+         "it is a symbolic link"},
         {"owned by another user",
-         [](auto& dir, auto&) {
-             return std::filesystem::create_directories(dir) && geteuid() == 0 && chown(dir.c_str(), 65534, 65534) == 0;
-         },
-         false},
+         [](auto& dir, auto&) { return geteuid() == 0 && mkdir(dir.c_str(), 0700) == 0 && chown(dir.c_str(), 65534, 65534) == 0; },
+         "it belongs to user 65534"},
     };
+    ScopedEnv verboseLog("G_MESSAGES_DEBUG", "all");
+    g_log_writer_default_set_use_stderr(TRUE);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         IsolatedHome home;
+        ManualMain main;
         std::filesystem::create_directories(home.home() + "/tmp");
         const std::string dir = home.home() + "/tmp/velko-git-credentials";
         const std::string elsewhere = home.home() + "/elsewhere";
         std::filesystem::create_directories(elsewhere);
+        std::filesystem::permissions(elsewhere, std::filesystem::perms::owner_all);
         if (!c.arrange(dir, elsewhere)) continue;
-        GitCredentialBroker broker;
-        auto prepared = broker.prepareEnvironment("tok");
-        EXPECT_EQ(prepared.ok(), c.prepared);
+        auto projects = std::make_shared<FakeProjects>();
+        TempDir repo;
+        repo.write(".git/config", "[remote \"origin\"]\n\turl = https://github.com/o/r.git\n");
+        Uuid id = projects->add(repo.path());
+        auto auth = std::make_shared<FakeAuth>();
+        auth->token = GitAuthToken{"tok", std::nullopt, std::nullopt};
+        auto runner = std::make_shared<FakeGitRunner>();
+        auto events = std::make_shared<EventRecorder>();
+        GitService::Dependencies deps;
+        deps.configProvider = projects;
+        deps.authProvider = auth;
+        deps.credentialBroker = std::make_shared<GitCredentialBroker>();
+        deps.processRunner = runner;
+        deps.environment = GitEnvironment{};
+        auto service = std::make_shared<GitService>(std::move(deps));
+        service->setEventSink(events);
+        std::string logPath = home.home() + "/velko.log";
+        {
+            CapturedStderr capture(logPath);
+            service->push(id);
+            ASSERT_TRUE(drain(*service, main.queue()));
+        }
+        auto results = events->eventsOfType("git/result");
+        ASSERT_EQ(results.size(), 1u);
         EXPECT_TRUE(std::filesystem::is_empty(elsewhere));
-        if (!prepared.ok()) continue;
-        struct stat info;
-        ASSERT_EQ(lstat(dir.c_str(), &info), 0);
-        EXPECT_TRUE(S_ISDIR(info.st_mode));
-        EXPECT_EQ(info.st_mode & 0777, 0700u);
-        EXPECT_EQ(std::filesystem::path(prepared->at("GIT_ASKPASS")).parent_path(), dir);
-        broker.cleanup();
+        auto commands = runner->commands();
+        bool pushed = std::find(commands.begin(), commands.end(), "push") != commands.end();
+        if (c.refusal.empty()) {
+            EXPECT_TRUE(pushed);
+            EXPECT_EQ(results[0].payload["message"], "Push が完了しました");
+            struct stat info;
+            ASSERT_EQ(lstat(dir.c_str(), &info), 0);
+            EXPECT_EQ(info.st_mode & 07777, 0700u);
+            continue;
+        }
+        EXPECT_FALSE(pushed);
+        EXPECT_EQ(results[0].payload["message"], "git push の起動に失敗: " + gitmsg::unsafeCredentialFolder(dir));
+        EXPECT_NE(readFile(logPath).find("askpass script not written into " + dir + ": " + c.refusal),
+                  std::string::npos)
+            << readFile(logPath);
+        // Refused folders are left as they were: nothing written into them.
+        std::error_code ec;
+        EXPECT_TRUE(std::filesystem::is_symlink(dir) || std::filesystem::is_empty(dir, ec));
     }
 }

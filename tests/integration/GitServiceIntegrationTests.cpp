@@ -1,7 +1,9 @@
 // GitService against real git on real temporary repositories.
 #include <gtest/gtest.h>
+#include <locale.h>
 
 #include <filesystem>
+#include <thread>
 
 #include "git/GitTestSupport.h"
 #include "integration/GitTestRepos.h"
@@ -20,13 +22,16 @@ struct RealHarness {
     std::shared_ptr<EventRecorder> events = std::make_shared<EventRecorder>();
     std::shared_ptr<GitService> service;
 
-    RealHarness() {
+    // `extraEnvironment` goes over the test's git environment (a locale, say).
+    explicit RealHarness(const GitEnvironment& extraEnvironment = {}) {
+        GitEnvironment environment = testGitEnvironment();
+        for (const auto& [key, value] : extraEnvironment) environment[key] = value;
         GitService::Dependencies deps;
         deps.configProvider = projects;
         deps.authProvider = auth;
         deps.credentialBroker = std::make_shared<GitCredentialBroker>();
         deps.processRunner = std::make_shared<ProcessGitProcessRunner>();
-        deps.environment = testGitEnvironment();
+        deps.environment = std::move(environment);
         service = std::make_shared<GitService>(std::move(deps));
         service->setEventSink(events);
     }
@@ -317,4 +322,132 @@ TEST(GitServiceIntegration, FolderThatIsNoRepositoryStillGetsAnEmptyStatus) {
     EXPECT_EQ(h.only("git/status")["branch"], "--");
     EXPECT_EQ(h.only("git/working-tree")["summary"]["total"], 0);
     EXPECT_TRUE(h.only("git/diff")["files"].empty());
+}
+
+TEST(GitServiceIntegration, FailuresAreReadTheSameUnderAGermanLocale) {
+    locale_t german = newlocale(LC_ALL_MASK, "de_DE.UTF-8", nullptr);
+    if (!german) GTEST_SKIP() << "de_DE.UTF-8 is not generated here (scripts/deps.sh does it)";
+    freelocale(german);
+    const GitEnvironment kEnglish = {{"LANG", "C.UTF-8"}};
+    const GitEnvironment kGerman = {{"LANG", "de_DE.UTF-8"}, {"LC_ALL", "de_DE.UTF-8"}, {"LANGUAGE", "de"}};
+
+    TempDir base;
+    std::string origin = base.file("origin.git");
+    git(base.path(), {"init", "-q", "--bare", "-b", "main", origin});
+    std::string dir = initRepo(base, "repo");
+    commitFile(dir, "a.txt", "1\n", "init");
+    git(dir, {"remote", "add", "origin", origin});
+    git(dir, {"push", "-q", "-u", "origin", "main"});
+    git(dir, {"checkout", "-q", "-b", "topic"});  // no upstream
+    std::string lost = initRepo(base, "lost");
+    commitFile(lost, "a.txt", "1\n", "init");
+    git(lost, {"remote", "add", "origin", base.file("gone.git")});
+
+    // Without velko's environment this git speaks German here.
+    auto raw = [&](const GitEnvironment& locale) {
+        GitEnvironment env = testGitEnvironment();
+        env.erase("LC_MESSAGES");
+        for (const auto& [key, value] : locale) env[key] = value;
+        return spawnAndDrain({"git", "pull", "--rebase"}, dir, env).stderrBytes;
+    };
+    if (raw(kGerman) == raw(kEnglish)) GTEST_SKIP() << "git has no German messages here";
+
+    struct Case {
+        const char* name;
+        std::string project;
+        std::function<void(GitService&, const Uuid&)> act;
+        std::string expected;  // empty: git's own English words
+    };
+    const std::string missing = "fail: リモートリポジトリがないプロジェクトです";
+    const Case cases[] = {
+        {"push without upstream", dir, [](GitService& s, const Uuid& id) { s.push(id); }, missing},
+        {"pull without tracking information", dir, [](GitService& s, const Uuid& id) { s.pull(id); }, missing},
+        {"fetch from a folder that is gone", lost, [](GitService& s, const Uuid& id) { s.fetch(id); }, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<std::string> byLocale[2];
+        for (int i = 0; i < 2; ++i) {
+            RealHarness h(i == 0 ? kEnglish : kGerman);
+            Uuid id = h.projects->add(c.project);
+            c.act(*h.service, id);
+            h.settle();
+            byLocale[i] = h.results();
+        }
+        ASSERT_EQ(byLocale[0].size(), 1u);
+        if (!c.expected.empty()) EXPECT_EQ(byLocale[0][0], c.expected);
+        else EXPECT_NE(byLocale[0][0].find("does not appear to be a git repository"), std::string::npos);
+        EXPECT_EQ(byLocale[1], byLocale[0]);
+    }
+}
+
+namespace {
+
+// Accepts connections and never answers, as a server that has hung.
+const char* const kSilentServer = R"PY(
+import socket
+server = socket.socket()
+server.bind(("127.0.0.1", 0))
+server.listen(8)
+print(server.getsockname()[1], flush=True)
+held = []
+while True:
+    held.append(server.accept())
+)PY";
+
+// Live processes (zombies are dead) whose command line holds `text`.
+std::vector<std::string> liveProcessesMentioning(const std::string& text) {
+    std::vector<std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        std::string pid = entry.path().filename().string();
+        if (pid.find_first_not_of("0123456789") != std::string::npos) continue;
+        std::string cmdline = readFile(entry.path().string() + "/cmdline");
+        std::replace(cmdline.begin(), cmdline.end(), '\0', ' ');
+        std::string stat = readFile(entry.path().string() + "/stat");
+        size_t close = stat.rfind(')');
+        bool zombie = close != std::string::npos && close + 2 < stat.size() && stat[close + 2] == 'Z';
+        if (!zombie && cmdline.find(text) != std::string::npos) found.push_back(pid + " " + cmdline);
+    }
+    return found;
+}
+
+template <typename Predicate>
+bool waitUntil(Predicate ready, std::chrono::seconds limit = std::chrono::seconds(30)) {
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!ready()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+}  // namespace
+
+TEST(GitServiceIntegration, StoppingWhileAFetchHangsOnASilentServerEndsTheFetch) {
+    RealHarness h;
+    LoopbackServer server(h.base.write("silent.py", kSilentServer), {});
+    ASSERT_GT(server.port, 0);
+    const std::string url = "http://127.0.0.1:" + std::to_string(server.port) + "/hung.git";
+    std::string dir = initRepo(h.base, "repo");
+    commitFile(dir, "a.txt", "1\n", "init");
+    git(dir, {"remote", "add", "origin", url});
+    Uuid id = h.projects->add(dir);
+
+    h.service->fetch(id);
+    // git's http helper names the URL on its command line. (The fetch block
+    // reads its project on the main thread first.)
+    ASSERT_TRUE(waitUntil([&] {
+        h.main.queue().runUntilIdle();
+        return !liveProcessesMentioning(url).empty();
+    }));
+    auto stopped = std::make_shared<std::atomic<bool>>(false);
+    h.service->stop(GitService::kStopGrace, [stopped] { *stopped = true; });
+    EXPECT_TRUE(waitUntil([&] { return stopped->load(); }));
+    EXPECT_TRUE(waitUntil([&] { return liveProcessesMentioning(url).empty(); }, std::chrono::seconds(5)))
+        << liveProcessesMentioning(url).front();
+    // The engine stays stopped: later work is dropped.
+    h.service->fetch(id);
+    h.service->refreshStatus(id);
+    EXPECT_TRUE(drain(*h.service, h.main.queue()));
+    EXPECT_TRUE(h.events->eventsOfType("git/status").empty());
 }

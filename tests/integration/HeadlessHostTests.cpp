@@ -2,9 +2,13 @@
 // `velko --headless` process, JSON lines in, event lines out.
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <filesystem>
+#include <fstream>
 #include <random>
 
+#include "core/Base64.h"
 #include "support/HeadlessProcess.h"
 #include "support/TestSupport.h"
 
@@ -128,4 +132,30 @@ TEST_F(HeadlessFixture, HostileInputNeverStopsTheProgram) {
     EXPECT_EQ((*answer)["payload"]["reason"], "no-projects");
     EXPECT_EQ(velko.finish(), 0);
     EXPECT_TRUE(velko.strayLines().empty());
+}
+
+// Quitting never waits on a shell that will not leave: a login zsh whose
+// start-up file ignores the hang-up and SIGTERM and then waits forever (with
+// a builtin: zsh leaves when a command it starts finds the terminal gone) is
+// killed, and the program exits soon after the end of its input.
+TEST_F(HeadlessFixture, EndOfInputEndsAShellThatIgnoresTheHangUp) {
+    const std::string zdotdir = folder("zdot"), project = folder("project");
+    std::ofstream(zdotdir + "/.zshrc") << "trap '' HUP TERM\nzmodload zsh/zselect\necho stubborn-ready\n"
+                                       "while :; do zselect -t 100; done\n";
+    test::ScopedEnv zdotdirEnv("ZDOTDIR", zdotdir);
+    HeadlessProcess velko({"--pick-folder", project});
+    velko.send(R"({"type":"project/open"})");
+    auto created = velko.waitForType("terminal/created");
+    ASSERT_TRUE(created);
+    const int shell = (*created)["payload"]["pid"];
+    std::string output;
+    ASSERT_TRUE(velko.waitFor([&](const Json& e) {
+        if (isType(e, "terminal/output"))
+            output += base64Decode(e["payload"]["chunk"].get<std::string>()).value_or("");
+        return output.find("stubborn-ready") != std::string::npos;
+    }));
+    // A generous bound: the program ends the shell and exits within a few seconds.
+    EXPECT_EQ(velko.finish(std::chrono::seconds(12)), 0) << "velko did not exit after the end of its input";
+    struct stat info {};
+    EXPECT_NE(::stat(("/proc/" + std::to_string(shell)).c_str(), &info), 0) << "zsh " << shell << " outlived velko";
 }

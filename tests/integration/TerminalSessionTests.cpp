@@ -23,7 +23,7 @@
 #include "terminal/TerminalDebugDumpStore.h"
 #include "terminal/TerminalCoordinator.h"
 #include "terminal/TerminalLogger.h"
-#include "terminal/TerminalProcess.h"
+#include "terminal/TerminalReaper.h"
 #include "terminal/TerminalService.h"
 #include "workspace/ConfigStore.h"
 
@@ -136,7 +136,8 @@ protected:
         page->release();
         service->shutdown();
         queue->runUntilIdle();
-        EXPECT_TRUE(TerminalProcess::waitForAbandonedChildren(TerminalProcess::kAbandonGracePeriod + 5s));
+        EXPECT_TRUE(waitFor([&] { return coordinator->reaper()->childCount() == 0; },
+                            TerminalReaper::kAbandonGracePeriod + kDeadline));
         service.reset();
         coordinator.reset();
         queue->runUntilIdle();
@@ -350,22 +351,6 @@ TEST_F(TerminalSessionTest, ClosingEndsTheShellAndReapsIt) {
     EXPECT_EQ(page->events().size(), events);
 }
 
-// A shell that ignores the hang-up and SIGTERM is killed after a grace
-// period and reaped; closing it does not wait on the main thread.
-TEST_F(TerminalSessionTest, AShellIgnoringHangupIsStillEndedAndReaped) {
-    const std::string stubborn = home.home() + "/bin/stubborn";
-    std::ofstream(stubborn) << "#!/bin/sh\ntrap '' HUP TERM\necho stubborn-ready\nwhile :; do sleep 1; done\n";
-    ASSERT_EQ(::chmod(stubborn.c_str(), 0755), 0);
-    CLISessionConfig config{Uuid::random(), "stubborn", home.home(), stubborn, std::nullopt};
-    coordinator->startSession(config);
-    waitForOutput(config.id, "stubborn-ready");
-    const int shell = pid(config.id);
-    ASSERT_GT(shell, 0);
-    coordinator->terminateSession(config.id);
-    EXPECT_TRUE(processExists(shell));
-    EXPECT_TRUE(waitFor([&] { return !processExists(shell); }, TerminalProcess::kAbandonGracePeriod + kDeadline));
-}
-
 // Under a flood the output waiting for the page stays bounded, the shell is
 // held back instead, Ctrl+C still reaches it, and the session goes on.
 TEST_F(TerminalSessionTest, AFloodStaysBoundedAndCanBeInterrupted) {
@@ -397,14 +382,14 @@ TEST_F(TerminalSessionTest, ManySessionsLeaveNoDescriptorOrChildBehind) {
     const Uuid warm = createSession();
     waitForPrompt(warm);
     send("terminal/close", OrderedJson{{"sessionId", warm.toString()}}.dump());
-    ASSERT_TRUE(waitFor([&] { return childProcesses() == 0 && TerminalProcess::abandonedChildCount() == 0; }));
+    ASSERT_TRUE(waitFor([&] { return childProcesses() == 0 && coordinator->reaper()->childCount() == 0; }));
     const int descriptors = openDescriptors();
     for (int i = 0; i < 200; ++i) {
         const Uuid id = createSession();
         ASSERT_TRUE(coordinator->processID(id)) << "cycle " << i;
         send("terminal/close", OrderedJson{{"sessionId", id.toString()}}.dump());
     }
-    EXPECT_TRUE(waitFor([&] { return childProcesses() == 0; }, TerminalProcess::kAbandonGracePeriod + kDeadline))
+    EXPECT_TRUE(waitFor([&] { return childProcesses() == 0; }, TerminalReaper::kAbandonGracePeriod + kDeadline))
         << childProcesses() << " children left";
     EXPECT_TRUE(waitFor([&] { return openDescriptors() <= descriptors; })) << openDescriptors() << " vs " << descriptors;
     EXPECT_EQ(coordinator->sessionCount(), 0u);

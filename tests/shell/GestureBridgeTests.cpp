@@ -2,6 +2,7 @@
 #include <array>
 
 #include "shell/GestureBridge.h"
+#include "telemetry/AnalyticsLogger.h"
 #include "support/TestSupport.h"
 
 using namespace velko;
@@ -162,13 +163,13 @@ TEST(GestureBridge, PinchesOverAnotherWindowOrWithoutAWindowAreIgnored) {
     EXPECT_EQ(f.recorder->events.size(), 1u);
 }
 
-TEST(GestureBridge, AttachIsIdempotentAndDetachClearsTheSumButNotTheCooldown) {
+TEST(GestureBridge, AttachIsIdempotentAndStoppingClearsTheSumButNotTheCooldown) {
     Fixture f;
     f.bridge->attach(f.view);
     EXPECT_EQ(f.view->installs, 1);
     f.pinch({{P::Began, 0}, {P::Changed, 0.5}, {P::Ended, 0}});
     f.pinch({{P::Began, 0}, {P::Changed, 0.2}});
-    f.bridge->detach();
+    f.bridge->stopMonitoring();
     EXPECT_EQ(f.view->removals, 1);
     EXPECT_EQ(f.bridge->accumulatedMagnification(), 0);
     f.bridge->attach(f.view);
@@ -178,11 +179,17 @@ TEST(GestureBridge, AttachIsIdempotentAndDetachClearsTheSumButNotTheCooldown) {
     EXPECT_EQ(f.recorder->events.size(), 1u);
 }
 
-TEST(GestureBridge, ThePinchReachesThePageAsColumnPinch) {
+TEST(GestureBridge, ThePinchIsLoggedThenReachesThePageAsColumnPinch) {
     auto events = std::make_shared<test::EventRecorder>();
-    ColumnPinchDispatcher dispatcher(events);
+    std::vector<std::string> lines;
+    auto analytics = std::make_shared<AnalyticsLogger>([&](LogLevel, const std::string& line) {
+        lines.push_back(line + (events->events().empty() ? "" : " (after the event)"));
+    });
+    ColumnPinchDispatcher dispatcher(events, analytics);
     ColumnPinchEvent pinch{PinchDirection::Collapse, 1700000000.25, -0.5, 10, 20, 0.25, 0.75, 2};
     dispatcher.gestureBridgeDidDetect(pinch);
+    EXPECT_EQ(lines, std::vector<std::string>{"event=column_pinch_gesture properties=direction=collapse, "
+                                              "magnitude=-0.5, normalizedX=0.25, normalizedY=0.75"});
     auto recorded = events->eventsOfType("layout/column-pinch");
     ASSERT_EQ(recorded.size(), 1u);
     EXPECT_EQ(dumpJson(recorded[0].payload),

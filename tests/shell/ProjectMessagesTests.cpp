@@ -2,97 +2,66 @@
 
 #include <filesystem>
 
-#include "core/MainQueue.h"
+#include "shell/BridgeHarness.h"
 #include "shell/ContentView.h"
-#include "shell/WebBridge.h"
-#include "support/TestSupport.h"
+#include "shell/ServiceAdapters.h"
 #include "workspace/ConfigStore.h"
 
 using namespace velko;
 
 namespace {
 
-class FakePicker final : public FolderPicking {
-public:
-    void pickFolders(std::function<void(std::vector<std::string>)> completion) override {
-        ++shown;
-        completion(answer);
-    }
-    std::vector<std::string> answer;
-    int shown = 0;
-};
-
-// The composition of bridge, store and window logic, without a window.
+// The window logic and the real store behind the bridge, without a window.
 struct Workspace : ::testing::Test {
     void SetUp() override {
-        setMainQueue(main);
-        store = std::make_shared<ConfigStore>(home.dataDir());
-        bridge = std::make_shared<WebBridge>();
-        bridge->setConfigStore(store);
-        bridge->setFolderPicker(picker);
-        bridge->setWebView(view);
-        bridge->notifyWebViewDidFinishNavigation();
-        content = std::make_shared<ContentView>(bridge, store);
+        h.bridge->setProjectStore(projects);
         store->subscribe([this](const AppConfig& c) { content->applyConfiguration(c); });
         content->bootstrap();
-        main->runUntilIdle();
+        h.run();
     }
-    std::string folder(const std::string& name) {
-        std::string path = home.home() + "/" + name;
-        std::filesystem::create_directories(path);
-        return path;
-    }
-    void send(const std::string& message) {
-        view->scripts.clear();
-        bridge->handleMessageText(message);
-        main->runUntilIdle();
-    }
-    std::vector<Json> events(const std::string& type) {
+    std::vector<Json> payloads(const std::string& type) const {
         std::vector<Json> out;
-        for (const auto& e : view->envelopes())
+        for (const auto& e : h.view->envelopes())
             if (e["type"] == type) out.push_back(e["payload"]);
         return out;
     }
-    std::vector<ProjectMetadata> openFolders(std::vector<std::string> names) {
-        picker->answer.clear();
-        for (const auto& n : names) picker->answer.push_back(folder(n));
+    void send(const std::string& message) {
+        h.clear();
+        h.send(message);
+    }
+    std::vector<ProjectMetadata> openFolders(const std::vector<std::string>& names) {
+        h.picker->answer.clear();
+        for (const auto& name : names) {
+            std::filesystem::create_directories(home.home() + "/" + name);
+            h.picker->answer.push_back(home.home() + "/" + name);
+        }
         send(R"({"type":"project/open"})");
         return store->config().projects;
     }
 
     test::IsolatedHome home;
-    std::shared_ptr<ManualQueue> main = std::make_shared<ManualQueue>();
-    std::shared_ptr<ConfigStore> store;
-    std::shared_ptr<WebBridge> bridge;
-    std::shared_ptr<FakePicker> picker = std::make_shared<FakePicker>();
-    std::shared_ptr<test::ScriptRecorder> view = std::make_shared<test::ScriptRecorder>();
-    std::shared_ptr<ContentView> content;
+    test::BridgeHarness h;
+    std::shared_ptr<ConfigStore> store = std::make_shared<ConfigStore>(home.dataDir());
+    std::shared_ptr<ProjectStoring> projects = makeProjectStoring(store);
+    std::shared_ptr<ContentView> content = std::make_shared<ContentView>(h.bridge, store);
 };
 
 }  // namespace
 
-TEST_F(Workspace, FirstStartShowsAnEmptyWorkspaceWithoutActivation) {
-    view->scripts.clear();
-    send(R"({"type":"app/config/request"})");
-    auto configs = events("app/config");
-    ASSERT_EQ(configs.size(), 1u);
-    EXPECT_EQ(configs[0]["projects"], Json::array());
-    EXPECT_FALSE(configs[0].contains("activeProjectId"));
-    EXPECT_FALSE(configs[0].contains("resumeProjects"));
-    EXPECT_EQ(configs[0]["hasSavedWorkspace"], false);
-    EXPECT_EQ(configs[0]["features"], Json::array({"terminal.v2"}));
-    EXPECT_TRUE(events("project/activate").empty());
-}
-
 TEST_F(Workspace, OpeningFoldersPublishesThemAndActivatesTheFirst) {
-    picker->answer.clear();
     send(R"({"type":"project/open"})");  // cancelled picker: nothing at all
-    EXPECT_EQ(picker->shown, 1);
-    EXPECT_TRUE(view->scripts.empty());
+    EXPECT_EQ(h.journal, test::Journal{"pick"});
+    EXPECT_TRUE(h.events().empty());
+    send(R"({"type":"app/config/request"})");
+    auto empty = payloads("app/config");
+    ASSERT_EQ(empty.size(), 1u);
+    EXPECT_EQ(empty[0]["projects"], Json::array());
+    EXPECT_EQ(empty[0]["hasSavedWorkspace"], false);
+    EXPECT_FALSE(empty[0].contains("activeProjectId") || empty[0].contains("resumeProjects"));
 
     auto projects = openFolders({"alpha", "beta"});
     ASSERT_EQ(projects.size(), 2u);
-    auto configs = events("app/config");
+    auto configs = payloads("app/config");
     ASSERT_FALSE(configs.empty());
     const Json& last = configs.back();
     EXPECT_EQ(last["projects"].size(), 2u);
@@ -102,100 +71,26 @@ TEST_F(Workspace, OpeningFoldersPublishesThemAndActivatesTheFirst) {
     ASSERT_EQ(last["cliSessions"].size(), 2u);
     EXPECT_EQ(last["cliSessions"][0]["status"], "pending");
     EXPECT_FALSE(last["cliSessions"][0].contains("pid"));
-    auto activations = events("project/activate");
+    auto activations = payloads("project/activate");
     ASSERT_EQ(activations.size(), 1u) << "later publications with the same active id do not activate again";
     EXPECT_EQ(activations[0], (Json{{"id", projects[0].id.toString()}, {"name", "alpha"}, {"rootPath", "~/alpha"}}));
     // Every snapshot is followed by the account status.
-    EXPECT_EQ(events("github/oauth/status").size(), configs.size());
-}
-
-TEST_F(Workspace, ActivationMessagesUseIdAndOnlyIdAndMalformedOnesAreDropped) {
-    auto projects = openFolders({"alpha", "beta"});
-    std::string beta = projects[1].id.toString();
-    const std::string dropped[] = {
-        R"({"type":"project/activate","payload":{"projectId":")" + beta + R"("}})",
-        R"({"type":"project/activate","payload":{"id":5}})",
-        R"({"type":"project/activate","payload":{"id":"not-a-uuid"}})",
-        R"({"type":"project/activate"})",
-        R"({"type":"project/close","payload":{"id":")" + beta + R"("}})",
-        R"({"type":"project/reorder","payload":{"order":")" + beta + R"("}})",
-    };
-    for (const auto& message : dropped) {
-        SCOPED_TRACE(message);
-        send(message);
-        EXPECT_TRUE(view->scripts.empty());
-    }
-    EXPECT_EQ(store->config().projects.size(), 2u);
-
-    send(R"({"type":"project/activate","payload":{"id":")" + beta + R"("}})");
-    auto activations = events("project/activate");
-    ASSERT_EQ(activations.size(), 1u);
-    EXPECT_EQ(activations[0]["name"], "beta");
-    EXPECT_EQ(bridge->activeProjectID(), projects[1].id);
-
-    // An unknown id changes nothing in the store but is remembered by the bridge.
-    auto unknown = Uuid::random();
-    send(R"({"type":"project/activate","payload":{"id":")" + unknown.toString() + R"("}})");
-    EXPECT_TRUE(events("app/config").empty());
-    EXPECT_EQ(bridge->activeProjectID(), unknown);
-    EXPECT_EQ(store->config().activeProjectID, projects[1].id);
-}
-
-TEST_F(Workspace, ClosingTheLastProjectLeavesAResumableWorkspace) {
-    auto projects = openFolders({"alpha"});
-    send(R"({"type":"project/close","payload":{"projectId":")" + projects[0].id.toString() + R"("}})");
-    auto last = events("app/config").back();
-    EXPECT_EQ(last["projects"], Json::array());
-    EXPECT_FALSE(last.contains("activeProjectId"));
-    EXPECT_EQ(last["hasSavedWorkspace"], true);
-    ASSERT_EQ(last["resumeProjects"].size(), 1u);
-    EXPECT_EQ(last["cliSessions"], Json::array());
-
-    send(R"({"type":"project/resume"})");
-    last = events("app/config").back();
-    EXPECT_EQ(last["projects"], last["resumeProjects"]);
-    EXPECT_EQ(last["activeProjectId"], projects[0].id.toString());
-    EXPECT_EQ(events("project/activate").size(), 1u);
-}
-
-TEST_F(Workspace, ResumeWithNothingSavedAnswersWithItsError) {
-    send(R"({"type":"project/resume"})");
-    auto errors = events("project/resume/error");
-    ASSERT_EQ(errors.size(), 1u);
-    EXPECT_EQ(errors[0], (Json{{"reason", "no-projects"}, {"message", "復元できるプロジェクトが見つかりません"}}));
-
-    store.reset();  // the bridge holds the store weakly
-    send(R"({"type":"project/resume"})");
-    errors = events("project/resume/error");
-    ASSERT_EQ(errors.size(), 1u);
-    EXPECT_EQ(errors[0]["reason"], "config-unavailable");
-    EXPECT_EQ(errors[0]["message"], "設定を読み込めませんでした");
-}
-
-TEST_F(Workspace, ReorderSkipsEntriesThatAreNoIds) {
-    auto p = openFolders({"a", "b", "c"});
-    send(R"({"type":"project/reorder","payload":{"order":[")" + p[2].id.toString() + R"(", 7, "junk", ")" +
-         p[1].id.toString() + R"("]}})");
-    auto order = events("app/config").back()["projects"];
-    ASSERT_EQ(order.size(), 3u);
-    EXPECT_EQ(order[0]["name"], "c");
-    EXPECT_EQ(order[1]["name"], "b");
-    EXPECT_EQ(order[2]["name"], "a");
+    EXPECT_EQ(payloads("github/oauth/status").size(), configs.size());
 }
 
 TEST_F(Workspace, MenuSwitchingWrapsAndReactivatesASingleProject) {
-    view->scripts.clear();
+    h.clear();
     content->moveToNextProject();  // nothing open: nothing happens
-    main->runUntilIdle();
-    EXPECT_TRUE(view->scripts.empty());
+    h.run();
+    EXPECT_TRUE(h.events().empty());
 
     auto p = openFolders({"a", "b"});
-    view->scripts.clear();
+    h.clear();
     content->moveToNextProject();
     content->moveToNextProject();
     content->moveToPreviousProject();
-    main->runUntilIdle();
-    auto activations = events("project/activate");
+    h.run();
+    auto activations = payloads("project/activate");
     ASSERT_EQ(activations.size(), 3u);
     EXPECT_EQ(activations[0]["name"], "b");
     EXPECT_EQ(activations[1]["name"], "a");
@@ -203,8 +98,81 @@ TEST_F(Workspace, MenuSwitchingWrapsAndReactivatesASingleProject) {
     EXPECT_EQ(store->config().activeProjectID, p[1].id);
 
     send(R"({"type":"project/close","payload":{"projectId":")" + p[0].id.toString() + R"("}})");
-    view->scripts.clear();
+    h.clear();
     content->moveToNextProject();
-    main->runUntilIdle();
-    EXPECT_EQ(events("project/activate").size(), 1u) << "one project: activation runs again in full";
+    h.run();
+    EXPECT_EQ(payloads("project/activate").size(), 1u) << "one project: activation runs again in full";
+}
+
+// The project messages against a fake store: what each one asks of the store
+// and the services that follow a change of project, and in which order.
+TEST(ProjectMessages, EachMessageCallsTheStoreAndTheServicesThatFollow) {
+    using test::kA, test::kB, test::kC, test::kUnknown;
+    const std::string noProjects =
+        R"(project/resume/error {"reason":"no-projects","message":"復元できるプロジェクトが見つかりません"})";
+    struct Case {
+        std::string name;
+        std::vector<std::string> before;  // messages sent first; their calls are not checked
+        std::string message;
+        test::Journal journal;
+        std::vector<std::string> events = {};
+        std::vector<std::string> picked = {};
+        std::optional<std::string> resumed = {};
+    };
+    auto msg = test::message;
+    const Case cases[] = {
+        {"open: each opened project's status", {}, R"({"type":"project/open"})",
+         {"pick", "store.open /r/c,/r/x", "git.status " + kC}, {}, {"/r/c", "/r/x"}},
+        {"open: cancelled", {}, R"({"type":"project/open","payload":5})", {"pick"}},
+        {"close: the watched folder is released first, the sessions ended last",
+         {msg("project/activate", {{"id", kA}})}, msg("project/close", {{"projectId", kA}}),
+         {"explorer.stop", "store.close " + kA, "terminal.terminate " + test::kSession}},
+        {"close: another project", {msg("project/activate", {{"id", kA}})}, msg("project/close", {{"projectId", kB}}),
+         {"store.close " + kB}},
+        {"close: keyed by id", {}, msg("project/close", {{"id", kA}}), {}},
+        {"activate", {}, msg("project/activate", {{"id", kA}}),
+         {"store.activate " + kA, "explorer.watch " + kA + " /r/a dist", "git.status " + kA}},
+        {"activate: already watched", {msg("project/activate", {{"id", kA}})}, msg("project/activate", {{"id", kA}}),
+         {"store.activate " + kA, "git.status " + kA}},
+        {"activate: unknown id stops the watch",
+         {msg("project/activate", {{"id", kA}})}, msg("project/activate", {{"id", kUnknown}}),
+         {"store.activate " + kUnknown, "explorer.stop", "git.status " + kUnknown}},
+        {"activate: keyed by projectId", {}, msg("project/activate", {{"projectId", kA}}), {}},
+        {"activate: id not text", {}, msg("project/activate", {{"id", 5}}), {}},
+        {"activate: id no UUID", {}, msg("project/activate", {{"id", "not-a-uuid"}}), {}},
+        {"resume", {}, R"({"type":"project/resume"})", {"store.resume", "git.status " + kB}, {}, {}, kB},
+        {"resume: nothing saved", {}, R"({"type":"project/resume"})", {"store.resume"}, {noProjects}},
+        {"reorder", {}, msg("project/reorder", {{"order", {kB, kA}}}), {"store.reorder " + kB + "," + kA}},
+        {"reorder: text that is no id is skipped", {}, msg("project/reorder", {{"order", {kB, "junk", "", kA}}}),
+         {"store.reorder " + kB + "," + kA}},
+        {"reorder: a number stops it", {}, msg("project/reorder", {{"order", {kB, 7, kA}}}), {}},
+        {"reorder: null stops it", {}, msg("project/reorder", {{"order", {kB, nullptr}}}), {}},
+        {"reorder: an object stops it", {}, msg("project/reorder", {{"order", {Json::object(), kB}}}), {}},
+        {"reorder: no id left", {}, msg("project/reorder", {{"order", {"junk"}}}), {}},
+        {"reorder: empty", {}, msg("project/reorder", {{"order", Json::array()}}), {}},
+        {"reorder: order is text", {}, msg("project/reorder", {{"order", kB}}), {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        test::BridgeHarness h;
+        h.picker->answer = c.picked;
+        if (c.resumed) h.store->resumeAnswer = test::id(*c.resumed);
+        for (const auto& before : c.before) h.send(before);
+        h.clear();
+        h.send(c.message);
+        EXPECT_EQ(h.journal, c.journal);
+        EXPECT_EQ(h.events(), c.events);
+    }
+}
+
+TEST(ProjectMessages, WithoutAStoreResumeSaysSoAndTheRestIsDropped) {
+    test::BridgeHarness h;
+    h.store.reset();  // the bridge holds the store weakly
+    for (const char* type : {"project/close", "project/activate", "project/reorder", "project/open"})
+        h.send(test::message(type, {{"projectId", test::kA}, {"id", test::kA}, {"order", {test::kA}}}));
+    h.send(R"({"type":"project/resume"})");
+    EXPECT_EQ(h.bridge->activeProjectID(), test::id(test::kA)) << "the bridge follows the page even so";
+    EXPECT_EQ(h.events(), (std::vector<std::string>{
+                              R"(project/resume/error {"reason":"config-unavailable","message":"設定を読み込めませんでした"})"}));
+    EXPECT_EQ(h.journal, (test::Journal{"explorer.stop", "git.status " + test::kA, "pick"}));
 }

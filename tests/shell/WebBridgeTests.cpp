@@ -4,9 +4,9 @@
 #include <thread>
 
 #include "core/MainQueue.h"
+#include "shell/BridgeHarness.h"
 #include "shell/WebBridge.h"
 #include "support/TestSupport.h"
-#include "workspace/ConfigStore.h"
 
 using namespace velko;
 
@@ -30,64 +30,43 @@ struct BridgeFixture : ::testing::Test {
 
 }  // namespace
 
-TEST(WebBridgeRouting, EveryCatalogueTypeHasItsRouteAndNearMissesHaveNone) {
-    using R = MessageRoute;
-    using namespace std::string_view_literals;
+TEST(WebBridgeRouting, MalformedBodiesAndNearMissesAreIgnoredAndAliasesKeepTheirSpelling) {
     struct Case {
-        std::string_view type;
-        std::optional<R> route;
+        std::string body;
+        test::Journal journal;
     };
     const Case cases[] = {
-        {"terminal/input", R::Terminal}, {"cli/input", R::Terminal}, {"terminal/create", R::Terminal},
-        {"cli/create", R::Terminal}, {"terminal/close", R::Terminal}, {"cli/close", R::Terminal},
-        {"terminal/resize", R::Terminal}, {"cli/resize", R::Terminal}, {"terminal/signal", R::Terminal},
-        {"cli/signal", R::Terminal}, {"terminal/focus", R::Terminal},
-        {"project/open", R::Project}, {"project/close", R::Project},
-        {"project/explorer/directories/request", R::Project}, {"project/file/open", R::Project},
-        {"project/file/save", R::Project}, {"project/file/rename", R::Project}, {"project/activate", R::Project},
-        {"project/resume", R::Project}, {"project/reorder", R::Project},
-        {"github/oauth/start", R::GitHubOAuth}, {"github/oauth/logout", R::GitHubOAuth},
-        {"github/oauth/requestStatus", R::GitHubOAuth},
-        {"git/status", R::Git}, {"git/status/detail", R::Git}, {"git/commit", R::Git}, {"git/push", R::Git},
-        {"git/pull", R::Git}, {"git/fetch", R::Git}, {"git/diff", R::Git}, {"git/history", R::Git},
-        {"git/graph", R::Git}, {"git/remote/tracking", R::Git}, {"git/working-tree", R::Git},
-        {"git/refresh/barrier", R::Git}, {"git/commit/diff", R::Git}, {"git/branch-map", R::Git},
-        {"previewTabs/persist", R::PreviewTabs}, {"previewTabs/cache/write", R::PreviewTabs},
-        {"previewTabs/limitReached", R::PreviewTabs},
-        {"dashboard.present", R::DashboardPresent}, {"dashboard.dismiss", R::DashboardDismiss},
-        {"app/config/request", R::AppConfigRequest}, {"analytics/event", R::Analytics},
-        // Near misses: aliases that do not exist, case, prefixes, outbound-only types, other spellings.
-        {"cli/focus", std::nullopt}, {"Project/open", std::nullopt}, {"project/open ", std::nullopt},
-        {"project/", std::nullopt}, {"git/result", std::nullopt}, {"app/config", std::nullopt},
-        {"dashboard/present", std::nullopt}, {"previewTab:hydrate", std::nullopt},
-        {"previewtabs/persist", std::nullopt}, {"webview/log", std::nullopt}, {"", std::nullopt},
-        {"terminal/input\0x"sv, std::nullopt},
+        {"5", {}},
+        {"\"app/config/request\"", {}},
+        {"[]", {}},
+        {"{}", {}},
+        {"{\"type\":5}", {}},
+        {"{\"type\":null}", {}},
+        {"{\"type\":[\"app/config/request\"]}", {}},
+        {"{\"Type\":\"app/config/request\"}", {}},
+        {"not json", {}},
+        {"{\"type\":\"app/config/request\"", {}},
+        {R"({"type":"cli/input","payload":{}})", {"terminal cli/input"}},
+        {R"({"type":"terminal/focus"})", {"terminal terminal/focus"}},
+        {R"({"type":"cli/focus","payload":{}})", {}},
+        {R"({"type":"Git/status"})", {}},
+        {R"({"type":"git/status "})", {}},
+        {R"({"type":"git/result"})", {}},
+        {R"({"type":"dashboard/present"})", {}},
+        {R"({"type":"previewtabs/persist"})", {}},
+        {"{\"type\":\"git/status\\u0000x\"}", {}},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.type));
-        EXPECT_EQ(routeForMessageType(c.type), c.route);
+        SCOPED_TRACE(c.body);
+        test::BridgeHarness h;
+        h.send(c.body);
+        EXPECT_EQ(h.journal, c.journal);
+        EXPECT_TRUE(h.view->scripts.empty());
     }
-}
-
-TEST_F(BridgeFixture, MalformedBodiesAreIgnoredWithoutAnEvent) {
-    attachReadyView();
-    auto store = std::make_shared<ConfigStore>(test::TempDir().path() + "-unused");
-    bridge->setConfigStore(store);
-    const char* bodies[] = {
-        "5", "\"app/config/request\"", "[]", "{}", "{\"type\":5}", "{\"type\":null}",
-        "{\"type\":[\"app/config/request\"]}", "{\"Type\":\"app/config/request\"}",
-        "{\"type\":\"cli/focus\",\"payload\":{\"sessionId\":\"x\"}}", "not json", "{\"type\":\"app/config/request\"",
-    };
-    for (const char* body : bodies) {
-        SCOPED_TRACE(body);
-        bridge->handleMessageText(body);
-        main->runUntilIdle();
-        EXPECT_TRUE(view->scripts.empty());
-    }
-    // The same store answers a well-formed request, so the silence above is the router's.
-    bridge->handleMessageText(R"({"type":"app/config/request","payload":7})");
-    main->runUntilIdle();
-    EXPECT_EQ(view->types(), (std::vector<std::string>{"app/config", "github/oauth/status"}));
+    // The same bridge answers a well-formed request, so the silence above is the router's.
+    test::BridgeHarness h;
+    h.send(R"({"type":"app/config/request","payload":7})");
+    EXPECT_EQ(h.view->types(), (std::vector<std::string>{"app/config", "github/oauth/status"}));
 }
 
 TEST_F(BridgeFixture, EventsWaitForTheFirstNavigationAndKeepTheirOrder) {
@@ -202,20 +181,17 @@ Json randomValue(std::mt19937& random, int depth) {
 }
 }  // namespace
 
-TEST_F(BridgeFixture, RandomMessagesNeverBreakTheBridge) {
-    test::IsolatedHome home;
-    auto store = std::make_shared<ConfigStore>(home.dataDir());
-    bridge->setConfigStore(store);
-    attachReadyView();
+TEST(WebBridgeRouting, RandomMessagesNeverBreakTheBridge) {
+    test::BridgeHarness h;
+    h.picker->answer = {"/r/c"};
     std::mt19937 random(7);
     for (int i = 0; i < 3000; ++i) {
         Json message = randomValue(random, 0);
         if (random() % 2 && message.is_object()) message["type"] = randomValue(random, 3);
-        bridge->handle(message);
-        main->runUntilIdle();
+        h.bridge->handle(message);
+        h.run();
     }
-    view->scripts.clear();
-    bridge->handleMessageText(R"({"type":"app/config/request"})");
-    main->runUntilIdle();
-    EXPECT_EQ(view->types(), (std::vector<std::string>{"app/config", "github/oauth/status"}));
+    h.clear();
+    h.send(R"({"type":"app/config/request"})");
+    EXPECT_EQ(h.view->types(), (std::vector<std::string>{"app/config", "github/oauth/status"}));
 }

@@ -3,7 +3,7 @@
 // read the stores and call the intents below.
 
 import { Bridge } from './bridge';
-import { num, str, uuid } from './json';
+import { num, str, uuid, type JsonObject } from './json';
 import { Store } from './store';
 import { newRequestId } from './ui/dom';
 import * as ws from './state/workspace';
@@ -11,10 +11,19 @@ import * as term from './state/terminals';
 import * as ex from './state/explorer';
 import * as ed from './state/editor';
 import * as git from './state/git';
+import * as hist from './state/history';
+import * as graph from './state/graph';
+import * as bmap from './state/branchMap';
+import * as acct from './state/account';
+import * as dash from './state/dashboard';
+import * as tabs from './state/previewTabs';
+import { L } from './labels';
 import { decodeBase64 } from './terminal/base64';
 import { OutputQueue, type Scheduler } from './terminal/outputQueue';
 
 const GIT_REFRESH_DELAY_MS = 700;
+/** Tab changes come in bursts (open, activate, reorder); the native side gets the settled list. */
+const TABS_PERSIST_DELAY_MS = 400;
 
 export interface Toast {
   id: number;
@@ -23,6 +32,7 @@ export interface Toast {
 }
 
 const TERMINAL_EVENTS = ['terminal/snapshot', 'terminal/created', 'terminal/status', 'terminal/exit', 'terminal/error', 'terminal/resize'];
+const DASHBOARD_EVENTS = ['dashboard.toggled', 'dashboard.metrics', 'dashboard.metrics.error', 'system/metrics'];
 const FILE_EVENTS = ['project/file/content', 'project/file/confirm', 'project/file/saved', 'project/file/error'];
 
 export class App {
@@ -31,11 +41,18 @@ export class App {
   readonly explorer = new Store<ex.ExplorerState>(ex.initialExplorer);
   readonly editor = new Store<ed.EditorState>(ed.initialEditor);
   readonly git = new Store<git.GitState>(git.initialGit);
+  readonly history = new Store<hist.HistoryState>(hist.initialHistory);
+  readonly graph = new Store<graph.GraphState>(graph.initialGraph);
+  readonly branchMap = new Store<bmap.BranchMapState>(bmap.initialBranchMap);
+  readonly account = new Store<acct.AccountState>(acct.initialAccount);
+  readonly dashboard = new Store<dash.DashboardState>(dash.initialDashboard);
   readonly toasts = new Store<Toast[]>([]);
   /** Sessions that printed something while not on screen. */
   readonly unseen = new Store<ReadonlySet<string>>(new Set());
   private shownSessionId: string | undefined;
   private shownProjectId: string | undefined;
+  /** The project whose history is on screen; a successful action walks it again. */
+  private historyShownId: string | undefined;
   private readonly gitRefreshTimers = new Map<string, ReturnType<typeof setTimeout>>();
   /** The size last asked for per session until the native side confirms one; every resize makes the shell redraw its prompt. */
   private readonly pendingResize = new Map<string, string>();
@@ -45,6 +62,11 @@ export class App {
   private resumeRequested = false;
   readonly output: OutputQueue;
   private toastCounter = 0;
+  /** Projects whose stored tabs came back since the page loaded; later hydrations would undo the user's changes. */
+  private readonly hydrated = new Set<string>();
+  /** Per project: the tab list the native side holds, as JSON; a project is sent only when its list differs. */
+  private readonly storedTabs = new Map<string, string>();
+  private persistTimer: ReturnType<typeof setTimeout> | undefined;
 
   constructor(
     readonly bridge: Bridge,
@@ -52,6 +74,10 @@ export class App {
   ) {
     this.output = new OutputQueue(schedule);
     this.subscribe();
+    this.editor.subscribe(() => {
+      this.readShownTab();
+      this.schedulePersist();
+    });
   }
 
   get activeProjectId(): string | undefined {
@@ -113,18 +139,63 @@ export class App {
     b.on('project/file/renamed', (p) => this.editor.update((s) => ed.applyRenamed(s, p)));
     b.on('git/status', (p) => this.git.update((s) => git.applyStatus(s, p)));
     b.on('git/diff', (p) => this.git.update((s) => git.applyDiff(s, p)));
-    b.on('git/result', (p) => {
-      const r = git.applyResult(this.git.get(), p, this.activeProjectId);
-      this.git.set(r.state);
-      if (r.toast) this.toast(r.toast.success ? 'success' : 'error', r.toast.message);
+    b.on('git/result', (p) => this.onGitResult(p));
+    b.on('git/refresh/barrier', (p) => {
+      this.git.update((s) => git.applyBarrier(s, p));
+      this.graph.update((s) => graph.applyGraphBarrier(s, p, L.graphFailed));
+      this.branchMap.update((s) => bmap.applyBranchMapBarrier(s, p, L.branchMapFailed));
     });
-    b.on('git/refresh/barrier', (p) => this.git.update((s) => git.applyBarrier(s, p)));
+    b.on('git/history', (p) => {
+      const r = hist.applyHistory(this.history.get(), p);
+      this.history.set(r.state);
+      if (r.projectId && r.follow === 'more') this.moreHistory(r.projectId);
+      else if (r.projectId && r.follow === 'fresh') this.walkHistory(r.projectId);
+    });
+    b.on('git/history/error', (p) => this.history.update((s) => hist.applyHistoryError(s, p)));
+    b.on('git/commit/diff', (p) => this.history.update((s) => hist.applyCommitDiff(s, p)));
+    b.on('git/graph', (p) => this.graph.update((s) => graph.applyGraph(s, p)));
+    b.on('git/branch-map', (p) => this.branchMap.update((s) => bmap.applyBranchMap(s, p)));
+    b.on('git/branch-map/error', (p) => this.branchMap.update((s) => bmap.applyBranchMapError(s, p)));
+    b.on('previewTab:hydrate', (p) => this.onHydrate(p));
+    b.on('previewTab:warning', (p) => this.editor.update((s) => tabs.applyMissing(s, p)));
+    for (const type of DASHBOARD_EVENTS) b.on(type, (p) => this.dashboard.update((s) => dash.applyEvent(s, type, p)));
+    b.on('github/oauth/status', (p) => this.onAccountStep(acct.applyStatus(this.account.get(), p)));
+    b.on('github/oauth/error', (p) => this.onAccountStep(acct.applyError(this.account.get(), p)));
+  }
+
+  private onAccountStep(step: acct.AccountStep): void {
+    this.account.set(step.state);
+    if (step.notice) this.toast(step.notice.kind, step.notice.message);
+  }
+
+  private onGitResult(payload: JsonObject): void {
+    const message = str(payload, 'message');
+    // The history's failure comes again as "git/history/error", which the history view shows.
+    if (message?.startsWith(hist.HISTORY_FAILURE_PREFIX)) return;
+    if (message?.startsWith(graph.GRAPH_FAILURE_PREFIX)) {
+      const c = graph.claimFailure(this.graph.get(), message);
+      this.graph.set(c.state);
+      // No graph request of ours is outstanding (the page was reloaded meanwhile): the toast is all there is to show.
+      if (!c.claimed) this.toast('error', message);
+      return;
+    }
+    const r = git.applyResult(this.git.get(), payload, this.activeProjectId);
+    this.git.set(r.state);
+    if (r.toast) this.toast(r.toast.success ? 'success' : 'error', r.toast.message);
+    if (r.toast?.success && r.owner !== undefined && r.owner === this.historyShownId) this.walkHistory(r.owner);
   }
 
   private onConfig(payload: unknown): void {
     const before = this.workspace.get();
     const next = ws.applyConfig(before, payload);
     if (next === before) return;
+    // The tabs of a project going away or out of sight are stored first, while they are still here.
+    this.flushPersist();
+    for (const p of before.projects) {
+      if (next.projects.some((q) => q.id === p.id)) continue;
+      this.hydrated.delete(p.id);
+      this.storedTabs.delete(p.id);
+    }
     this.workspace.set(next);
     this.terminals.update((s) => term.applyConfiguredSessions(s, next.cliSessions));
     const sessionIds = new Set(next.cliSessions.map((c) => c.id));
@@ -132,6 +203,9 @@ export class App {
     const open = next.projects.map((p) => p.id);
     this.editor.update((s) => ed.keepProjects(s, open));
     this.git.update((s) => git.forgetProjects(s, open));
+    this.history.update((s) => hist.forgetProjects(s, open));
+    this.graph.update((s) => graph.forgetProjects(s, open));
+    this.branchMap.update((s) => bmap.forgetProjects(s, open));
     this.explorer.update((s) => {
       let out = s;
       for (const id of Object.keys(s.trees)) if (!open.includes(id)) out = ex.forgetProject(out, id);
@@ -164,6 +238,7 @@ export class App {
       if (t.request.length > 0) this.requestDirectories(id, t.request);
     }
     if (!this.git.get().projects[id]?.status) this.bridge.post('git/status', { projectId: id });
+    this.readShownTab();
   }
 
   private onOutput(payload: Record<string, unknown>): void {
@@ -211,11 +286,13 @@ export class App {
   }
 
   closeProject(projectId: string): void {
+    this.flushPersist();
     this.bridge.post('project/close', { projectId });
   }
 
   activateProject(id: string): void {
     if (id === this.activeProjectId) return;
+    this.flushPersist();
     this.bridge.post('project/activate', { id });
   }
 
@@ -226,6 +303,48 @@ export class App {
   resumeWorkspace(): void {
     this.resumeRequested = true;
     this.bridge.post('project/resume');
+  }
+
+  // GitHub account
+
+  signIn(): void {
+    this.account.update(acct.signInStarted);
+    this.bridge.post('github/oauth/start');
+  }
+
+  /** Stops waiting for the browser; the native side has no way to be told, and a new start replaces its flow. */
+  cancelSignIn(): void {
+    this.account.update(acct.signInCancelled);
+  }
+
+  signOut(): void {
+    this.bridge.post('github/oauth/logout');
+  }
+
+  // Dashboard
+
+  presentDashboard(source: string): void {
+    this.bridge.post('dashboard.present', { source });
+  }
+
+  refreshDashboard(): void {
+    this.dashboard.update(dash.refreshRequested);
+    this.bridge.post('dashboard.present', { forceRefresh: true, source: 'refresh' });
+  }
+
+  dismissDashboard(): void {
+    this.bridge.post('dashboard.dismiss');
+  }
+
+  /**
+   * A card was chosen: its project comes forward and the dashboard closes.
+   * The activation goes first, and even for the active project, because the
+   * native side counts a card as opened only while the dashboard is up.
+   */
+  openProjectFromDashboard(id: string): void {
+    this.flushPersist();
+    this.bridge.post('project/activate', { id });
+    this.dismissDashboard();
   }
 
   // Terminals
@@ -307,8 +426,65 @@ export class App {
   openFile(projectId: string, path: string): void {
     const before = this.editor.get();
     const existing = before.docs.find((d) => d.key === ed.docKey(projectId, path));
+    if (!existing && ed.projectDocs(before, projectId).length >= ed.PREVIEW_TAB_LIMIT) {
+      this.toast('error', L.tabLimit(ed.PREVIEW_TAB_LIMIT));
+      this.bridge.post('previewTabs/limitReached', { projectId });
+      return;
+    }
     this.editor.update((s) => ed.openRequested(s, projectId, path));
     if (!existing || existing.kind === 'error') this.bridge.post('project/file/open', { projectId, path });
+  }
+
+  /** A restored tab is read when it comes on screen, so a project with many tabs costs one read to show. */
+  private readShownTab(): void {
+    const doc = ed.activeDoc(this.editor.get(), this.activeProjectId);
+    if (doc?.kind !== 'unloaded') return;
+    this.editor.update((s) => ed.loadRequested(s, doc.key));
+    this.bridge.post('project/file/open', { projectId: doc.projectId, path: doc.path });
+  }
+
+  private onHydrate(payload: JsonObject): void {
+    const id = uuid(payload, 'projectId');
+    // The native side sends this on every activation; only the first since the page loaded restores anything.
+    if (!id || this.hydrated.has(id) || !this.workspace.get().projects.some((p) => p.id === id)) return;
+    this.hydrated.add(id);
+    const hadTabs = ed.projectDocs(this.editor.get(), id).length > 0;
+    const next = tabs.applyHydrate(this.editor.get(), id, payload.snapshot);
+    // What just came back is what the native side holds; only a merge with tabs opened meanwhile needs storing.
+    if (!hadTabs) this.storedTabs.set(id, JSON.stringify(tabs.snapshotOf(next, id)));
+    this.editor.set(next);
+  }
+
+  private schedulePersist(): void {
+    if (this.persistTimer !== undefined) return;
+    this.persistTimer = setTimeout(() => this.flushPersist(), TABS_PERSIST_DELAY_MS);
+  }
+
+  /** Sends the tab list of every open project whose list changed since it was last stored. */
+  flushPersist(): void {
+    if (this.persistTimer !== undefined) clearTimeout(this.persistTimer);
+    this.persistTimer = undefined;
+    const state = this.editor.get();
+    for (const { id } of this.workspace.get().projects) {
+      const snapshot = tabs.snapshotOf(state, id);
+      const text = JSON.stringify(snapshot);
+      // A project never restored and without tabs has nothing to say; an empty list would wipe what is stored.
+      if (text === (this.storedTabs.get(id) ?? JSON.stringify(tabs.snapshotOf(ed.initialEditor, id)))) continue;
+      this.storedTabs.set(id, text);
+      this.bridge.post('previewTabs/persist', { projectId: id, snapshot: snapshot as unknown as JsonObject });
+    }
+  }
+
+  activateTab(key: string): void {
+    this.editor.update((s) => ed.activate(s, key));
+  }
+
+  reorderTab(dragged: string, target: string, after: boolean): void {
+    this.editor.update((s) => ed.reorderTab(s, dragged, target, after));
+  }
+
+  setViewMode(key: string, mode: 'markdown' | 'source'): void {
+    this.editor.update((s) => ed.setViewMode(s, key, mode));
   }
 
   confirmLargeFile(accept: boolean): void {
@@ -368,5 +544,63 @@ export class App {
     this.bridge.post(`git/${action}`, payload);
     this.bridge.post('git/refresh/barrier', { projectId, requestId });
   }
-}
 
+  // History, graph and branch map
+
+  /** The history view shows `projectId` (undefined: it is hidden); opening it walks the history afresh. */
+  showHistory(projectId: string | undefined): void {
+    this.historyShownId = projectId;
+    if (projectId) this.walkHistory(projectId);
+  }
+
+  walkHistory(projectId: string): void {
+    this.postHistory(hist.startWalk(this.history.get(), projectId, newRequestId()));
+  }
+
+  moreHistory(projectId: string): void {
+    this.postHistory(hist.nextPage(this.history.get(), projectId, newRequestId()));
+  }
+
+  retryHistory(projectId: string): void {
+    this.postHistory(hist.retry(this.history.get(), projectId, newRequestId()));
+  }
+
+  private postHistory(step: hist.HistoryStep): void {
+    this.history.set(step.state);
+    if (step.request) this.bridge.post('git/history', step.request);
+  }
+
+  toggleCommit(projectId: string, oid: string): void {
+    this.history.update((s) => hist.toggleCommit(s, projectId, oid));
+  }
+
+  showCommitDiff(projectId: string, oid: string, path: string): void {
+    const asked = hist.renamedPath(path);
+    this.history.update((s) => hist.selectCommitDiff(s, projectId, oid, asked));
+    this.bridge.post('git/commit/diff', { projectId, commit: oid, path: asked });
+  }
+
+  closeCommitDiff(projectId: string): void {
+    this.history.update((s) => hist.clearCommitDiff(s, projectId));
+  }
+
+  /** Asks for the graph; the barrier behind it tells when a request ended without one. */
+  loadGraph(projectId: string): void {
+    const requestId = newRequestId();
+    const r = graph.requestGraph(this.graph.get(), projectId, requestId);
+    this.graph.set(r.state);
+    if (!r.send) return;
+    this.bridge.post('git/graph', { projectId });
+    this.bridge.post('git/refresh/barrier', { projectId, requestId });
+  }
+
+  /** Asks for the branch map; `limit` absent keeps the last one asked for. */
+  loadBranchMap(projectId: string, limit?: number): void {
+    const requestId = newRequestId();
+    const r = bmap.requestBranchMap(this.branchMap.get(), projectId, requestId, limit);
+    this.branchMap.set(r.state);
+    if (!r.request) return;
+    this.bridge.post('git/branch-map', r.request);
+    this.bridge.post('git/refresh/barrier', { projectId, requestId });
+  }
+}

@@ -13,6 +13,8 @@ import { mountTerminals } from './ui/terminals';
 import { mountEditor, mountPreview } from './ui/editor';
 import { mountGit } from './ui/git/column';
 import { mountToasts } from './ui/toasts';
+import { mountAccount } from './ui/account';
+import { mountDashboard } from './ui/dashboard';
 import { showDialog } from './ui/dialog';
 import { L } from './labels';
 import { installFonts } from './fonts';
@@ -32,14 +34,17 @@ function start(): void {
   root.append(topbar, main, toasts);
 
   mountProjectTabs(app, topbar);
+  topbar.append(h('span', { class: 'spacer' }));
+  const dashboard = mountDashboard(app, topbar, root);
+  mountAccount(app, topbar);
   const columns = mountLayout(app, main);
-  mountPreview(app, columns.preview);
   const editor = mountEditor(app, columns.editor);
+  mountPreview(app, columns.preview, editor.textOf);
   mountExplorer(app, columns.explorer, editor.focus);
   const terminals = mountTerminals(app, columns.terminal);
   mountGit(app, columns.git);
   mountToasts(app, toasts);
-  keepFocus(terminals.focusActive, editor.focus);
+  keepFocus(dashboard.focus, terminals.focusActive, editor.focus);
   installZoom(terminals.setFontSize);
   // Commits and checkouts made in a terminal touch only .git, which nobody watches; catch up when the user returns.
   window.addEventListener('focus', () => {
@@ -47,6 +52,8 @@ function start(): void {
     if (id) app.refreshGitSoon(id);
   });
   mountLargeFileDialog(app);
+  // Tab changes wait a moment before they are stored; a page going away stores them now.
+  window.addEventListener('pagehide', () => app.flushPersist());
 
   // Only now: every panel listens, so neither parked nor answered events are lost.
   bridge.install();

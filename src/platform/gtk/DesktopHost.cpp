@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -15,8 +16,11 @@
 #include "core/Log.h"
 #include "core/MainQueue.h"
 #include "core/Paths.h"
-#include "platform/gtk/DesktopWindow.h"
+#include "platform/BrowserOAuthSessionFactory.h"
 #include "platform/IBusInputSources.h"
+#include "platform/SecretServiceKeychainStore.h"
+#include "platform/gtk/DesktopWindow.h"
+#include "platform/gtk/UpdateDialog.h"
 #include "shell/AppBundleSchemeHandler.h"
 #include "shell/InputCommandCenter.h"
 #include "shell/VelkoApp.h"
@@ -32,6 +36,7 @@ const Logger kLog("app.velko", "app");
 struct DesktopState {
     GtkApplication* application = nullptr;
     std::vector<std::string> pickFolders;
+    std::shared_ptr<BrowserOAuthSessionFactory> oauthSessions;
     std::unique_ptr<VelkoApp> app;
     std::unique_ptr<DesktopWindow> window;
     bool quitting = false;
@@ -88,9 +93,12 @@ void buildMenus(GtkApplication* application, DesktopState* state) {
                   if (s->window) s->window->reloadPage();
               }),
               state);
-    // Enabled once an update feed exists.
-    addAction(application, "check-for-updates", G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer) {}), state,
-              false);
+    // Greyed out unless the resources name an update feed and its public key.
+    addAction(application, "check-for-updates", G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer data) {
+                  auto* s = static_cast<DesktopState*>(data);
+                  if (s->app) s->app->checkForUpdates();
+              }),
+              state, state->app && state->app->canCheckForUpdates());
     addAction(application, "quit", G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer data) {
                   beginQuit(static_cast<DesktopState*>(data));
               }),
@@ -177,7 +185,16 @@ int runDesktop(int argc, char** argv) {
                                                             (*resources + "/icons").c_str());
                          }
                          gtk_window_set_default_icon_name("velko");
-                         s->app = std::make_unique<VelkoApp>();
+                         VelkoApp::Options options;
+                         options.updatePresenter = makeUpdateDialogPresenter([s]() -> GtkWindow* {
+                             return s->window ? GTK_WINDOW(s->window->window()) : nullptr;
+                         });
+                         options.keychain = std::make_shared<SecretServiceKeychainStore>();
+                         s->oauthSessions = std::make_shared<BrowserOAuthSessionFactory>(
+                             BrowserOAuthSessionFactory::Options{.receivesLinks = true, .openURL = {}});
+                         options.oauthSessions = s->oauthSessions;
+                         options.resourceDirectory = resourceDirectory();
+                         s->app = std::make_unique<VelkoApp>(std::move(options));
                          s->app->setInputSources(connectIBusInputSources());
                          buildMenus(GTK_APPLICATION(app), s);
                      }),
@@ -188,13 +205,20 @@ int runDesktop(int argc, char** argv) {
                      &state);
     g_signal_connect(application, "open",
                      G_CALLBACK(+[](GApplication* app, GFile** files, gint count, gchar*, gpointer data) {
-                         // velko:// links (the sign-in redirect) bring the window forward.
+                         // velko:// links (the sign-in redirect, also forwarded by a
+                         // second `velko velko://…`) go to the sign-in and bring the
+                         // window forward. The link itself is never logged: it holds the code.
+                         auto* s = static_cast<DesktopState*>(data);
                          for (gint i = 0; i < count; ++i) {
                              char* uri = g_file_get_uri(files[i]);
-                             kLog.info(std::string("opened with ") + (g_str_has_prefix(uri, "velko:") ? "a velko link" : "a file"));
+                             bool link = g_str_has_prefix(uri, "velko:");
+                             bool taken = link && s->oauthSessions && s->oauthSessions->deliverRedirect(uri);
+                             kLog.info(std::string("opened with ") +
+                                       (taken ? "the sign-in redirect" : link ? "a velko link" : "a file"));
+                             explicit_bzero(uri, strlen(uri));
                              g_free(uri);
                          }
-                         showWindow(GTK_APPLICATION(app), static_cast<DesktopState*>(data));
+                         showWindow(GTK_APPLICATION(app), s);
                      }),
                      &state);
     g_signal_connect(application, "shutdown", G_CALLBACK(+[](GApplication*, gpointer data) {

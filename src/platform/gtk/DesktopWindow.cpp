@@ -74,7 +74,7 @@ public:
 
     ~DesktopWindowImpl() override {
         m_app.commandCenter().deactivateGestureMonitoring();
-        m_app.gestureBridge().detach();
+        m_app.gestureBridge().stopMonitoring();
         if (m_webView) g_signal_handlers_disconnect_by_data(m_webView, this);
         if (m_contentManager) g_signal_handlers_disconnect_by_data(m_contentManager, this);
         if (m_window) {

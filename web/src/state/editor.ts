@@ -1,11 +1,20 @@
-// Open files of the editor and preview. The text itself lives in the editor
-// component; this state tracks what the user must see: which file is
-// loading, failed, waiting for a large-file confirmation, and whether edits
-// since the last acknowledged save are outstanding.
+// Open files, one preview tab each, per project. The text itself lives in
+// the editor component; this state tracks what the user must see: which
+// file is loading, failed, waiting for a large-file confirmation, whether
+// edits since the last acknowledged save are outstanding, how each tab is
+// shown, and which tab of each project is on screen. Tabs restored from the
+// native side are read only when they come on screen ('unloaded' until then).
 
 import { isObject, num, str, uuid } from '../json';
 
-export type DocKind = 'loading' | 'text' | 'image' | 'error';
+export type DocKind = 'unloaded' | 'loading' | 'text' | 'image' | 'error';
+
+/** How a tab shows its file: text in the editor, an image, or Markdown rendered in the preview column beside its source. */
+export type ViewMode = 'source' | 'rendered' | 'markdown';
+export const VIEW_MODES: readonly ViewMode[] = ['source', 'rendered', 'markdown'];
+
+/** Open tabs per project; past it a file is not opened, and the native side is told. */
+export const PREVIEW_TAB_LIMIT = 20;
 
 export interface EditorDoc {
   key: string;
@@ -23,6 +32,13 @@ export interface EditorDoc {
   savedVersion: number;
   /** The version that the outstanding save carries. */
   savingVersion?: number;
+  /** The tab's identity in the persisted tab list. */
+  tabId: string;
+  viewMode: ViewMode;
+  /** Milliseconds since 1970 when the tab was last brought forward. */
+  lastOpenedAt: number;
+  /** The native side found the file gone when the tabs were restored; the tab stays, marked with this text. */
+  missing?: string;
 }
 
 export interface LargeFileRequest {
@@ -34,14 +50,16 @@ export interface LargeFileRequest {
 }
 
 export interface EditorState {
+  /** In tab order; each project's tabs are its documents in this order. */
   docs: EditorDoc[];
-  activeKey?: string;
-  /** The image shown in the preview column. */
-  previewKey?: string;
+  /** Per project id: the key of the tab on screen. */
+  active: Record<string, string>;
+  /** Per project id: the key of the tab shown rendered in the preview column. */
+  preview: Record<string, string>;
   confirm?: LargeFileRequest;
 }
 
-export const initialEditor: EditorState = { docs: [] };
+export const initialEditor: EditorState = { docs: [], active: {}, preview: {} };
 
 export function docKey(projectId: string, path: string): string {
   return `${projectId}\u0000${path}`;
@@ -49,6 +67,50 @@ export function docKey(projectId: string, path: string): string {
 
 export function isDirty(doc: EditorDoc): boolean {
   return doc.kind === 'text' && doc.version !== doc.savedVersion;
+}
+
+const IMAGE_RE = /\.(png|jpe?g|gif|webp|bmp|ico|avif)$/i;
+const MARKDOWN_RE = /\.(md|markdown|mdown|mkd)$/i;
+
+export function isMarkdownPath(path: string): boolean {
+  return MARKDOWN_RE.test(path);
+}
+
+/** How a newly opened file is shown; the content event corrects a guess by name. */
+export function defaultViewMode(path: string): ViewMode {
+  if (IMAGE_RE.test(path)) return 'rendered';
+  return isMarkdownPath(path) ? 'markdown' : 'source';
+}
+
+export function projectDocs(state: EditorState, projectId: string): EditorDoc[] {
+  return state.docs.filter((d) => d.projectId === projectId);
+}
+
+/** The project's tab on screen: the remembered one, else its last tab. */
+export function activeDoc(state: EditorState, projectId: string | undefined): EditorDoc | undefined {
+  if (!projectId) return undefined;
+  const docs = projectDocs(state, projectId);
+  return docs.find((d) => d.key === state.active[projectId]) ?? docs[docs.length - 1];
+}
+
+function without(map: Record<string, string>, projectId: string): Record<string, string> {
+  const next = { ...map };
+  delete next[projectId];
+  return next;
+}
+
+/** Brings a tab forward; a rendered or Markdown tab also takes the preview column. */
+function focusDoc(state: EditorState, doc: EditorDoc, now: number): EditorState {
+  const docs = state.docs.map((d) => (d.key === doc.key ? { ...d, lastOpenedAt: now } : d));
+  const preview = doc.viewMode === 'source' ? state.preview : { ...state.preview, [doc.projectId]: doc.key };
+  return { ...state, docs, active: { ...state.active, [doc.projectId]: doc.key }, preview };
+}
+
+let tabCounter = 0;
+export function newTabId(): string {
+  tabCounter += 1;
+  const random = typeof crypto !== 'undefined' && 'randomUUID' in crypto ? crypto.randomUUID() : `${Date.now()}-${Math.random()}`;
+  return `tab-${tabCounter}-${random}`;
 }
 
 function replaceDoc(state: EditorState, key: string, change: (d: EditorDoc) => EditorDoc): EditorState {
@@ -62,31 +124,69 @@ function replaceDoc(state: EditorState, key: string, change: (d: EditorDoc) => E
 }
 
 /** The user asked to open a file: show it at once as loading, unless it is already open. */
-export function openRequested(state: EditorState, projectId: string, path: string): EditorState {
+export function openRequested(state: EditorState, projectId: string, path: string, now = Date.now(), tabId = newTabId()): EditorState {
   const key = docKey(projectId, path);
   const existing = state.docs.find((d) => d.key === key);
-  if (existing && existing.kind !== 'error') return { ...state, activeKey: key };
-  const doc: EditorDoc = { key, projectId, path, kind: 'loading', initialContent: '', loadGeneration: 0, version: 0, savedVersion: 0 };
+  if (existing && existing.kind !== 'error') return focusDoc(state, existing, now);
+  const doc: EditorDoc = {
+    key,
+    projectId,
+    path,
+    kind: 'loading',
+    initialContent: '',
+    loadGeneration: existing?.loadGeneration ?? 0,
+    version: 0,
+    savedVersion: 0,
+    tabId: existing?.tabId ?? tabId,
+    viewMode: existing?.viewMode ?? defaultViewMode(path),
+    lastOpenedAt: now,
+  };
   const docs = existing ? state.docs.map((d) => (d.key === key ? doc : d)) : [...state.docs, doc];
-  return { ...state, docs, activeKey: key };
+  return focusDoc({ ...state, docs }, doc, now);
+}
+
+/** A restored tab came on screen: it is read now. */
+export function loadRequested(state: EditorState, key: string): EditorState {
+  return replaceDoc(state, key, (d) => (d.kind === 'unloaded' ? { ...d, kind: 'loading' } : d));
 }
 
 export function closeDoc(state: EditorState, key: string): EditorState {
-  const index = state.docs.findIndex((d) => d.key === key);
-  if (index < 0) return state;
-  const docs = state.docs.filter((d) => d.key !== key);
-  const next: EditorState = { ...state, docs };
-  if (state.activeKey === key) {
-    const neighbour = docs[Math.min(index, docs.length - 1)];
-    if (neighbour) next.activeKey = neighbour.key;
-    else delete next.activeKey;
+  const doc = state.docs.find((d) => d.key === key);
+  if (!doc) return state;
+  const siblings = projectDocs(state, doc.projectId);
+  const index = siblings.indexOf(doc);
+  const next: EditorState = { ...state, docs: state.docs.filter((d) => d.key !== key) };
+  if (state.active[doc.projectId] === key) {
+    const rest = siblings.filter((d) => d.key !== key);
+    const neighbour = rest[Math.min(index, rest.length - 1)];
+    next.active = neighbour ? { ...state.active, [doc.projectId]: neighbour.key } : without(state.active, doc.projectId);
   }
-  if (state.previewKey === key) delete next.previewKey;
+  if (state.preview[doc.projectId] === key) next.preview = without(state.preview, doc.projectId);
   return next;
 }
 
-export function activate(state: EditorState, key: string): EditorState {
-  return state.docs.some((d) => d.key === key) ? { ...state, activeKey: key } : state;
+export function activate(state: EditorState, key: string, now = Date.now()): EditorState {
+  const doc = state.docs.find((d) => d.key === key);
+  return doc ? focusDoc(state, doc, now) : state;
+}
+
+/** Markdown rendered beside its source, or the source alone. */
+export function setViewMode(state: EditorState, key: string, mode: 'markdown' | 'source'): EditorState {
+  const doc = state.docs.find((d) => d.key === key);
+  if (!doc || doc.viewMode === mode || doc.viewMode === 'rendered' || !isMarkdownPath(doc.path)) return state;
+  const next = replaceDoc(state, key, (d) => ({ ...d, viewMode: mode }));
+  if (mode === 'markdown') return { ...next, preview: { ...next.preview, [doc.projectId]: key } };
+  return next.preview[doc.projectId] === key ? { ...next, preview: without(next.preview, doc.projectId) } : next;
+}
+
+/** Moves a tab before or after another tab of its project. */
+export function reorderTab(state: EditorState, dragged: string, target: string, after: boolean): EditorState {
+  const from = state.docs.find((d) => d.key === dragged);
+  const to = state.docs.find((d) => d.key === target);
+  if (!from || !to || from === to || from.projectId !== to.projectId) return state;
+  const docs = state.docs.filter((d) => d !== from);
+  docs.splice(docs.indexOf(to) + (after ? 1 : 0), 0, from);
+  return docs.every((d, i) => d === state.docs[i]) ? state : { ...state, docs };
 }
 
 export function edited(state: EditorState, key: string): EditorState {
@@ -116,6 +216,7 @@ export function applyFileEvent(state: EditorState, type: string, payload: unknow
       if (content === undefined) return state;
       const image = str(t.p, 'encoding') === 'base64';
       const mimeType = str(t.p, 'mimeType');
+      let loaded: EditorDoc | undefined;
       const next = replaceDoc(state, t.key, (d) => {
         const doc: EditorDoc = {
           ...d,
@@ -124,15 +225,19 @@ export function applyFileEvent(state: EditorState, type: string, payload: unknow
           loadGeneration: d.loadGeneration + 1,
           version: 0,
           savedVersion: 0,
+          // The name guessed wrong: an image is shown as one, anything else as text.
+          viewMode: image ? 'rendered' : d.viewMode === 'rendered' ? 'source' : d.viewMode,
         };
         delete doc.error;
         delete doc.savingVersion;
+        delete doc.missing;
         if (image && mimeType) doc.mimeType = mimeType;
         else delete doc.mimeType;
+        loaded = doc;
         return doc;
       });
-      if (next === state) return state;
-      if (image) next.previewKey = t.key;
+      if (next === state || !loaded) return state;
+      if (loaded.viewMode !== 'source' && next.active[loaded.projectId] === t.key) next.preview = { ...next.preview, [loaded.projectId]: t.key };
       if (next.confirm && docKey(next.confirm.projectId, next.confirm.path) === t.key) delete next.confirm;
       return next;
     }
@@ -216,10 +321,8 @@ export function applyRenamed(state: EditorState, payload: unknown): EditorState 
     return { ...d, path, key };
   });
   if (!changed) return state;
-  const next: EditorState = { ...state, docs };
-  if (state.activeKey && keyMap.has(state.activeKey)) next.activeKey = keyMap.get(state.activeKey)!;
-  if (state.previewKey && keyMap.has(state.previewKey)) next.previewKey = keyMap.get(state.previewKey)!;
-  return next;
+  const follow = (map: Record<string, string>) => Object.fromEntries(Object.entries(map).map(([p, k]) => [p, keyMap.get(k) ?? k]));
+  return { ...state, docs, active: follow(state.active), preview: follow(state.preview) };
 }
 
 /** Closes the documents of projects that are no longer open. */

@@ -157,13 +157,13 @@ export function isRunning(state: GitState, projectId: string): boolean {
 
 /**
  * "git/result": attributed to the project whose action is running, else to
- * the active project. Returns the result for the toast as well.
+ * the active project. Returns the result for the toast, and that project.
  */
 export function applyResult(
   state: GitState,
   payload: unknown,
   activeProjectId: string | undefined,
-): { state: GitState; toast?: { success: boolean; message: string } } {
+): { state: GitState; toast?: { success: boolean; message: string }; owner?: string } {
   if (!isObject(payload)) return { state };
   const success = bool(payload, 'success');
   const message = str(payload, 'message');
@@ -178,7 +178,7 @@ export function applyResult(
     else if (success && p.running && p.running.action !== 'commit') q.missingRemote = false;
     return q;
   });
-  return { state: next, toast };
+  return { state: next, toast, owner };
 }
 
 /** "git/refresh/barrier": ends the action that posted it. A commit that succeeded empties the message box. */

@@ -1,6 +1,8 @@
-// Editor column (CodeMirror 6) and preview column. One editor view shows the
-// active document; every open document keeps its own editor state (text,
-// undo history, selection) while another one is shown.
+// Editor column (CodeMirror 6) and preview column. Each open file is a tab
+// of its project; one editor view shows the tab on screen, and every tab
+// keeps its own editor state (text, undo history, selection) while another
+// one is shown. The preview column shows the project's image or Markdown
+// tab, the Markdown rendered from the editor's current text.
 
 import { EditorView, keymap, lineNumbers, highlightActiveLine, highlightActiveLineGutter, drawSelection, highlightSpecialChars } from '@codemirror/view';
 import { EditorState, Compartment, type Extension } from '@codemirror/state';
@@ -11,10 +13,11 @@ import { languages } from '@codemirror/language-data';
 import { tags } from '@lezer/highlight';
 import type { App } from '../app';
 import { L } from '../labels';
-import { isDirty, closeDoc, activate, edited, type EditorDoc } from '../state/editor';
+import { isDirty, closeDoc, edited, activeDoc, isMarkdownPath, type EditorDoc } from '../state/editor';
 import { baseName } from '../state/explorer';
 import { h, reconcile, setText } from './dom';
 import { showDialog } from './dialog';
+import { renderMarkdown } from './markdown';
 
 const highlight = HighlightStyle.define([
   { tag: [tags.keyword, tags.controlKeyword, tags.moduleKeyword], color: '#c49bf0' },
@@ -73,11 +76,14 @@ const PHRASES: Record<string, string> = {
 
 export interface EditorViewHandle {
   focus(): boolean;
+  /** The text of an open tab as it stands in the editor, edits included. */
+  textOf(key: string): string | undefined;
 }
 
 export function mountEditor(app: App, column: HTMLElement): EditorViewHandle {
   const tabs = h('div', { class: 'doc-tabs', role: 'tablist', 'aria-label': L.editor });
-  const header = h('div', { class: 'column-header' }, h('span', { class: 'column-title' }, L.editor), tabs);
+  const rendered = h('button', { class: 'text-button view-mode', title: L.renderMarkdown, 'aria-pressed': 'false', hidden: true }, 'Markdown');
+  const header = h('div', { class: 'column-header' }, h('span', { class: 'column-title' }, L.editor), tabs, rendered);
   const message = h('div', { class: 'doc-message', hidden: true });
   const image = h('div', { class: 'doc-image', hidden: true });
   const host = h('div', { class: 'cm-host', hidden: true });
@@ -163,7 +169,7 @@ export function mountEditor(app: App, column: HTMLElement): EditorViewHandle {
     }
     shownKey = doc.key;
     if (doc.kind === 'image') renderImage(image, doc);
-    else if (doc.kind === 'loading') setText(message, L.loading);
+    else if (doc.kind === 'loading' || doc.kind === 'unloaded') setText(message, L.loading);
     else if (doc.kind === 'error') setText(message, doc.error ?? '');
     message.classList.toggle('error', doc.kind === 'error');
   };
@@ -177,46 +183,77 @@ export function mountEditor(app: App, column: HTMLElement): EditorViewHandle {
     app.editor.update((s) => closeDoc(s, doc.key));
   };
 
+  rendered.addEventListener('click', () => {
+    const doc = activeDoc(app.editor.get(), app.activeProjectId);
+    if (doc) app.setViewMode(doc.key, doc.viewMode === 'markdown' ? 'source' : 'markdown');
+  });
+
+  let dragged: string | undefined;
+  const tabFor = (el: HTMLElement) => app.editor.get().docs.find((x) => x.key === el.dataset.key);
+  const createTab = () => {
+    const name = h('span', { class: 'doc-name' });
+    const dirty = h('span', { class: 'dirty-marker', title: L.unsaved, hidden: true }, '●');
+    const close = h('button', { class: 'tab-close', title: L.closeTab, 'aria-label': L.closeTab, tabindex: -1 }, '×');
+    const tab = h('div', { class: 'doc-tab', role: 'tab', tabindex: 0, draggable: 'true' }, name, dirty, close);
+    tab.addEventListener('click', () => {
+      app.activateTab(tab.dataset.key!);
+      view.focus();
+    });
+    close.addEventListener('click', (ev) => {
+      ev.stopPropagation();
+      const doc = tabFor(tab);
+      if (doc) void closeTab(doc);
+    });
+    tab.addEventListener('auxclick', (ev) => {
+      if (ev.button !== 1) return;
+      const doc = tabFor(tab);
+      if (doc) void closeTab(doc);
+    });
+    tab.addEventListener('dragstart', (ev) => {
+      dragged = tab.dataset.key;
+      if (ev.dataTransfer) ev.dataTransfer.effectAllowed = 'move';
+      ev.dataTransfer?.setData('text/plain', tab.title);
+      tab.classList.add('dragging');
+    });
+    tab.addEventListener('dragend', () => {
+      dragged = undefined;
+      tab.classList.remove('dragging');
+      for (const el of tabs.querySelectorAll('.drop-before, .drop-after')) el.classList.remove('drop-before', 'drop-after');
+    });
+    tab.addEventListener('dragover', (ev) => {
+      if (!dragged || dragged === tab.dataset.key) return;
+      ev.preventDefault();
+      const after = dropsAfter(tab, ev);
+      tab.classList.toggle('drop-after', after);
+      tab.classList.toggle('drop-before', !after);
+    });
+    tab.addEventListener('dragleave', () => tab.classList.remove('drop-before', 'drop-after'));
+    tab.addEventListener('drop', (ev) => {
+      ev.preventDefault();
+      tab.classList.remove('drop-before', 'drop-after');
+      if (dragged && dragged !== tab.dataset.key) app.reorderTab(dragged, tab.dataset.key!, dropsAfter(tab, ev));
+    });
+    return tab;
+  };
+
   const render = () => {
     const state = app.editor.get();
     const projectId = app.workspace.get().activeProjectId;
     const docs = state.docs.filter((d) => d.projectId === projectId);
     for (const key of [...states.keys()]) if (!state.docs.some((d) => d.key === key)) states.delete(key);
-    const active = docs.find((d) => d.key === state.activeKey) ?? docs[docs.length - 1];
-    reconcile(
-      tabs,
-      docs,
-      (d) => d.key,
-      (d) => {
-        const name = h('span', { class: 'doc-name' });
-        const dirty = h('span', { class: 'dirty-marker', title: L.unsaved, hidden: true }, '●');
-        const close = h('button', { class: 'tab-close', title: L.closeTab, 'aria-label': L.closeTab, tabindex: -1 }, '×');
-        const tab = h('div', { class: 'doc-tab', role: 'tab', tabindex: 0 }, name, dirty, close);
-        tab.addEventListener('click', () => {
-          app.editor.update((s) => activate(s, d.key));
-          view.focus();
-        });
-        close.addEventListener('click', (ev) => {
-          ev.stopPropagation();
-          const doc = app.editor.get().docs.find((x) => x.key === tab.dataset.key);
-          if (doc) void closeTab(doc);
-        });
-        tab.addEventListener('auxclick', (ev) => {
-          if (ev.button !== 1) return;
-          const doc = app.editor.get().docs.find((x) => x.key === tab.dataset.key);
-          if (doc) void closeTab(doc);
-        });
-        return tab;
-      },
-      (el, d) => {
-        el.classList.toggle('active', d === active);
-        el.setAttribute('aria-selected', String(d === active));
-        el.title = d.path;
-        setText(el.querySelector('.doc-name')!, baseName(d.path));
-        el.querySelector<HTMLElement>('.dirty-marker')!.hidden = !isDirty(d);
-        el.classList.toggle('dirty', isDirty(d));
-      },
-    );
+    const active = activeDoc(state, projectId);
+    reconcile(tabs, docs, (d) => d.key, createTab, (el, d) => {
+      el.classList.toggle('active', d === active);
+      el.setAttribute('aria-selected', String(d === active));
+      el.title = d.missing ? `${d.path} — ${d.missing}` : d.path;
+      setText(el.querySelector('.doc-name')!, baseName(d.path));
+      el.querySelector<HTMLElement>('.dirty-marker')!.hidden = !isDirty(d);
+      el.classList.toggle('dirty', isDirty(d));
+      el.classList.toggle('missing', d.missing !== undefined);
+    });
+    rendered.hidden = !active || !isMarkdownPath(active.path) || active.viewMode === 'rendered';
+    rendered.setAttribute('aria-pressed', String(active?.viewMode === 'markdown'));
+    rendered.classList.toggle('active', active?.viewMode === 'markdown');
     show(active);
   };
 
@@ -232,7 +269,16 @@ export function mountEditor(app: App, column: HTMLElement): EditorViewHandle {
       view.focus();
       return true;
     },
+    textOf(key) {
+      if (key === shownKey && !host.hidden) return view.state.doc.toString();
+      return states.get(key)?.state.doc.toString() ?? app.editor.get().docs.find((d) => d.key === key)?.initialContent;
+    },
   };
+}
+
+function dropsAfter(tab: HTMLElement, ev: DragEvent): boolean {
+  const rect = tab.getBoundingClientRect();
+  return ev.clientX > rect.left + rect.width / 2;
 }
 
 function renderImage(container: HTMLElement, doc: EditorDoc): void {
@@ -242,21 +288,58 @@ function renderImage(container: HTMLElement, doc: EditorDoc): void {
   container.replaceChildren(h('img', { src, alt: doc.path }));
 }
 
-export function mountPreview(app: App, column: HTMLElement): void {
+const MARKDOWN_DELAY_MS = 150;
+
+export function mountPreview(app: App, column: HTMLElement, textOf: (key: string) => string | undefined): void {
   const title = h('span', { class: 'column-title' }, L.preview);
   const header = h('div', { class: 'column-header' }, title);
   const image = h('div', { class: 'doc-image' });
+  const markdown = h('article', { class: 'markdown-body' });
   const empty = h('div', { class: 'empty-note' }, L.noPreview);
-  column.append(header, image, empty);
-  const render = () => {
+  column.append(header, image, markdown, empty);
+
+  const shownDoc = () => {
     const state = app.editor.get();
     const projectId = app.workspace.get().activeProjectId;
-    const doc = state.docs.find((d) => d.key === state.previewKey && d.projectId === projectId && d.kind === 'image');
-    image.hidden = !doc;
+    const key = projectId ? state.preview[projectId] : undefined;
+    return state.docs.find((d) => d.key === key && (d.kind === 'image' || (d.kind === 'text' && d.viewMode === 'markdown')));
+  };
+  const stamp = (doc: EditorDoc) => `${doc.key}\u0000${doc.loadGeneration}\u0000${doc.version}`;
+  /** The tab, load and edit the Markdown view shows. */
+  let drawn = '';
+  let timer: ReturnType<typeof setTimeout> | undefined;
+  const drawMarkdown = (doc: EditorDoc) => {
+    drawn = stamp(doc);
+    const scroll = markdown.scrollTop;
+    markdown.replaceChildren(renderMarkdown(textOf(doc.key) ?? doc.initialContent, { path: doc.path, openPath: (path) => app.openFile(doc.projectId, path) }));
+    markdown.scrollTop = scroll;
+  };
+
+  const render = () => {
+    const doc = shownDoc();
+    image.hidden = doc?.kind !== 'image';
+    markdown.hidden = doc?.kind !== 'text';
     empty.hidden = !!doc;
     setText(title, doc ? `${L.preview} — ${baseName(doc.path)}` : L.preview);
-    if (doc) renderImage(image, doc);
+    if (doc?.kind === 'image') renderImage(image, doc);
     else image.replaceChildren();
+    if (doc?.kind !== 'text') {
+      drawn = '';
+      markdown.replaceChildren();
+      return;
+    }
+    // Another file or a fresh load is drawn at once; edits are drawn after a pause in typing.
+    if (!drawn.startsWith(`${doc.key}\u0000${doc.loadGeneration}\u0000`)) {
+      clearTimeout(timer);
+      timer = undefined;
+      drawMarkdown(doc);
+    } else if (stamp(doc) !== drawn && timer === undefined) {
+      timer = setTimeout(() => {
+        timer = undefined;
+        const now = shownDoc();
+        if (now?.kind === 'text') drawMarkdown(now);
+      }, MARKDOWN_DELAY_MS);
+    }
   };
   app.editor.subscribe(render);
   app.workspace.subscribe(render);

@@ -12,8 +12,12 @@ import { waitForPosted } from './postedMessages.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
 
-export function loadRecording(name = 'recorded.json') {
+export function loadFixture(name) {
   return JSON.parse(fs.readFileSync(path.join(here, 'fixtures', name), 'utf8'));
+}
+
+export function loadRecording(name = 'recorded.json') {
+  return loadFixture(name);
 }
 
 const sameList = (a, b) => Array.isArray(a) && Array.isArray(b) && a.length === b.length && a.every((x, i) => x === b[i]);
@@ -35,6 +39,9 @@ function answers(recorded, posted) {
       return r.projectId === p.projectId && r.path === p.path;
     case 'git/refresh/barrier':
       return r.projectId === p.projectId;
+    case 'git/history':
+      // A page is asked for by where it starts; the request id is the page's own.
+      return r.projectId === p.projectId && (r.cursorPayload ?? null) === (p.cursorPayload ?? null) && (r.pageSize ?? 20) === (p.pageSize ?? 20);
     case 'terminal/resize':
       // The program confirms every size it gives a shell; any size is answered like the recorded one.
       return true;
@@ -54,7 +61,7 @@ function tailor(events, posted) {
     if (e.type === 'project/explorer/directories' && Array.isArray(p.paths)) {
       return { ...e, payload: { ...e.payload, requestId: p.requestId, directories: e.payload.directories.filter((d) => p.paths.includes(d.path)) } };
     }
-    if (e.type === 'git/refresh/barrier') return { ...e, payload: { ...e.payload, requestId: p.requestId } };
+    if (e.type === 'git/refresh/barrier' || e.type === 'git/history' || e.type === 'git/history/error') return { ...e, payload: { ...e.payload, requestId: p.requestId } };
     if (posted.type === 'terminal/resize') {
       // The confirmation, and the shell's redraw, belong to the session that was resized.
       return e.payload?.sessionId === undefined ? e : { ...e, payload: { ...e.payload, sessionId: p.sessionId, ...(e.type === 'terminal/resize' ? { cols: p.cols, rows: p.rows } : {}) } };

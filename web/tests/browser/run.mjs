@@ -5,7 +5,7 @@ import assert from 'node:assert/strict';
 import { serve, launch, installChannel } from './harness.mjs';
 import { shippedBuild, testBuild, isStale } from '../../scripts/builds.mjs';
 import { FakeNative } from './fakeNative.mjs';
-import { RecordedNative, loadRecording } from './recordedNative.mjs';
+import { RecordedNative, loadRecording, loadFixture } from './recordedNative.mjs';
 import { dropScript } from '../injectedScript.mjs';
 
 const tests = [];
@@ -14,7 +14,7 @@ const test = (name, fn) => tests.push({ name, fn });
 const b64 = (text) => Buffer.from(text, 'utf8').toString('base64');
 
 /** Opens the page with a fake native side that already has `setup`'s projects. */
-async function openPage(ctx, setup = () => undefined, { channel = true } = {}) {
+async function openPage(ctx, setup = () => undefined, { channel = true, before } = {}) {
   const native = new FakeNative();
   setup(native);
   const page = await ctx.context.newPage();
@@ -24,6 +24,7 @@ async function openPage(ctx, setup = () => undefined, { channel = true } = {}) {
   page.on('console', (m) => logs.push(m.text()));
   native.attach(page);
   if (channel) await installChannel(page, (m) => native.handle(m));
+  if (before) await before(page);
   await page.goto(ctx.url);
   await page.waitForSelector('.topbar');
   return { page, native, errors, logs };
@@ -289,6 +290,105 @@ test('commits from the git panel and shows the result', async (ctx) => {
   await page.close();
 });
 
+/** Commits as "git/history" serves them signed out: the local-only ones, then all of HEAD labelled remote, so those come twice. */
+function servedHistory(total, localOnly) {
+  const commits = Array.from({ length: total }, (_, i) => ({
+    oid: i.toString(16).padStart(40, '0'),
+    messageHeadline: `commit ${i}`,
+    author: i % 2 ? { name: 'Ann', login: 'ann' } : { name: 'Bob' },
+    committedDate: '2024-05-01T12:00:00Z',
+    files: i === 0 ? [{ path: 'src/{old => new}/x.ts', additions: 3, deletions: 1 }] : [],
+  }));
+  return [...commits.slice(0, localOnly).map((c) => ({ ...c, origin: 'local' })), ...commits.map((c) => ({ ...c, origin: 'remote' }))];
+}
+
+test('history scrolls 600 commits to the end, each once, and a commit file asks for its diff', async (ctx) => {
+  let project;
+  const { page, native, errors } = await openPage(ctx, (n) => {
+    project = n.addProject('rho');
+    n.history.set(project.id, servedHistory(600, 120));
+  });
+  await page.click('.git-tab[data-tab="history"]');
+  const first = await native.waitFor((m) => m.type === 'git/history', 'git/history');
+  assert.deepEqual(Object.keys(first.payload).sort(), ['pageSize', 'projectId', 'requestId']);
+  await page.waitForSelector('.history-row.commit >> text=commit 0');
+  const end = await page.waitForFunction(() => {
+    const list = document.querySelector('.history-list');
+    list.scrollTop = list.scrollHeight;
+    const tail = document.querySelector('.history-row.tail')?.textContent;
+    return tail?.endsWith('件のコミット') && tail;
+  }, undefined, { polling: 30, timeout: 20000 });
+  assert.equal(await end.jsonValue(), '600 件のコミット');
+  const oids = await page.evaluate((id) => window.__velkoTest.app.history.get().projects[id].commits.map((c) => c.oid), project.id);
+  assert.equal(new Set(oids).size, 600);
+  assert.equal(oids.length, 600);
+  // Only the rows near the viewport exist.
+  assert.ok((await page.locator('.history-row').count()) < 80);
+  const pages = native.messages.filter((m) => m.type === 'git/history');
+  assert.ok(pages.slice(1).every((m) => typeof m.payload.cursorPayload === 'string'));
+  await page.$eval('.history-list', (l) => (l.scrollTop = 0));
+  await page.click('.history-row.commit:has-text("commit 0")');
+  await page.click('.history-row.file:has-text("x.ts")');
+  const asked = await native.waitFor((m) => m.type === 'git/commit/diff', 'git/commit/diff');
+  assert.deepEqual(asked.payload, { projectId: project.id, commit: oids[0], path: 'src/new/x.ts' });
+  await page.waitForSelector('.history-diff .diff-line.add >> text=+added in 0000000');
+  assert.deepEqual(errors, []);
+  await page.close();
+});
+
+test('the graph draws a merge on two lanes, runs an unlisted parent off the bottom, and shows its failure', async (ctx) => {
+  let a, b;
+  const { page, native } = await openPage(ctx, (n) => {
+    a = n.addProject('sigma');
+    b = n.addProject('tau');
+    const node = (oid, lane, branchColor) => ({ oid, lane, branchColor, messageHeadline: `msg ${oid}`, authorName: 'Ann', committedDate: '2024-05-01T12:00:00Z' });
+    n.graphs.set(b.id, {
+      nodes: [node('m', 0, '#E57373'), node('f', 1, '#64B5F6'), node('p', 1, '#64B5F6')],
+      edges: [{ from: 'm', to: 'p', lane: 0 }, { from: 'm', to: 'f', lane: 1 }, { from: 'f', to: 'p', lane: 1 }, { from: 'p', to: 'gone', lane: 1 }],
+    });
+    n.graphFailures.set(a.id, 'コミットグラフの取得に失敗しました: 認証が必要です');
+  });
+  await page.click('.git-tab[data-tab="graph"]');
+  await page.waitForSelector('.graph-row >> text=msg f');
+  const types = native.messages.map((m) => m.type);
+  assert.ok(types.lastIndexOf('git/refresh/barrier') > types.indexOf('git/graph'));
+  const cx = (oid) => page.$eval(`circle[data-oid="${oid}"]`, (c) => Number(c.getAttribute('cx')));
+  assert.notEqual(await cx('m'), await cx('f'));
+  assert.equal(await page.$eval('path[data-from="m"][data-to="f"]', (p) => p.getAttribute('stroke')), '#64B5F6');
+  assert.ok(await page.$('path[data-from="p"][data-to="gone"][data-off-bottom]'));
+  // The other project's graph failed: its message shows in the view, not as an action's toast.
+  await page.click('.project-tab >> text=sigma');
+  await page.waitForSelector('.git-graph .empty-note.error >> text=コミットグラフの取得に失敗しました: 認証が必要です');
+  assert.equal(await page.locator('.graph-row').count(), 0);
+  assert.equal(await page.locator('.toast').count(), 0);
+  await page.close();
+});
+
+test('the branch map shows what it left out, keeps the current branch, and asks for all of it', async (ctx) => {
+  let project;
+  const { page, native } = await openPage(ctx, (n) => {
+    project = n.addProject('upsilon');
+    const node = (name, extra = {}) => ({ name, isCurrent: false, isBase: false, parentConfidence: 'confirmed', mergeState: 'unmerged', location: 'local', pushState: 'noUpstream', inUseByOtherWorktree: false, hasUncommittedChanges: false, hasConflicts: false, isCleanupCandidate: false, overlaps: [], priority: 5, ...extra });
+    const nodes = [node('main', { isBase: true, mergeState: 'base', priority: 0 }), ...Array.from({ length: 56 }, (_, i) => node(`topic-${i}`))];
+    nodes.push(node('feature/mine', { isCurrent: true, parent: 'topic-3', parentConfidence: 'estimated', priority: 2, overlaps: [{ branch: 'topic-1', fileCount: 7, samplePaths: ['a.ts', 'b.ts'] }] }));
+    n.branchMaps.set(project.id, { baseBranch: 'main', currentBranch: 'feature/mine', repositoryState: 'ready', isShallow: true, hasRemote: false, nodes, generatedAt: '2024-05-01T12:00:00Z' });
+  });
+  await page.click('.git-tab[data-tab="branches"]');
+  await page.waitForSelector('.branch-more >> text=8 件を省略');
+  assert.equal(await page.locator('.branch-node').count(), 50);
+  const mine = page.locator('.branch-node.current[data-branch="feature/mine"]');
+  assert.equal(await mine.locator('.branch-badge.estimated').textContent(), '推定');
+  assert.ok((await mine.textContent()).includes('a.ts, b.ts'));
+  await page.waitForSelector('.branch-note >> text=浅いクローン');
+  await page.waitForSelector('.branch-note >> text=リモートリポジトリがありません');
+  await page.click('.branch-more button');
+  const all = await native.waitFor((m) => m.type === 'git/branch-map' && m.payload.limit !== undefined, 'branch map with a limit');
+  assert.deepEqual(all.payload, { projectId: project.id, limit: 58 });
+  await page.waitForFunction(() => document.querySelectorAll('.branch-node').length === 58);
+  assert.ok(await page.isHidden('.branch-more'));
+  await page.close();
+});
+
 test('a pinch on the touchpad widens or narrows the column under the fingers', async (ctx) => {
   const { page, native } = await openPage(ctx, (n) => n.addProject('pi'));
   await page.waitForSelector('.project-tab.active >> text=pi');
@@ -310,6 +410,124 @@ test('a pinch on the touchpad widens or narrows the column under the fingers', a
   await page.close();
 });
 
+test('the account control signs in through the browser and signs out', async (ctx) => {
+  const { page, native } = await openPage(ctx, (n) => n.addProject('acct'));
+  const referers = [];
+  await page.route('https://avatars.example/**', (route) => {
+    referers.push(route.request().headers().referer ?? 'none');
+    if (route.request().url().endsWith('/gone.png')) return route.fulfill({ status: 404 });
+    return route.fulfill({ status: 200, contentType: 'image/png', body: Buffer.from('iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR42mNk+M9QDwADhgGAWjR9awAAAABJRU5ErkJggg==', 'base64') });
+  });
+  await page.click('.account-sign-in');
+  const start = await native.waitFor((m) => m.type === 'github/oauth/start', 'github/oauth/start');
+  assert.equal(start.payload, undefined);
+  await page.waitForSelector('.account-waiting >> text=ブラウザでサインインを続けてください…');
+  // Each configuration is followed by a plain status; the sign-in in the browser is still open.
+  await native.sendConfig();
+  assert.ok(await page.isVisible('.account-cancel'));
+  native.oauth = { status: 'connected', account: { login: 'octo', avatarUrl: 'https://avatars.example/u/1.png' } };
+  await native.send('github/oauth/status', native.oauth);
+  await page.waitForSelector('.account-login >> text=@octo');
+  await page.waitForFunction(() => document.querySelector('.account-avatar img')?.naturalWidth === 1);
+  assert.equal(await page.getAttribute('.account-avatar img', 'referrerpolicy'), 'no-referrer');
+  assert.deepEqual(referers, ['none']);
+  await native.send('github/oauth/status', { status: 'connected', account: { login: 'octo', avatarUrl: 'https://avatars.example/gone.png' } });
+  await page.waitForSelector('.account-initial >> text=O');
+  await page.click('.account-sign-out');
+  await native.waitFor((m) => m.type === 'github/oauth/logout', 'github/oauth/logout');
+  await page.waitForSelector('.toast >> text=サインアウトしました');
+  await page.waitForSelector('.account-sign-in >> text=GitHub にサインイン');
+  await page.close();
+});
+
+test('the dashboard opens from the top bar, ends its heatmap today in the user\'s zone, and a card opens its project', async (ctx) => {
+  let a, b;
+  const { page, native } = await openPage(ctx, (n) => {
+    a = n.addProject('velko');
+    b = n.addProject('notes');
+    n.dashboardSnapshot = JSON.parse(JSON.stringify(loadFixture('dashboard.json')).replaceAll('PROJECT-0', a.id).replaceAll('PROJECT-1', b.id));
+  }, {
+    before: async (page) => {
+      // 20:00 on 1 May in Los Angeles, already 2 May in UTC.
+      await page.clock.setFixedTime(new Date('2024-05-02T03:00:00Z'));
+      await (await page.context().newCDPSession(page)).send('Emulation.setTimezoneOverride', { timezoneId: 'America/Los_Angeles' });
+    },
+  });
+  await page.waitForSelector('.project-tab.active >> text=notes');
+  await page.click('.dashboard-button');
+  const present = await native.waitFor((m) => m.type === 'dashboard.present', 'dashboard.present');
+  assert.deepEqual(present.payload, { source: 'topbar' });
+  await page.waitForSelector('.dash-card >> text=velko');
+  assert.equal(await page.textContent('.dash-delta'), '↑ 125.0%');
+  const card = page.locator('.dash-card', { hasText: 'velko' });
+  assert.ok((await card.textContent()).includes('最終コミット 3 時間前'));
+  const cells = await card.locator('.heat-cell').evaluateAll((els) => els.map((e) => [e.dataset.day, e.className, e.title]));
+  assert.equal(cells.length, 28);
+  assert.deepEqual(cells.at(-1), ['2024-05-01', 'heat-cell level-2 today', '2024/05/01 (水) · 3 コミット']);
+  assert.equal(cells[0][0], '2024-04-04');
+  assert.equal(await card.locator('.dash-lang').count(), 6);
+  await native.send('system/metrics', { timestamp: '2024-05-02T03:00:00Z', cpuPercent: 3.14, memoryMB: 141.6 });
+  await page.waitForSelector('.dash-metrics >> text=CPU 3.1% · 142 MB');
+  await page.click('.dash-refresh');
+  await native.waitFor((m) => m.type === 'dashboard.present' && m.payload.forceRefresh === true, 'refresh');
+  await page.keyboard.press('Escape');
+  await native.waitFor((m) => m.type === 'dashboard.dismiss', 'dashboard.dismiss');
+  await page.waitForSelector('.dashboard', { state: 'hidden' });
+  await page.click('.dashboard-button');
+  await page.click('.dash-card:has-text("velko")');
+  await page.waitForSelector('.project-tab.active >> text=velko');
+  const after = native.messages.slice(native.messages.findLastIndex((m) => m.type === 'dashboard.present') + 1).map((m) => m.type).filter((t) => t.startsWith('dashboard') || t === 'project/activate');
+  assert.deepEqual(after, ['project/activate', 'dashboard.dismiss']);
+  await page.waitForSelector('.dashboard', { state: 'hidden' });
+  await page.close();
+});
+
+test('preview tabs: a drag reorders and is stored, restored tabs come back unread, a gone file stays marked', async (ctx) => {
+  let project;
+  const { page, native } = await openPage(ctx, (n) => {
+    project = n.addProject('phi', { 'a.ts': 'a', 'b.ts': 'b', 'c.ts': 'c' });
+  }, { before: (page) => page.addInitScript(() => localStorage.removeItem('velko.columnWidths')) });
+  await page.waitForSelector('.project-tab.active >> text=phi');
+  const tab = (id, path) => ({ id, path, title: path, isDirty: false, viewMode: 'source', lastOpenedAt: 1714500000000 });
+  await native.send('previewTab:hydrate', { projectId: project.id, snapshot: { activeTabId: 't1', tabs: [tab('t1', 'a.ts'), tab('t2', 'gone.ts'), tab('t3', 'b.ts')], version: 1 } });
+  await native.send('previewTab:warning', { projectId: project.id, tabs: [{ tabId: 't2', path: 'gone.ts', code: 'file_missing', message: 'ファイルが見つかりません' }] });
+  await page.waitForSelector('.cm-content >> text=a');
+  assert.equal(await page.getAttribute('.doc-tab.missing', 'title'), 'gone.ts — ファイルが見つかりません');
+  // Only the tab on screen was read.
+  assert.deepEqual(native.messages.filter((m) => m.type === 'project/file/open').map((m) => m.payload.path), ['a.ts']);
+  await page.dblclick('.tree-row:has-text("c.ts")');
+  await page.waitForSelector('.doc-tab.active >> text=c.ts');
+  await page.dragAndDrop('.doc-tab:has-text("c.ts")', '.doc-tab:has-text("a.ts")', { targetPosition: { x: 2, y: 10 } });
+  const stored = await native.waitFor((m) => m.type === 'previewTabs/persist' && m.payload.snapshot.tabs[0].path === 'c.ts', 'persist after the drag');
+  assert.equal(stored.payload.projectId, project.id);
+  assert.deepEqual(stored.payload.snapshot.tabs.map((t) => t.path), ['c.ts', 'a.ts', 'gone.ts', 'b.ts']);
+  assert.equal(stored.payload.snapshot.tabs.find((t) => t.path === 'c.ts').id, stored.payload.snapshot.activeTabId);
+  await page.close();
+});
+
+test('Markdown renders beside its source and nothing in it runs or posts', async (ctx) => {
+  const evil = ['# Notes', '', '<script>window.__ran = 1; window.webkit.messageHandlers.velko.postMessage({ type: "evil" })</script>', '',
+    '<img src="x" onerror="window.__ran = 2">', '', '[click](javascript:window.__ran=3) [next](b.md)', '',
+    '![pic](javascript:window.__ran=4) <a href="javascript:window.__ran=5" onclick="window.__ran=6">raw</a>'].join('\n');
+  const { page, native, errors } = await openPage(ctx, (n) => n.addProject('chi', { 'evil.md': evil, 'b.md': '# B' }));
+  await page.dblclick('.tree-row:has-text("evil.md")');
+  await page.waitForSelector('.markdown-body h1 >> text=Notes');
+  await page.waitForSelector('.cm-content >> text=# Notes');
+  for (const p of await page.$$('.markdown-body p')) await p.click({ position: { x: 2, y: 4 } });
+  assert.equal(await page.evaluate(() => window.__ran), undefined);
+  assert.equal(await page.locator('.markdown-body script, .markdown-body [onerror], .markdown-body [onclick], .markdown-body [href^="javascript" i], .markdown-body img').count(), 0);
+  assert.ok((await page.textContent('.markdown-body')).includes('<script>'));
+  assert.ok(!native.messages.some((m) => m.type === 'evil'));
+  // A link to another file of the project opens it in a tab; the toggle shows the source alone.
+  await page.click('.markdown-body .md-file-link');
+  await page.waitForSelector('.doc-tab.active >> text=b.md');
+  await page.waitForSelector('.markdown-body h1 >> text=B');
+  await page.click('.view-mode');
+  await page.waitForSelector('.markdown-body', { state: 'hidden' });
+  assert.deepEqual(errors, []);
+  await page.close();
+});
+
 test('malformed events are ignored and the page keeps working', async (ctx) => {
   const { page, native, errors } = await openPage(ctx, (n) => n.addProject('mu'));
   await page.waitForSelector('.project-tab.active >> text=mu');
@@ -322,6 +540,9 @@ test('malformed events are ignored and the page keeps working', async (ctx) => {
     ['project/explorer/changed', { projectId: native.activeProjectId, directoryPaths: 'src' }],
     ['git/status', { projectId: native.activeProjectId, staged: 'x', ahead: 'two' }],
     ['git/result', { success: 'yes' }],
+    ['git/history', { projectId: native.activeProjectId, edges: 'none', pageInfo: 7 }],
+    ['git/graph', { projectId: native.activeProjectId, nodes: [{ oid: 'a', lane: -1 }, null], edges: {} }],
+    ['git/branch-map', { projectId: native.activeProjectId, nodes: [{ name: 5 }, { name: 'x', overlaps: 'y' }] }],
     ['project/file/content', { projectId: native.activeProjectId, path: 5, content: null }],
     ['unknown/type', {}],
   ];
@@ -365,8 +586,8 @@ test('the shipped page puts nothing on window beyond the bridge protocol', async
 });
 
 // The same journeys against the program's own recorded answers.
-async function openRecorded(ctx) {
-  const native = new RecordedNative(loadRecording());
+async function openRecorded(ctx, recording = 'recorded.json', projectName = 'demo') {
+  const native = new RecordedNative(loadRecording(recording));
   const page = await ctx.context.newPage();
   const errors = [];
   page.on('pageerror', (e) => errors.push(e));
@@ -378,7 +599,7 @@ async function openRecorded(ctx) {
   await page.waitForSelector('.topbar');
   await page.waitForSelector('.empty-workspace >> text=プロジェクトを開く');
   await page.click('.add-project');
-  await page.waitForSelector('.project-tab.active >> text=demo');
+  await page.waitForSelector(`.project-tab.active >> text=${projectName}`);
   const config = native.recording.steps.find((s) => s.message.type === 'project/open').events.find((e) => e.type === 'app/config').payload;
   return { page, native, errors, projectId: config.projects[0].id, sessionId: config.cliSessions[0].id };
 }
@@ -486,6 +707,40 @@ test('recorded: diff, commit, push without a remote, a terminal that exits, clos
   await page.waitForSelector('.session-tab.active .status-badge >> text=実行中');
   // The program brings projects back without their shells: the page asks for one, once.
   assert.equal(creates(), before + 1);
+  assert.deepEqual(errors, []);
+  await page.close();
+});
+
+test('recorded: history pages to its end, a commit file shows its diff, an empty graph, and the whole branch map', async (ctx) => {
+  const { page, native, errors, projectId } = await openRecorded(ctx, 'history.json', 'widgets');
+  const recorded = native.recording.steps.filter((s) => s.message.type === 'git/history').flatMap((s) => s.events.filter((e) => e.type === 'git/history'));
+  const expected = recorded.flatMap((e) => e.payload.edges.map((c) => c.oid));
+  await page.click('.git-tab[data-tab="history"]');
+  await page.waitForSelector('.history-row.commit >> text=Settle part one');
+  const end = await page.waitForFunction(() => {
+    const list = document.querySelector('.history-list');
+    list.scrollTop = list.scrollHeight;
+    const tail = document.querySelector('.history-row.tail')?.textContent;
+    return tail?.endsWith('件のコミット') && tail;
+  }, undefined, { polling: 30, timeout: 20000 });
+  assert.equal(await end.jsonValue(), `${expected.length} 件のコミット`);
+  const oids = await page.evaluate((id) => window.__velkoTest.app.history.get().projects[id].commits.map((c) => c.oid), projectId);
+  assert.deepEqual(oids, expected);
+  assert.equal(new Set(oids).size, oids.length);
+  await page.$eval('.history-list', (l) => (l.scrollTop = 0));
+  await page.click('.history-row.commit:has-text("Settle part one")');
+  await page.click('.history-row.file:has-text("src/part1.ts")');
+  await page.waitForSelector('.history-diff .diff-line.add >> text=+export const part = 100;');
+  await page.click('.git-tab[data-tab="graph"]');
+  await page.waitForSelector('.git-graph .empty-note');
+  assert.equal(await page.locator('.graph-row').count(), 0);
+  await page.click('.git-tab[data-tab="branches"]');
+  await page.waitForSelector('.branch-more >> text=8 件を省略');
+  assert.equal(await page.locator('.branch-node').count(), 50);
+  assert.ok(await page.$('.branch-node.current[data-branch="main"]'));
+  await page.click('.branch-more button');
+  await native.waitFor((m) => m.type === 'git/branch-map' && m.payload.limit === 58, 'the whole branch map');
+  await page.waitForFunction(() => document.querySelectorAll('.branch-node').length === 58);
   assert.deepEqual(errors, []);
   await page.close();
 });

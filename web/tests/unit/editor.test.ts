@@ -38,7 +38,8 @@ describe('opening files', () => {
 
     const img = ed.applyFileEvent(ed.openRequested(ed.initialEditor, P1, 'i.png'), 'project/file/content', { projectId: P1, path: 'i.png', content: 'iVBO', encoding: 'base64', mimeType: 'image/png' });
     expect(img.docs[0]).toMatchObject({ kind: 'image', mimeType: 'image/png' });
-    expect(img.previewKey).toBe(ed.docKey(P1, 'i.png'));
+    expect(img.preview[P1]).toBe(ed.docKey(P1, 'i.png'));
+    expect(img.docs[0]!.viewMode).toBe('rendered');
 
     const failed = ed.applyFileEvent(opening, 'project/file/error', { projectId: P1, path: 'src/a.ts', message: 'ファイルが見つかりませんでした' });
     expect(doc(failed)).toMatchObject({ kind: 'error', error: 'ファイルが見つかりませんでした' });
@@ -61,7 +62,7 @@ describe('opening files', () => {
   it('follows renames of the file and of its folder', () => {
     let s = ed.applyRenamed(loaded, { projectId: P1, path: 'src', nextPath: 'lib', entityType: 'folder' });
     expect(s.docs[0]!.path).toBe('lib/a.ts');
-    expect(s.activeKey).toBe(ed.docKey(P1, 'lib/a.ts'));
+    expect(s.active[P1]).toBe(ed.docKey(P1, 'lib/a.ts'));
     s = ed.applyRenamed(s, { projectId: P1, path: 'lib/a.ts', nextPath: 'lib/b.ts', entityType: 'file' });
     expect(s.docs[0]!.path).toBe('lib/b.ts');
     expect(ed.applyRenamed(s, { projectId: P1, path: 'lib/b', nextPath: 'x', entityType: 'file' })).toBe(s);

@@ -9,9 +9,10 @@
 
 import type { App } from '../../app';
 import { L } from '../../labels';
-import { classifyPatch, clearDiff, projectGit, setDraft, type DiffSelection, type DiffStage, type GitFile, type GitProjectState } from '../../state/git';
+import { clearDiff, projectGit, setDraft, type DiffSelection, type DiffStage, type GitFile, type GitProjectState } from '../../state/git';
 import { h, reconcile, setText } from '../dom';
 import type { GitView } from './column';
+import { diffContent } from './diffText';
 
 interface Group {
   id: 'staged' | 'unstaged' | 'untracked';
@@ -133,22 +134,7 @@ export function mountChanges(app: App): GitView {
     drawnDiff = { projectId, sel };
     const close = h('button', { class: 'icon-button', title: L.closeDiff, 'aria-label': L.closeDiff, onclick: () => shown && app.git.update((s) => clearDiff(s, shown!)) }, '×');
     const title = h('div', { class: 'diff-title' }, h('span', {}, `${L.diff}: ${sel.path}`), close);
-    let content: Node;
-    if (sel.loading) content = h('div', { class: 'empty-note inline' }, L.loading);
-    else if (sel.files.length === 0) content = h('div', { class: 'empty-note inline' }, L.noDiff);
-    else {
-      const pre = h('pre', { class: 'diff-text' });
-      for (const file of sel.files) {
-        if (file.isBinary) {
-          pre.append(h('div', { class: 'diff-line meta' }, L.binaryDiff));
-          continue;
-        }
-        pre.append(h('div', { class: 'diff-line meta' }, `+${file.additions} −${file.deletions}`));
-        for (const line of classifyPatch(file.patch)) pre.append(h('div', { class: `diff-line ${line.kind}` }, line.text || ' '));
-      }
-      content = pre;
-    }
-    diff.replaceChildren(title, content);
+    diff.replaceChildren(title, diffContent(sel.loading, sel.files));
   };
 
   return {

@@ -1,0 +1,152 @@
+// The account as the page and the security log see it: status payloads, the
+// messages, and one log line for each thing that happened.
+#include <gtest/gtest.h>
+
+#include "github/AccountTestSupport.h"
+#include "shell/BridgeHarness.h"
+#include "shell/ServiceAdapters.h"
+
+using namespace velko;
+using namespace velko::test;
+
+namespace {
+
+OAuthTokenRecord record(const char* expiresAt, std::optional<std::string> login) {
+    OAuthTokenRecord r;
+    r.accessToken = SecretText("gho_secret");
+    r.refreshToken = SecretText("ghr_secret");
+    r.expiresAt = *parseOAuthTime(expiresAt);
+    r.scope = {"offline_access", "repo"};
+    r.tokenType = "bearer";
+    r.accountLogin = login;
+    if (login) r.accountAvatarURL = "https://avatars/" + *login;
+    return r;
+}
+
+}  // namespace
+
+TEST(AccountStatus, PayloadsNameTheAccountAndAnExpiryOnlyWhenThereIsOne) {
+    auto withLogin = record("2026-03-01T18:00:00Z", "octo");
+    auto noExpiry = record("2100-06-01T00:00:00Z", std::nullopt);
+    struct Case {
+        const OAuthTokenRecord* record;
+        bool refreshed;
+        std::optional<std::string> reason;
+        const char* json;
+    };
+    const Case cases[] = {
+        {&withLogin, true, {},
+         R"({"status":"connected","account":{"login":"octo","avatarUrl":"https://avatars/octo"},"expiresAt":"2026-03-01T18:00:00.000Z","refreshed":true})"},
+        {&noExpiry, false, {}, R"({"status":"connected"})"},
+        {nullptr, false, "userLogout", R"({"status":"disconnected","reason":"userLogout"})"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.json);
+        EXPECT_EQ(WebBridge::oauthStatusPayload(c.record, c.refreshed, c.reason).dump(), c.json);
+    }
+}
+
+TEST(AccountBridge, EachOutcomeReachesThePageAndTheSecurityLogOnce) {
+    BridgeHarness h;
+    auto keychain = std::make_shared<MemoryKeychainStore>();
+    auto auth = std::make_shared<GitAuthManager>(keychain);
+    auto log = std::make_shared<RecordingSecurityLog>();
+    auto client = std::make_shared<FakeClient>();
+    auto sessions = std::make_shared<FakeSessions>();
+    auto worker = std::make_shared<ManualQueue>();
+    auto refreshQueue = std::make_shared<ManualQueue>();
+    auto refresher = std::make_shared<GitTokenRefresher>(auth, client,
+                                                         std::make_shared<QueueRefreshScheduler>(refreshQueue));
+    auto coordinator = std::make_shared<GitHubOAuthCoordinator>(
+        GitHubOAuthCoordinator::Configuration{"cid", "http://127.0.0.1:9/cb", {"repo"}, GitHubEndpoints()},
+        GitHubOAuthCoordinator::Collaborators{auth, client, refresher, sessions, worker,
+                                              [] { return *parseOAuthTime("2026-03-01T10:00:00Z"); }});
+    auto run = [&] {
+        while (h.main->runUntilIdle() + worker->runUntilIdle() > 0) {
+        }
+    };
+
+    // Before anything is attached: no configuration, no sign-in.
+    h.send(R"({"type":"github/oauth/start"})");
+    EXPECT_EQ(h.events(), std::vector<std::string>{
+                              R"x(github/oauth/error {"message":"GitHub サインインが設定されていません (OAuth クライアント ID がありません)","recoverable":true})x"});
+    h.bridge->setAuthManager(auth);
+    h.bridge->setSecurityLogger(log);
+    h.bridge->attach(coordinator, refresher);
+
+    struct Step {
+        const char* name;
+        std::function<void()> act;
+        std::vector<std::string> events;  // type and the payload's keys worth reading
+        std::vector<std::string> log;
+    };
+    auto expired = [&] {
+        auto r = record("2026-03-01T10:00:00Z", "octo");
+        ASSERT_TRUE(auth->save(r));
+    };
+    const Step steps[] = {
+        {"sign-in", [&] {
+             h.send(R"({"type":"github/oauth/start"})");
+             run();
+             sessions->made.back()->completion("http://127.0.0.1:9/cb?code=c&state=" + sessions->query("state"));
+             run();
+         },
+         {"github/oauth/status connected octo"},
+         {"oauthStart", "oauthSuccess @octo expiresAt=2026-03-01T18:00:00.000Z scopes=repo"}},
+        {"a stray redirect", [&] { coordinator->receiveCallback("http://127.0.0.1:9/cb?code=c&state=x"); run(); },
+         {"github/oauth/error GitHub サインインに失敗しました: missingState"}, {"oauthFailure @octo error=missingState"}},
+        {"a refresh", [&] {
+             expired();
+             client->onRefresh = [](const std::string&) { return tokens("gho_B", "ghr_B", 0); };
+             refresher->evaluateRefresh();
+             run();
+         },
+         {"github/oauth/status connected octo refreshed"}, {"oauthRefreshSuccess @octo expiresAt=4001-01-01T00:00:00.000Z"}},
+        {"a refused refresh", [&] {
+             expired();
+             client->onRefresh = [](const std::string&) { return fail(OAuthError::invalidResponse); };
+             refresher->evaluateRefresh();
+             run();
+         },
+         {"github/oauth/status disconnected refreshFailed",
+          "github/oauth/error GitHub トークンの更新に失敗しました: invalidResponse"},
+         {"oauthRefreshFailure error=invalidResponse"}},
+        {"the git server refused the token", [&] {
+             makeGitEventSink(h.bridge)->dispatchEvent(
+                 "github/oauth/status",
+                 OrderedJson{{"status", "disconnected"}, {"account", {{"login", "octo"}}}, {"reason", "tokenInvalid"}});
+             run();
+         },
+         {"github/oauth/status disconnected octo tokenInvalid"}, {"oauthTokenInvalid @octo reason=tokenInvalid"}},
+        {"logout", [&] {
+             expired();
+             refresher->start();
+             h.send(R"({"type":"github/oauth/logout"})");
+         },
+         {"github/oauth/status disconnected userLogout"}, {"oauthLogout @octo"}},
+        {"status request after logout", [&] { h.send(R"({"type":"github/oauth/requestStatus"})"); },
+         {"github/oauth/status disconnected"}, {}},
+    };
+    for (const auto& step : steps) {
+        SCOPED_TRACE(step.name);
+        h.clear();
+        log->lines.clear();
+        step.act();
+        std::vector<std::string> events;
+        for (const auto& envelope : h.view->envelopes()) {
+            const Json& p = envelope["payload"];
+            std::string line = envelope["type"].get<std::string>();
+            if (p.contains("message")) line += " " + p["message"].get<std::string>();
+            if (p.contains("status")) line += " " + p["status"].get<std::string>();
+            if (p.contains("account")) line += " " + p["account"]["login"].get<std::string>();
+            if (p.contains("refreshed")) line += " refreshed";
+            if (p.contains("reason")) line += " " + p["reason"].get<std::string>();
+            events.push_back(line);
+            EXPECT_EQ(p.dump().find("gh"), std::string::npos) << "a token in an event";
+        }
+        EXPECT_EQ(events, step.events);
+        EXPECT_EQ(log->lines, step.log);
+    }
+    EXPECT_FALSE(auth->loadRecord());
+    EXPECT_FALSE(refresher->isRunning());
+}

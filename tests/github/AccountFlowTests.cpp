@@ -1,0 +1,241 @@
+// The sign-in flow, the refresher and the races between them and the git
+// engine, over fakes of the browser, GitHub and the keyring.
+#include <gtest/gtest.h>
+
+#include "git/GitTestSupport.h"
+#include "github/AccountTestSupport.h"
+#include "support/TestSupport.h"
+
+using namespace velko;
+using namespace velko::test;
+
+namespace {
+
+struct Journal final : GitHubOAuthCoordinatorDelegate, GitTokenRefresherDelegate {
+    std::vector<std::string> lines;
+    void gitHubOAuthCoordinatorDidComplete(const OAuthTokenRecord& r) override {
+        lines.push_back("signedIn " + r.accessToken.str() + " @" + r.accountLogin.value_or("-"));
+    }
+    void gitHubOAuthCoordinatorDidFail(OAuthError e) override { lines.push_back(std::string(oauthErrorName(e))); }
+    void gitTokenRefresherDidRefresh(const OAuthTokenRecord& r) override { lines.push_back("refreshed " + r.accessToken.str()); }
+    void gitTokenRefresherDidFail(OAuthError e) override { lines.push_back("refreshFailed " + std::string(oauthErrorName(e))); }
+};
+
+struct Account {
+    ManualMain main;
+    std::shared_ptr<ManualQueue> worker = std::make_shared<ManualQueue>();
+    std::shared_ptr<ManualQueue> refreshQueue = std::make_shared<ManualQueue>();
+    std::shared_ptr<MemoryKeychainStore> keychain = std::make_shared<MemoryKeychainStore>();
+    std::shared_ptr<GitAuthManager> auth = std::make_shared<GitAuthManager>(keychain);
+    std::shared_ptr<FakeClient> client = std::make_shared<FakeClient>();
+    std::shared_ptr<FakeSessions> sessions = std::make_shared<FakeSessions>();
+    OAuthTime now = *parseOAuthTime("2026-03-01T10:00:00Z");
+    std::shared_ptr<GitTokenRefresher> refresher = std::make_shared<GitTokenRefresher>(
+        auth, client, std::make_shared<QueueRefreshScheduler>(refreshQueue), [this] { return now; });
+    std::shared_ptr<GitHubOAuthCoordinator> coordinator;
+    std::shared_ptr<Journal> journal = std::make_shared<Journal>();
+
+    Account() {
+        GitHubOAuthCoordinator::Collaborators c{auth, client, refresher, sessions, worker, [this] { return now; }};
+        coordinator = std::make_shared<GitHubOAuthCoordinator>(
+            GitHubOAuthCoordinator::Configuration{"cid", "http://127.0.0.1:9/cb", {"repo"}, GitHubEndpoints()}, c);
+        coordinator->setDelegate(journal);
+        refresher->setDelegate(journal);
+    }
+    void run() {
+        while (main.queue().runUntilIdle() + worker->runUntilIdle() > 0) {
+        }
+    }
+    void store(std::string access, std::string refresh, OAuthTime expiresAt) {
+        OAuthTokenRecord r;
+        r.accessToken = SecretText(std::move(access));
+        r.refreshToken = SecretText(std::move(refresh));
+        r.expiresAt = expiresAt;
+        r.tokenType = "bearer";
+        r.accountLogin = "octo";
+        ASSERT_TRUE(auth->save(r));
+    }
+    std::string stored() {
+        auto r = auth->loadRecord();
+        return r ? r->accessToken.str() + "/" + r->refreshToken.str() : "-";
+    }
+};
+
+}  // namespace
+
+TEST(GitHubOAuthCoordinator, CallbacksAreCheckedOnceAgainstTheirOwnFlow) {
+    // Steps: "start"; "cb <query>" completes the newest session; "stray <query>"
+    // arrives without a session. "{state}" is the newest flow's state, "{first}" the first's.
+    struct Case {
+        const char* name;
+        std::vector<std::string> steps;
+        std::vector<std::string> journal;
+        std::function<void(Account&)> setup = {};
+    };
+    const Case cases[] = {
+        {"success: exchanged, user read, stored, refresher started", {"start", "cb code=c1&state={state}"},
+         {"signedIn gho_A @octo"}},
+        {"a wrong state is reported twice and spends the flow",
+         {"start", "cb code=c1&state=WRONG", "stray code=c1&state={first}"},
+         {"stateMismatch", "stateMismatch", "missingState"}},
+        {"no code, after the state check", {"start", "cb state={state}", "stray code=c1&state={first}"},
+         {"missingCode", "missingCode", "missingState"}},
+        {"the user declined", {"start", "cb error=access_denied&state={state}"}, {"missingCode", "missingCode"}},
+        {"no state at all", {"start", "cb code=c1"}, {"missingState"}},
+        {"a replayed URL after success", {"start", "cb code=c1&state={state}", "stray code=c1&state={first}"},
+         {"signedIn gho_A @octo", "missingState"}},
+        {"a stray URL with no flow running", {"stray code=c1&state=S"}, {"missingState"}},
+        {"the first flow's URL after a second start", {"start", "start", "stray code=c1&state={first}"},
+         {"stateMismatch", "stateMismatch"}},
+        {"the user cannot be read: signed in without a name", {"start", "cb code=c1&state={state}"},
+         {"signedIn gho_A @-"}, [](Account& a) { a.client->user = fail(OAuthError::userFetchFailed); }},
+        {"a refused code", {"start", "cb code=c1&state={state}"}, {"decodingFailed"},
+         [](Account& a) { a.client->onExchange = [] { return fail(OAuthError::decodingFailed); }; }},
+        {"a locked keyring is found before the browser opens", {"start"}, {"keyringLocked"},
+         [](Account& a) { a.keychain->failure = OAuthError::keyringLocked; }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Account a;
+        if (c.setup) c.setup(a);
+        std::string first;
+        for (std::string step : c.steps) {
+            if (step == "start") {
+                a.coordinator->startAuthorization();
+                a.run();
+                if (first.empty() && !a.sessions->made.empty()) first = a.sessions->query("state");
+                continue;
+            }
+            for (auto [key, value] : {std::pair<std::string, std::string>{"{first}", first},
+                                      {"{state}", a.sessions->made.empty() ? "" : a.sessions->query("state")}}) {
+                if (auto at = step.find(key); at != std::string::npos) step.replace(at, key.size(), value);
+            }
+            std::string url = "http://127.0.0.1:9/cb?" + step.substr(step.find(' ') + 1);
+            if (step.rfind("cb ", 0) == 0)
+                a.sessions->made.back()->completion(url);
+            else
+                a.coordinator->receiveCallback(url);
+            a.run();
+        }
+        EXPECT_EQ(a.journal->lines, c.journal);
+        bool signedIn = !c.journal.empty() && c.journal[0].rfind("signedIn", 0) == 0;
+        EXPECT_EQ(a.stored(), signedIn ? "gho_A/ghr_A" : "-");
+        EXPECT_EQ(a.refresher->isRunning(), signedIn);
+        EXPECT_FALSE(a.coordinator->isPending());
+        if (c.setup && a.keychain->failure) {
+            EXPECT_TRUE(a.sessions->made.empty());
+        }
+    }
+}
+
+TEST(GitHubOAuthCoordinator, AFlowNotFinishedInTenMinutesEnds) {
+    Account a;
+    a.coordinator->startAuthorization();
+    a.run();
+    ASSERT_EQ(a.sessions->made.size(), 1u);
+    EXPECT_TRUE(a.sessions->made[0]->started);
+    a.main.queue().advance(std::chrono::minutes(10) - std::chrono::seconds(1));
+    EXPECT_TRUE(a.coordinator->isPending());
+    a.main.queue().advance(std::chrono::seconds(1));
+    EXPECT_FALSE(a.coordinator->isPending());
+    EXPECT_TRUE(a.sessions->made[0]->cancelled);
+    EXPECT_EQ(a.journal->lines, std::vector<std::string>{"timedOut"});
+}
+
+TEST(GitTokenRefresher, RefreshesWithinFiveMinutesOfExpiryAndOnlyWhatItSpent) {
+    using std::chrono::seconds;
+    struct Case {
+        const char* name;
+        std::string refreshToken;
+        std::optional<seconds> expiresIn;  // nullopt: the year 2100
+        std::function<Result<OAuthTokenResponse, OAuthError>(Account&)> answer;
+        std::string stored;
+        std::vector<std::string> journal;
+    };
+    auto rotated = [](Account&) -> Result<OAuthTokenResponse, OAuthError> { return tokens("gho_B", "ghr_B", 28800); };
+    const Case cases[] = {
+        {"301 s before expiry: not yet", "ghr_A", seconds(301), rotated, "gho_A/ghr_A", {}},
+        {"300 s before expiry: refreshed", "ghr_A", seconds(300), rotated, "gho_B/ghr_B", {"refreshed gho_B"}},
+        {"already expired: refreshed", "ghr_A", seconds(-60), rotated, "gho_B/ghr_B", {"refreshed gho_B"}},
+        {"the year 2100: never", "ghr_A", std::nullopt, rotated, "gho_A/ghr_A", {}},
+        {"no refresh token: kept until refused", "", seconds(10), rotated, "gho_A/", {}},
+        {"refused: the token is gone", "ghr_A", seconds(10),
+         [](Account&) -> Result<OAuthTokenResponse, OAuthError> { return fail(OAuthError::invalidResponse); }, "-",
+         {"refreshFailed invalidResponse"}},
+        {"a logout during the call wins", "ghr_A", seconds(10),
+         [](Account& a) -> Result<OAuthTokenResponse, OAuthError> {
+             a.auth->remove();
+             return tokens("gho_B", "ghr_B", 28800);
+         },
+         "-", {}},
+        {"a new sign-in during a failing call wins", "ghr_A", seconds(10),
+         [](Account& a) -> Result<OAuthTokenResponse, OAuthError> {
+             a.store("gho_N", "ghr_N", a.now + std::chrono::hours(8));
+             return fail(OAuthError::cannotConnect);
+         },
+         "gho_N/ghr_N", {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Account a;
+        a.store("gho_A", c.refreshToken, c.expiresIn ? a.now + *c.expiresIn : *parseOAuthTime("2100-01-01T00:00:00Z"));
+        a.client->onRefresh = [&](const std::string&) { return c.answer(a); };
+        a.refresher->start();
+        a.refreshQueue->advance(std::chrono::seconds(59));
+        EXPECT_TRUE(a.client->calls.empty());  // the first tick is a full minute away
+        a.refreshQueue->advance(std::chrono::seconds(1));
+        EXPECT_EQ(a.stored(), c.stored);
+        EXPECT_EQ(a.journal->lines, c.journal);
+        a.refresher->stop();
+        a.refreshQueue->advance(std::chrono::minutes(5));
+        EXPECT_LE(a.client->calls.size(), 1u);
+    }
+}
+
+TEST(GitAuthManager, AGitRunRefusedWithATokenReplacedMeanwhileIsTriedOnceMoreWithTheNewOne) {
+    struct Runner final : GitProcessRunning {
+        std::function<GitProcessExecutionResult(const std::string& token)> onPush;
+        std::vector<std::string> pushedWith;
+        GitProcessExecutionResult run(const std::vector<std::string>& args, const std::string&,
+                                      const GitEnvironment& env) override {
+            if (args.size() < 2 || args[1] != "push") return {0, "", ""};
+            pushedWith.push_back(env.at("VELKO_GITHUB_TOKEN"));
+            return onPush(pushedWith.back());
+        }
+    };
+    struct Case {
+        const char* name;
+        bool refreshDuringRun;
+        std::vector<std::string> pushedWith;
+        std::string stored;
+        size_t invalidEvents;
+    };
+    const Case cases[] = {
+        {"refreshed during the run: repeated with the new token", true, {"gho_A", "gho_B"}, "gho_B/ghr_B", 0},
+        {"refused and still stored: forgotten", false, {"gho_A"}, "-", 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Account a;
+        TempDir repo;
+        repo.write(".git/config", "[remote \"origin\"]\n\turl = https://github.com/o/r.git\n");
+        a.store("gho_A", "ghr_A", a.now + std::chrono::hours(1));
+        auto runner = std::make_shared<Runner>();
+        runner->onPush = [&](const std::string& token) -> GitProcessExecutionResult {
+            if (token == "gho_B") return {0, "", ""};
+            if (c.refreshDuringRun) a.store("gho_B", "ghr_B", a.now + std::chrono::hours(8));
+            return {128, "", "remote: Invalid username or token.\nfatal: Authentication failed for 'x'"};
+        };
+        auto projects = std::make_shared<FakeProjects>();
+        Uuid id = projects->add(repo.path());
+        auto events = std::make_shared<EventRecorder>();
+        auto service = std::make_shared<GitService>(
+            GitService::Dependencies{projects, a.auth, std::make_shared<FakeBroker>(), runner, GitEnvironment{}});
+        service->setEventSink(events);
+        service->push(id);
+        ASSERT_TRUE(drain(*service, a.main.queue()));
+        EXPECT_EQ(runner->pushedWith, c.pushedWith);
+        EXPECT_EQ(a.stored(), c.stored);
+        EXPECT_EQ(events->eventsOfType("github/oauth/status").size(), c.invalidEvents);
+    }
+}

@@ -1,0 +1,209 @@
+// The libcurl client against a loopback server of Python's standard library
+// that scripts what a misbehaving or hostile server does: every exchange ends
+// in a response or a typed error within its limits, never in a hang, and a
+// request goes nowhere it was not sent.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <cstdio>
+#include <future>
+#include <optional>
+#include <thread>
+
+#include "platform/http/CurlHttpClient.h"
+#include "support/TestSupport.h"
+
+using namespace velko;
+using namespace std::chrono_literals;
+
+namespace {
+
+const char* const kServer = R"PY(
+import http.server, os, ssl, subprocess, sys, threading, time
+log, folder = open(sys.argv[1], "a"), sys.argv[2]
+subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
+                "-days", "1", "-subj", "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1",
+                "-keyout", folder + "/key.pem", "-out", folder + "/cert.pem"], check=True, capture_output=True)
+
+class Handler(http.server.BaseHTTPRequestHandler):
+    protocol_version = "HTTP/1.1"
+    def log_message(self, *args):
+        pass
+    def reply(self, status, body, *headers):
+        self.send_response(status)
+        for name, value in headers + (("Content-Length", str(len(body))),):
+            self.send_header(name, value)
+        self.end_headers()
+        self.wfile.write(body)
+    def do_POST(self):
+        self.do_GET()
+    def do_GET(self):
+        log.write(self.path + "\n"); log.flush()
+        body, path = self.rfile.read(int(self.headers.get("Content-Length") or 0)), self.path
+        if path == "/ok" and self.headers["Authorization"] == "Bearer velko-test-token" \
+                and body == b'{"query":"x"}' and self.headers["User-Agent"]:
+            self.reply(200, b"hello", ("X-Reply", "Yes"))
+        elif path == "/ok":
+            self.reply(401, b"no")
+        elif path == "/redirect":
+            self.reply(302, b"", ("Location", "http://localhost:%d/followed" % self.server.server_address[1]))
+        elif path == "/fail":
+            self.reply(500, b"boom")
+        elif path.startswith("/silent"):
+            time.sleep(60)
+        else:  # a body that never ends: a byte now and then, or too much at once
+            trickle = path == "/trickle"
+            self.send_response(200)
+            if path == "/big-streamed":
+                self.send_header("Connection", "close")
+            else:
+                self.send_header("Content-Length", "1000" if trickle else "4194304")
+            self.end_headers()
+            for _ in range(240 if trickle else 64):
+                self.wfile.write(b"x" if trickle else b"y" * 65536)
+                time.sleep(0.25 if trickle else 0)
+
+class Server(http.server.ThreadingHTTPServer):
+    def handle_error(self, *args):
+        pass
+
+plain, secure = Server(("127.0.0.1", 0), Handler), Server(("127.0.0.1", 0), Handler)
+context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+context.load_cert_chain(folder + "/cert.pem", folder + "/key.pem")
+secure.socket = context.wrap_socket(secure.socket, server_side=True)
+threading.Thread(target=secure.serve_forever, daemon=True).start()
+print(os.getpid(), plain.server_address[1], secure.server_address[1], flush=True)
+plain.serve_forever()
+)PY";
+
+// The server as a child of the test; its first line names its process and ports.
+struct LoopbackServer {
+    explicit LoopbackServer(const test::TempDir& dir) : log(dir.file("requests.log")) {
+        std::string command =
+            "exec python3 '" + dir.write("server.py", kServer) + "' '" + log + "' '" + dir.path() + "' </dev/null";
+        pipe = popen(command.c_str(), "re");
+        if (pipe && std::fscanf(pipe, "%d %d %d", &pid, &httpPort, &httpsPort) != 3) httpPort = 0;
+    }
+    ~LoopbackServer() {
+        if (pid > 0) kill(pid, SIGTERM);
+        if (pipe) pclose(pipe);
+    }
+    bool saw(const std::string& path) const { return test::readFile(log).find(path + "\n") != std::string::npos; }
+
+    std::string log;
+    FILE* pipe = nullptr;
+    int pid = 0, httpPort = 0, httpsPort = 0;
+};
+
+// The call on a thread of its own; still running long after every limit in
+// these tests, it is a hang, reported as nothing.
+std::optional<HttpResult> performGuarded(CurlHttpClient& client, const HttpRequest& request) {
+    auto call = std::async(std::launch::async, [&] { return client.perform(request); });
+    if (call.wait_for(30s) == std::future_status::ready) return call.get();
+    client.cancelAll();
+    call.wait();
+    return std::nullopt;
+}
+
+}  // namespace
+
+TEST(CurlHttpClient, EveryExchangeEndsInTheScriptedResponseOrError) {
+    test::TempDir dir;
+    LoopbackServer server(dir);
+    ASSERT_GT(server.httpPort, 0);
+    const std::string http = "http://127.0.0.1:" + std::to_string(server.httpPort);
+    const std::string https = "https://127.0.0.1:" + std::to_string(server.httpsPort);
+
+    using Kind = HttpError::Kind;
+    struct Case {
+        const char* name;
+        std::string url;
+        bool post = false;  // with a JSON body
+        bool token = true;
+        int idle = 2, total = 30;
+        size_t cap = 1 << 20;
+        std::vector<HttpHeader> headers = {};
+        int status = 0;                  // a response with this status…
+        std::optional<Kind> error = {};  // …or this failure
+        std::string body = {}, location = {};
+        std::string neverReached = {};   // a path the server must not see
+    };
+    const Case cases[] = {
+        {.name = "authorised post", .url = http + "/ok", .post = true, .status = 200, .body = "hello"},
+        {.name = "the server's check", .url = http + "/ok", .post = true, .token = false, .status = 401, .body = "no"},
+        {.name = "redirect to another host", .url = http + "/redirect", .status = 302,
+         .location = "http://localhost:" + std::to_string(server.httpPort) + "/followed", .neverReached = "/followed"},
+        {.name = "server error", .url = http + "/fail", .status = 500, .body = "boom"},
+        {.name = "silence", .url = http + "/silent", .idle = 1, .total = 60, .error = Kind::TimedOut},
+        {.name = "a byte now and then", .url = http + "/trickle", .idle = 1, .total = 2, .error = Kind::TimedOut},
+        {.name = "streamed body over the cap", .url = http + "/big-streamed", .cap = 100'000, .error = Kind::TooLarge},
+        {.name = "declared body over the cap", .url = http + "/big-declared", .cap = 100'000, .error = Kind::TooLarge},
+        {.name = "self-signed certificate", .url = https + "/fail", .error = Kind::Tls},
+        {.name = "plain http to a name, even localhost", .url = "http://localhost:" +
+         std::to_string(server.httpPort) + "/by-name", .error = Kind::UrlRefused, .neverReached = "/by-name"},
+        {.name = "credentials in the URL", .url = "http://u:p@127.0.0.1:" + std::to_string(server.httpPort) +
+         "/creds", .error = Kind::UrlRefused, .neverReached = "/creds"},
+        {.name = "another scheme", .url = "file:///etc/passwd", .error = Kind::UrlRefused},
+        {.name = "not a URL", .url = "127.0.0.1/ok", .error = Kind::UrlRefused},
+        {.name = "a header smuggling another", .url = http + "/smuggled",
+         .headers = {{"X-Note", "a\r\nAuthorization: Bearer x"}}, .error = Kind::InvalidRequest,
+         .neverReached = "/smuggled"},
+        {.name = "nothing listening", .url = "http://127.0.0.1:1/", .error = Kind::CannotConnect},
+        {.name = "IPv6 loopback passes the check", .url = "http://[::1]:1/", .error = Kind::CannotConnect},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        CurlHttpClient client;
+        HttpRequest request{.method = c.post ? HttpMethod::Post : HttpMethod::Get, .url = c.url};
+        request.headers = c.headers;
+        if (c.token) request.headers.push_back({"Authorization", "Bearer velko-test-token"});
+        if (c.post) request.body = R"({"query":"x"})";
+        request.connectTimeout = 2s;
+        request.idleTimeout = std::chrono::seconds(c.idle);
+        request.totalTimeout = std::chrono::seconds(c.total);
+        request.maxResponseBytes = c.cap;
+
+        auto result = performGuarded(client, request);
+        ASSERT_TRUE(result.has_value()) << "the call did not return";
+        if (c.error) {
+            ASSERT_FALSE(result->ok()) << "status " << result->value().status;
+            EXPECT_EQ(httpErrorKindName(result->error().kind), httpErrorKindName(*c.error)) << result->error().detail;
+        } else {
+            ASSERT_TRUE(result->ok()) << result->error().detail;
+            EXPECT_EQ(result->value().status, c.status);
+            EXPECT_EQ(result->value().body, c.body);
+            const std::string* reply = result->value().header("x-reply");
+            EXPECT_EQ(reply ? *reply : "", c.status == 200 ? "Yes" : "");
+            const std::string* location = result->value().header("location");
+            EXPECT_EQ(location ? *location : "", c.location);
+        }
+        if (!c.neverReached.empty()) {
+            EXPECT_FALSE(server.saw(c.neverReached));
+        }
+    }
+}
+
+TEST(CurlHttpClient, CancelAllEndsATransferInFlightAndRefusesNewOnes) {
+    test::TempDir dir;
+    LoopbackServer server(dir);
+    ASSERT_GT(server.httpPort, 0);
+    const std::string http = "http://127.0.0.1:" + std::to_string(server.httpPort);
+
+    CurlHttpClient client;
+    HttpRequest silent{.url = http + "/silent-cancel", .idleTimeout = 60s, .totalTimeout = 120s};
+    auto call = std::async(std::launch::async, [&] { return client.perform(silent); });
+    // Waits for the server to hold the request, so the transfer is in flight.
+    for (auto deadline = std::chrono::steady_clock::now() + 20s;
+         !server.saw("/silent-cancel") && std::chrono::steady_clock::now() < deadline;)
+        std::this_thread::sleep_for(20ms);
+    client.cancelAll();
+    ASSERT_EQ(call.wait_for(30s), std::future_status::ready) << "cancelAll left the transfer running";
+    HttpResult ended = call.get();
+    ASSERT_FALSE(ended.ok());
+    EXPECT_EQ(httpErrorKindName(ended.error().kind), "cancelled");
+
+    HttpResult refused = client.perform({.url = http + "/after-cancel"});
+    ASSERT_FALSE(refused.ok());
+    EXPECT_EQ(httpErrorKindName(refused.error().kind), "cancelled");
+    EXPECT_FALSE(server.saw("/after-cancel"));
+}
