@@ -42,9 +42,10 @@ void BM_DispatchVersusCopy(benchmark::State& state) {
         benchmark::ClobberMemory();
     };
     auto dispatchOnce = [&] { bridge->dispatchEvent("bench/event", payload); };
-    // Enough calls that the copy's turn lasts about 0.2 ms; the dispatch
-    // repeats as often.
-    const int calls = bench::repetitionsFor(bench::Clock::ThreadCpu, 2e-4, copyOnce);
+    // Enough calls that the copy's turn lasts about 1 ms; the dispatch
+    // repeats as often. A megabyte's copy is some 60 µs: a turn of one call
+    // would read warm or cold caches depending on which side went before.
+    const int calls = bench::repetitionsFor(bench::Clock::ThreadCpu, 1e-3, copyOnce);
     bench::SideBySide figure(state, {"bridge dispatch " + std::to_string(size / 1024) + " KiB / memcpy (speed)",
                                      bench::Ratio::BaselineOverVariant, bench::Clock::ThreadCpu, bench::Goal::none()});
     for (auto _ : state) {
