@@ -1,12 +1,16 @@
-// Change monitoring on a tree of 5,000 directories:
+// Change monitoring on a tree of 5,001 directories (see BenchSupport.h for
+// how baseline and variant take turns):
 // - starting the recursive inotify watcher (every directory walked and
-//   watched) against a plain recursive readdir walk of the same tree; the
-//   counter "ratio" is start time ÷ walk time;
-// - stopping while that first walk still runs (a quick project switch);
+//   watched, on the watcher's own thread) against a plain recursive readdir
+//   walk of the same tree, in process CPU time; the figure is start ÷ walk,
+//   goal ≤ 1.3;
+// - stopping while that first walk still runs (a quick project switch)
+//   against a start that waits for the whole walk, in process CPU time; the
+//   figure is stop-early ÷ full start, well below 1;
 // - the delay from a file write to the batch that names its directory,
-//   through the real watcher and the service's debounce; the counter
-//   "ratio" is that delay ÷ (stream latency + debounce), so about 1 is the
-//   expected value and anything above it is overhead.
+//   through the real watcher and the service's debounce, against stream
+//   latency + debounce: about 1 is expected, anything above is overhead.
+//   A delay is waiting by nature, so wall time.
 #include <benchmark/benchmark.h>
 #include <dirent.h>
 #include <fcntl.h>
@@ -19,6 +23,7 @@
 #include <string>
 #include <thread>
 
+#include "BenchSupport.h"
 #include "core/SerialQueue.h"
 #include "core/Uuid.h"
 #include "files/ExplorerService.h"
@@ -57,63 +62,55 @@ size_t walk(const std::string& directory) {
 }
 
 void BM_StartMonitoringVsWalk(benchmark::State& state) {
-    Tree tree(50, 99);  // 50 + 50 × 99 + the root ≈ 5,000 directories
-    double baseline = 0, start = 0;
+    Tree tree(50, 99);  // 50 + 50 × 99 + the root = 5,001 directories
+    bench::SideBySide figure(state, {"start monitoring 5,001 dirs / plain walk (time)",
+                                     bench::Ratio::VariantOverBaseline, bench::Clock::ProcessCpu,
+                                     bench::Goal::atMost(1.3)});
     size_t watches = 0;
     for (auto _ : state) {
-        auto t0 = Clock::now();
-        benchmark::DoNotOptimize(walk(tree.root));
-        auto t1 = Clock::now();
-        InotifyExplorerWatcher watcher(tree.root, ExplorerExclusionRules{});
-        if (!watcher.start([](std::vector<ExplorerFileEvent>) {})) {
-            state.SkipWithError("inotify unavailable");
-            return;
-        }
-        watcher.waitUntilScanned();
-        auto t2 = Clock::now();
-        watches = watcher.watchCountForTesting();
-        watcher.stop();
-        baseline += std::chrono::duration<double>(t1 - t0).count();
-        start += std::chrono::duration<double>(t2 - t1).count();
-        state.SetIterationTime(std::chrono::duration<double>(t2 - t1).count());
+        figure.round([&] { benchmark::DoNotOptimize(walk(tree.root)); },
+                     [&]() -> double {
+                         bench::Stopwatch cpu(bench::Clock::ProcessCpu);
+                         InotifyExplorerWatcher watcher(tree.root, ExplorerExclusionRules{});
+                         if (!watcher.start([](std::vector<ExplorerFileEvent>) {})) return -1;
+                         watcher.waitUntilScanned();
+                         const double seconds = cpu.elapsed();
+                         watches = watcher.watchCountForTesting();
+                         watcher.stop();
+                         return seconds;
+                     });
+        if (figure.failed()) return state.SkipWithError("inotify unavailable");
     }
     state.counters["watches"] = static_cast<double>(watches);
-    state.counters["walk_ms"] = baseline * 1000 / static_cast<double>(state.iterations());
-    state.counters["start_ms"] = start * 1000 / static_cast<double>(state.iterations());
-    state.counters["ratio"] = baseline > 0 ? start / baseline : 0;
+    figure.report();
 }
 
 // Switching project while the first walk of a big tree is still running:
 // start and stop at once, against a start that waits for the whole walk.
-// The counter "ratio" is stop-early time ÷ full start time (well below 1).
 void BM_StopDuringFirstWalk(benchmark::State& state) {
     Tree tree(50, 99);
-    double full = 0, early = 0;
+    bench::SideBySide figure(state, {"monitoring: stop during first walk / full start (time)",
+                                     bench::Ratio::VariantOverBaseline, bench::Clock::ProcessCpu, bench::Goal::none()});
     for (auto _ : state) {
-        auto t0 = Clock::now();
-        {
-            InotifyExplorerWatcher watcher(tree.root, ExplorerExclusionRules{});
-            if (!watcher.start([](std::vector<ExplorerFileEvent>) {})) {
-                state.SkipWithError("inotify unavailable");
-                return;
-            }
-            watcher.waitUntilScanned();
-            watcher.stop();
-        }
-        auto t1 = Clock::now();
-        {
-            InotifyExplorerWatcher watcher(tree.root, ExplorerExclusionRules{});
-            (void)watcher.start([](std::vector<ExplorerFileEvent>) {});
-            watcher.stop();
-        }
-        auto t2 = Clock::now();
-        full += std::chrono::duration<double>(t1 - t0).count();
-        early += std::chrono::duration<double>(t2 - t1).count();
-        state.SetIterationTime(std::chrono::duration<double>(t2 - t1).count());
+        figure.round(
+            [&]() -> double {
+                bench::Stopwatch cpu(bench::Clock::ProcessCpu);
+                {
+                    InotifyExplorerWatcher watcher(tree.root, ExplorerExclusionRules{});
+                    if (!watcher.start([](std::vector<ExplorerFileEvent>) {})) return -1;
+                    watcher.waitUntilScanned();
+                    watcher.stop();
+                }
+                return cpu.elapsed();
+            },
+            [&] {
+                InotifyExplorerWatcher watcher(tree.root, ExplorerExclusionRules{});
+                (void)watcher.start([](std::vector<ExplorerFileEvent>) {});
+                watcher.stop();
+            });
+        if (figure.failed()) return state.SkipWithError("inotify unavailable");
     }
-    state.counters["full_ms"] = full * 1000 / static_cast<double>(state.iterations());
-    state.counters["stop_early_ms"] = early * 1000 / static_cast<double>(state.iterations());
-    state.counters["ratio"] = full > 0 ? early / full : 0;
+    figure.report();
 }
 
 void BM_WriteToBatchDelay(benchmark::State& state) {
@@ -136,7 +133,7 @@ void BM_WriteToBatchDelay(benchmark::State& state) {
     }
     // Let the initial walk finish before the first write.
     std::this_thread::sleep_for(std::chrono::seconds(1));
-    double total = 0;
+    std::vector<double> ratios, delays;
     int i = 0;
     for (auto _ : state) {
         std::unique_lock lock(mutex);
@@ -154,18 +151,21 @@ void BM_WriteToBatchDelay(benchmark::State& state) {
             state.SkipWithError("no batch within 5 s");
             break;
         }
-        double delay = std::chrono::duration<double>(Clock::now() - t0).count();
-        total += delay;
-        state.SetIterationTime(delay);
+        const double delay = std::chrono::duration<double>(Clock::now() - t0).count();
+        if (i > bench::kWarmupRounds) {
+            delays.push_back(delay * 1e3);
+            ratios.push_back(delay / expected.count());
+        }
     }
     service->stopMonitoring();
-    state.counters["delay_ms"] = total * 1000 / static_cast<double>(std::max<int64_t>(state.iterations(), 1));
-    state.counters["ratio"] = total / static_cast<double>(std::max<int64_t>(state.iterations(), 1)) / expected.count();
+    state.counters["delay_ms"] = bench::Spread::of(delays).median;
+    bench::reportFigure("monitoring: write-to-batch delay / latency + debounce", bench::Spread::of(ratios),
+                        bench::Goal::none(), "wall");
 }
 
 }  // namespace
 
-BENCHMARK(BM_StartMonitoringVsWalk)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
-BENCHMARK(BM_StopDuringFirstWalk)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
-BENCHMARK(BM_WriteToBatchDelay)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
+BENCHMARK(BM_StartMonitoringVsWalk)->Unit(benchmark::kMillisecond)->Iterations(bench::withWarmup(15));
+BENCHMARK(BM_StopDuringFirstWalk)->Unit(benchmark::kMillisecond)->Iterations(bench::withWarmup(9));
+BENCHMARK(BM_WriteToBatchDelay)->Unit(benchmark::kMillisecond)->Iterations(bench::withWarmup(7));
 BENCHMARK_MAIN();

@@ -2,9 +2,11 @@
 // cannot avoid, on one generated repository: 100,000 commits on main with a
 // merge every 20, 200 branches of every kind, packed, with a commit-graph file.
 //
-// Every round times the subject and its baseline back to back, alternating
-// which goes first; the counters are the median ratio over the rounds and its
-// spread (the interquartile range).
+// Rounds of the subject and its baseline taking turns (see BenchSupport.h).
+// The clock is CPU time of this process and its reaped git children: git is
+// most of the work, and CPU time holds still while other processes come and
+// go. Only the branch map four at a time, whose point is running git side by
+// side, is also shown in wall time. No goal is set for these figures.
 //
 //   history_first_page: "git/history" message in → event out (signed out,
 //     page of 50, 10 commits ahead) ÷ `git rev-list --count HEAD` plus the
@@ -24,6 +26,7 @@
 #include <filesystem>
 #include <mutex>
 
+#include "BenchSupport.h"
 #include "core/MainQueue.h"
 #include "core/Paths.h"
 #include "git/GitBranchMapProvider.h"
@@ -34,20 +37,10 @@
 #include "shell/WebBridge.h"
 
 using namespace velko;
-using Clock = std::chrono::steady_clock;
 
 namespace {
 
-double seconds(Clock::time_point a, Clock::time_point b) { return std::chrono::duration<double>(b - a).count(); }
-
-// Median and interquartile range of the per-round ratios.
-void report(benchmark::State& state, const std::string& name, std::vector<double> ratios) {
-    if (ratios.empty()) return;
-    std::sort(ratios.begin(), ratios.end());
-    auto at = [&](double q) { return ratios[static_cast<size_t>(q * static_cast<double>(ratios.size() - 1))]; };
-    state.counters[name] = at(0.5);
-    state.counters[name + "_iqr"] = at(0.75) - at(0.25);
-}
+constexpr bench::Clock kGitClock = bench::Clock::ProcessAndChildrenCpu;
 
 GitEnvironment benchEnvironment(const std::string& home) {
     GitEnvironment env = currentProcessEnvironment();
@@ -228,48 +221,50 @@ void BM_HistoryPagesVersusTheirGitCommands(benchmark::State& state) {
                "--numstat", "--no-color", head});
     };
 
-    std::vector<double> first, firstVersusLog, page200;
-    int round = 0;
+    using bench::Figure;
+    using bench::Ratio;
+    bench::SideBySide first(state, Figure("history first page / its git commands (time)", Ratio::VariantOverBaseline,
+                                          kGitClock, bench::Goal::none()));
+    bench::SideBySide firstVersusLog(state, Figure("history first page / git log of 50 alone (time)",
+                                                   Ratio::VariantOverBaseline, kGitClock, bench::Goal::none(), "log_"));
+    double logOnly = 0, subject = 0;
+    auto firstPage = [&]() -> double {
+        bench::Stopwatch watch(kGitClock);
+        Json page = ask(std::nullopt);
+        subject = watch.elapsed();
+        return page["edges"].size() == 50u ? subject : -1;
+    };
+    auto itsCommands = [&]() -> double {
+        bench::Stopwatch watch(kGitClock);
+        baseline(0);
+        const double commands = watch.elapsed();
+        bench::Stopwatch logWatch(kGitClock);
+        plain({"log", "--max-count=50", head});
+        logOnly = logWatch.elapsed();
+        return commands;
+    };
     for (auto _ : state) {
-        double subject = 0, base = 0, logOnly = 0;
-        for (int order = 0; order < 2; ++order) {
-            auto t0 = Clock::now();
-            if ((order + round) % 2 == 0) {
-                Json page = ask(std::nullopt);
-                if (page["edges"].size() != 50u) state.SkipWithError("first page is not full");
-                subject = seconds(t0, Clock::now());
-            } else {
-                baseline(0);
-                base = seconds(t0, Clock::now());
-                auto t1 = Clock::now();
-                plain({"log", "--max-count=50", head});
-                logOnly = seconds(t1, Clock::now());
-            }
-        }
-        first.push_back(subject / base);
-        firstVersusLog.push_back(subject / logOnly);
-        ++round;
+        first.round(itsCommands, firstPage);
+        if (first.failed()) return state.SkipWithError("first page is not full");
+        firstVersusLog.record(logOnly, subject);
     }
-    // Page 200 of one walk: the pages before it are walked untimed, then a
-    // few pages from there on are timed each against their own commands.
+    // Page 200 of one walk: the pages before it are walked untimed, then
+    // pages from there on take turns each with their own commands.
+    bench::SideBySide page200(state, Figure("history page 200 / its git commands (time)", Ratio::VariantOverBaseline,
+                                            kGitClock, bench::Goal::none(), "page200_", 1));
     Json page = ask(std::nullopt);
     for (int n = 2; n < 200; ++n) page = ask(page["cursorPayload"].get<std::string>());
-    for (int n = 0; n < 6; ++n) {
+    for (int n = 0; n < 10; ++n) {
         const std::string cursor = page["cursorPayload"];
         // From the second page on, each page reads the next 50 of HEAD.
         const int64_t skip = 50 * (199 + n);
-        auto t0 = Clock::now();
-        baseline(skip);
-        auto t1 = Clock::now();
-        page = ask(cursor);
-        auto t2 = Clock::now();
-        page200.push_back(seconds(t1, t2) / seconds(t0, t1));
+        page200.round([&] { baseline(skip); }, [&] { page = ask(cursor); });
     }
-    report(state, "first_page_ratio", first);
-    report(state, "first_page_vs_log_only", firstVersusLog);
-    report(state, "page_200_ratio", page200);
+    first.report();
+    firstVersusLog.report();
+    page200.report();
 }
-BENCHMARK(BM_HistoryPagesVersusTheirGitCommands)->Unit(benchmark::kMillisecond)->Iterations(15);
+BENCHMARK(BM_HistoryPagesVersusTheirGitCommands)->Unit(benchmark::kMillisecond)->Iterations(bench::withWarmup(15));
 
 // A runner that keeps every vector it ran, for the replay.
 class RecordingRunner final : public GitProcessRunning {
@@ -305,28 +300,35 @@ void BM_BranchMapVersusReplayingItsCommands(benchmark::State& state) {
     GitBranchMap first = map();
     if (first.totalCount != big.branches) state.SkipWithError("not every branch was mapped");
     const auto recorded = recorder->vectors;
-    std::vector<double> ratios;
-    int round = 0;
+    const std::string name = "branch map " + std::string(parallelism == 1 ? "serial" : "4 at a time") +
+                             " / its git commands replayed serially";
+    bench::SideBySide cpu(state, {name + " (time)", bench::Ratio::VariantOverBaseline, kGitClock,
+                                  bench::Goal::none(), "", 1});
+    // Running git side by side is the point of the second row: it gains in
+    // wall time only, and only where a core is free.
+    bench::SideBySide wall(state, {name + ", wall (time)", bench::Ratio::VariantOverBaseline, bench::Clock::Wall,
+                                   bench::Goal::none(), "wall_", 1});
+    double mapWall = 0, replayWall = 0;
+    auto mapOnce = [&] {
+        bench::Stopwatch watch(bench::Clock::Wall);
+        map();
+        mapWall = watch.elapsed();
+    };
+    auto replay = [&] {
+        bench::Stopwatch watch(bench::Clock::Wall);
+        for (const auto& argv : recorded) benchmark::DoNotOptimize(spawnAndDrain(argv, big.repo, big.env).status);
+        replayWall = watch.elapsed();
+    };
     for (auto _ : state) {
-        double subject = 0, replay = 0;
-        for (int order = 0; order < 2; ++order) {
-            auto t0 = Clock::now();
-            if ((order + round) % 2 == 0) {
-                map();
-                subject = seconds(t0, Clock::now());
-            } else {
-                for (const auto& argv : recorded) benchmark::DoNotOptimize(spawnAndDrain(argv, big.repo, big.env).status);
-                replay = seconds(t0, Clock::now());
-            }
-        }
-        ratios.push_back(subject / replay);
-        ++round;
+        cpu.round(replay, mapOnce);
+        if (parallelism > 1) wall.record(replayWall, mapWall);
     }
-    report(state, "ratio", ratios);
+    cpu.report();
+    if (parallelism > 1) wall.report();
     state.counters["branches"] = static_cast<double>(first.totalCount);
     state.counters["processes_per_branch"] = static_cast<double>(recorded.size()) / first.totalCount;
 }
-BENCHMARK(BM_BranchMapVersusReplayingItsCommands)->Arg(1)->Arg(4)->Unit(benchmark::kMillisecond)->Iterations(5);
+BENCHMARK(BM_BranchMapVersusReplayingItsCommands)->Arg(1)->Arg(4)->Unit(benchmark::kMillisecond)->Iterations(bench::withWarmup(5, 1));
 
 // A 1,000-commit answer over twelve lines of work that merge now and then.
 std::string graphAnswer() {
@@ -354,36 +356,33 @@ std::string graphAnswer() {
 
 void BM_GraphVersusJsonParse(benchmark::State& state) {
     const std::string body = graphAnswer();
-    std::vector<double> ratios;
     int64_t lanes = 0;
-    int round = 0;
-    for (auto _ : state) {
-        double subject = 0, parse = 0;
-        for (int order = 0; order < 2; ++order) {
-            auto t0 = Clock::now();
-            if ((order + round) % 2 == 0) {
-                auto decoded = decodeGraphQLResponse(body);
-                if (!decoded || !decoded->defaultBranchHistory) {
-                    state.SkipWithError("the answer did not decode");
-                    break;
-                }
-                GitCommitGraph graph = buildCommitGraph(decoded->defaultBranchHistory->nodes);
-                for (const auto& n : graph.nodes) lanes = std::max(lanes, n.lane + 1);
-                benchmark::DoNotOptimize(encodeCommitGraphPayload("x", graph).size());
-                subject = seconds(t0, Clock::now());
-            } else {
-                benchmark::DoNotOptimize(nlohmann::json::parse(body).size());
-                parse = seconds(t0, Clock::now());
-            }
+    bool decoded = true;
+    auto graph = [&] {
+        auto answer = decodeGraphQLResponse(body);
+        if (!answer || !answer->defaultBranchHistory) {
+            decoded = false;
+            return;
         }
-        ratios.push_back(subject / parse);
-        ++round;
+        GitCommitGraph graph = buildCommitGraph(answer->defaultBranchHistory->nodes);
+        for (const auto& n : graph.nodes) lanes = std::max(lanes, n.lane + 1);
+        benchmark::DoNotOptimize(encodeCommitGraphPayload("x", graph).size());
+    };
+    auto parse = [&] { benchmark::DoNotOptimize(nlohmann::json::parse(body).size()); };
+    // Turns of about 20 ms: one call is too short to time alone.
+    const int calls = bench::repetitionsFor(bench::Clock::ThreadCpu, 2e-2, parse);
+    bench::SideBySide figure(state, {"commit graph 1,000 commits / JSON parse (time)", bench::Ratio::VariantOverBaseline,
+                                     bench::Clock::ThreadCpu, bench::Goal::none()});
+    for (auto _ : state) {
+        figure.round([&] { for (int i = 0; i < calls; ++i) parse(); },
+                     [&] { for (int i = 0; i < calls; ++i) graph(); });
+        if (!decoded) return state.SkipWithError("the answer did not decode");
     }
-    report(state, "ratio", ratios);
+    figure.report();
     state.counters["lanes"] = static_cast<double>(lanes);
-    state.SetBytesProcessed(static_cast<int64_t>(body.size()) * state.iterations());
+    state.SetBytesProcessed(static_cast<int64_t>(body.size()) * state.iterations() * calls);
 }
-BENCHMARK(BM_GraphVersusJsonParse)->Unit(benchmark::kMillisecond)->Iterations(200);
+BENCHMARK(BM_GraphVersusJsonParse)->Unit(benchmark::kMillisecond)->Iterations(bench::withWarmup(21));
 
 }  // namespace
 

@@ -1,8 +1,9 @@
 // Cost of answering one request of the page through the app scheme (URI
-// parsing, path resolution inside the page's folder, the
-// MIME type, reading the file) against reading the same file straight
-// (the baseline). Compare "bytes_per_second ÷ baseline" between runs; the
-// small file shows the per-request overhead, the large one the read path.
+// parsing, path resolution inside the page's folder, the MIME type, reading
+// the file) against reading the same file straight, taking turns (see
+// BenchSupport.h), in thread CPU time. The figure is the scheme's speed ÷ the
+// plain read's: the small file shows the per-request overhead, the large one
+// the read path. No goal is set for it.
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <filesystem>
 #include <string>
 
+#include "BenchSupport.h"
 #include "core/Paths.h"
 #include "shell/AppBundleSchemeHandler.h"
 
@@ -40,36 +42,40 @@ const PageFolder& folder() {
     return instance;
 }
 
-void BM_ReadFileBaseline(benchmark::State& state) {
-    int size = static_cast<int>(state.range(0));
-    std::string path = folder().file(size);
-    for (auto _ : state) {
-        std::string body;
-        readWholeFile(path, body);
-        benchmark::DoNotOptimize(body.data());
-    }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * size);
-}
-
-void BM_SchemeRespond(benchmark::State& state) {
-    int size = static_cast<int>(state.range(0));
+void BM_SchemeRespondVersusRead(benchmark::State& state) {
+    const int size = static_cast<int>(state.range(0));
+    const std::string path = folder().file(size);
     AppBundleSchemeHandler handler(folder().path);
     // With a query, as the page's cache-busting requests have.
-    std::string uri = std::string(kAppBundleBaseURI) + "assets/chunk-" + std::to_string(size) + ".js?v=1";
-    auto first = handler.respond(uri);
-    if (first.body.size() != static_cast<size_t>(size)) {
+    const std::string uri = std::string(kAppBundleBaseURI) + "assets/chunk-" + std::to_string(size) + ".js?v=1";
+    if (handler.respond(uri).body.size() != static_cast<size_t>(size)) {
         state.SkipWithError("the request did not name the file");
         return;
     }
-    for (auto _ : state) {
+    auto read = [&] {
+        std::string body;
+        readWholeFile(path, body);
+        benchmark::DoNotOptimize(body.data());
+    };
+    auto respond = [&] {
         auto response = handler.respond(uri);
         benchmark::DoNotOptimize(response.body.data());
+    };
+    const int calls = bench::repetitionsFor(bench::Clock::ThreadCpu, 2e-3, read);
+    bench::SideBySide figure(state, {"app scheme " + std::to_string(size / 1024) + " KiB / plain read (speed)",
+                                     bench::Ratio::BaselineOverVariant, bench::Clock::ThreadCpu, bench::Goal::none()});
+    for (auto _ : state) {
+        figure.round([&] { for (int i = 0; i < calls; ++i) read(); },
+                     [&] { for (int i = 0; i < calls; ++i) respond(); });
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * size);
+    figure.report();
 }
 
 }  // namespace
 
-BENCHMARK(BM_ReadFileBaseline)->Arg(4096)->Arg(1 << 20);
-BENCHMARK(BM_SchemeRespond)->Arg(4096)->Arg(1 << 20);
+BENCHMARK(BM_SchemeRespondVersusRead)
+    ->Arg(4096)
+    ->Arg(1 << 20)
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(bench::withWarmup(21));
 BENCHMARK_MAIN();

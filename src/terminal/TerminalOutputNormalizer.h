@@ -6,6 +6,10 @@
 // (ESC ] ... BEL or ESC ] ... ESC \) back until they are complete, so that
 // no title or marker reaches the page split across two events.
 //
+// The bytes between the ones that need treatment are found with vector
+// compares (AVX2 where the CPU has it, SSE2 on any x86-64, a byte loop
+// elsewhere); every choice gives the same output.
+//
 // A value owned by one session; used by its reader thread only. Never fails.
 
 #include <cstdint>
@@ -34,6 +38,9 @@ struct OSCSequenceState {
     void reset();
 };
 
+// How the normaliser looks for the bytes it treats.
+enum class ByteScan { Portable, Sse2, Avx2 };
+
 class TerminalOutputNormalizer {
 public:
     using DebugSink = std::function<void(std::string_view raw, std::string_view normalized)>;
@@ -41,16 +48,33 @@ public:
     // The 22 bytes zsh prints ahead of a prompt when output lacked a final newline.
     static const std::string_view kPromptFiller;
 
+    // The fastest scan this CPU runs.
+    static ByteScan bestByteScan();
+    static bool isAvailable(ByteScan scan);
+
+    // A scan the CPU lacks falls back to the best one it has.
+    explicit TerminalOutputNormalizer(ByteScan scan = bestByteScan());
+
     std::string normalize(std::string_view chunk, const DebugSink* debugSink = nullptr);
     // Same, appending to `out` (the hot path reuses one buffer).
     void normalizeInto(std::string_view chunk, std::string& out);
 
     bool previousWasCarriageReturn() const { return m_previousWasCarriageReturn; }
     const OSCSequenceState& osc() const { return m_osc; }
+    ByteScan byteScan() const { return m_scan; }
 
 private:
-    std::optional<size_t> consumePromptFiller(std::string_view chunk, size_t index, std::string& out);
+    // One instance per scan, so that the loop calls its scan directly.
+    template <typename Scan>
+    void normalizeWith(std::string_view chunk, std::string& out);
+    // Writes at `out` and returns the index to continue from, or nothing
+    // when no filler stands at `index`.
+    std::optional<size_t> consumePromptFiller(std::string_view chunk, size_t index, char*& out);
+    // Feeds bytes from `at` to the sequence under way; returns where it stopped.
+    template <typename Scan>
+    const char* feedSequence(const char* at, const char* end, char*& out);
 
+    ByteScan m_scan;
     bool m_previousWasCarriageReturn = false;
     OSCSequenceState m_osc;
     std::string m_scratch;

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 
 #include "terminal/TerminalOutputNormalizer.h"
@@ -137,4 +138,100 @@ TEST(TerminalOutputNormalizer, CallsTheDebugSinkOncePerNonEmptyChunk) {
     EXPECT_EQ(calls[0], std::make_pair(std::string("\x1b]0;x"), std::string()));
     EXPECT_EQ(calls[1].first, "a\r\rb");
     EXPECT_EQ(calls[1].second, "");  // still inside the unterminated title
+}
+
+namespace {
+
+// The filter written the plain way, one byte at a time, to hold the fast
+// scanning paths against.
+class ReferenceNormalizer {
+public:
+    std::string normalize(const std::string& chunk) {
+        std::string out, payload;
+        for (size_t i = 0; i < chunk.size(); ++i) {
+            const auto byte = static_cast<uint8_t>(chunk[i]);
+            switch (m_osc.consume(byte, payload)) {
+                case OSCSequenceState::Outcome::Emit:
+                case OSCSequenceState::Outcome::PassThrough:
+                    out += payload;
+                    m_cr = !payload.empty() && payload.back() == '\r';
+                    continue;
+                case OSCSequenceState::Outcome::Filtered: m_cr = false; continue;
+                case OSCSequenceState::Outcome::Waiting: continue;
+                case OSCSequenceState::Outcome::NotActive: break;
+            }
+            if (byte == 0) {
+                m_cr = false;
+            } else if (byte == '\r') {
+                if (!m_cr) out += '\r';
+                m_cr = true;
+            } else if (byte == 0x1b) {
+                if (chunk.size() - i >= kFiller.size() + 1 && chunk.compare(i, kFiller.size(), kFiller) == 0) {
+                    size_t cursor = i + kFiller.size();
+                    while (cursor < chunk.size() && chunk[cursor] == ' ') ++cursor;
+                    if (cursor < chunk.size() && chunk[cursor] == '\r') {
+                        out += '\r';
+                        m_cr = true;
+                        i = cursor;
+                        continue;
+                    }
+                }
+                m_osc.begin();
+            } else {
+                out += static_cast<char>(byte);
+                m_cr = false;
+            }
+        }
+        return out;
+    }
+
+private:
+    OSCSequenceState m_osc;
+    bool m_cr = false;
+};
+
+// Output with the bytes the filter treats packed densely, in long plain runs
+// (which cross vector boundaries), and in near misses of the prompt filler.
+std::string randomOutput(std::mt19937& random) {
+    static const std::string pieces[] = {
+        std::string(1, '\0'), "\r", "\r\r", "\n", "\x1b", "\x1b]", "\x1b[", "\x07", "\\", ";", "0", "133", "m",
+        " ", "\xe6\x97\xa5", "\x80", "\xff", "\x1b]0;title", "\x1b\\", kFiller, kFiller.substr(0, 11), "        ",
+    };
+    std::string out;
+    const size_t pieceCount = random() % 120;
+    for (size_t i = 0; i < pieceCount; ++i) {
+        switch (random() % 4) {
+            case 0: out += std::string(random() % 200, static_cast<char>('a' + random() % 26)); break;
+            default: out += pieces[random() % std::size(pieces)]; break;
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+// Every scan the CPU offers gives, chunk by chunk, exactly what the byte loop
+// gives, wherever the reads cut the output.
+TEST(TerminalOutputNormalizer, EveryScanMatchesTheByteLoopOnRandomOutput) {
+    for (ByteScan scan : {ByteScan::Portable, ByteScan::Sse2, ByteScan::Avx2}) {
+        if (!TerminalOutputNormalizer::isAvailable(scan)) continue;
+        SCOPED_TRACE("scan " + std::to_string(static_cast<int>(scan)));
+        std::mt19937 random(2024);
+        for (int round = 0; round < 400; ++round) {
+            SCOPED_TRACE("round " + std::to_string(round));
+            const std::string text = randomOutput(random);
+            TerminalOutputNormalizer normalizer(scan);
+            ASSERT_EQ(normalizer.byteScan(), scan);
+            ReferenceNormalizer reference;
+            for (size_t at = 0; at < text.size();) {
+                const size_t size = std::min(text.size() - at, size_t{1} + random() % (random() % 2 ? 40 : 1000));
+                // Each chunk in its own allocation, so a sanitizer sees any read past its end.
+                const std::string chunk = text.substr(at, size);
+                std::string out = "kept";
+                normalizer.normalizeInto(chunk, out);
+                ASSERT_EQ(visible(out), visible("kept" + reference.normalize(chunk))) << "chunk at " << at;
+                at += size;
+            }
+        }
+    }
 }
