@@ -22,12 +22,10 @@ export class FakeNative {
     this.files = new Map();
     this.largeFiles = new Set();
     this.git = new Map();
-    /** Per project id: the commits "git/history" pages through, in the order served. */
-    this.history = new Map();
     this.graphs = new Map();
     /** Per project id: a failure text sent as "git/result" instead of a graph. */
     this.graphFailures = new Map();
-    /** Per project id: the whole branch map, cut to the asked limit as the native side does. */
+    /** Per project id: the branch map as sent. */
     this.branchMaps = new Map();
     /** What "github/oauth/status" says after each configuration. */
     this.oauth = { status: 'disconnected' };
@@ -130,11 +128,6 @@ export class FakeNative {
         this.projects = [...order.map((i) => this.projects.find((p) => p.id === i)).filter(Boolean), ...this.projects.filter((p) => !order.includes(p.id))];
         return this.sendConfig();
       }
-      case 'project/resume':
-        if (this.resumeProjects.length === 0) return this.send('project/resume/error', { reason: 'no-projects', message: '復元できるプロジェクトが見つかりません' });
-        this.projects = [...this.resumeProjects];
-        this.activeProjectId = this.projects[0].id;
-        return this.sendConfig();
       case 'terminal/create': {
         const session = { id: id(), title: `CLI #${this.sessions.filter((s) => s.projectId === payload.projectId).length + 1}`, workingDirectory: '/tmp', projectId: payload.projectId };
         this.sessions.push(session);
@@ -186,27 +179,6 @@ export class FakeNative {
       case 'git/fetch':
         if (this.holdGit) await this.holdGit;
         return this.send('git/result', { success: false, message: 'リモートリポジトリがないプロジェクトです' });
-      case 'git/history': {
-        const served = this.history.get(payload.projectId) ?? [];
-        const offset = payload.cursorPayload ? JSON.parse(payload.cursorPayload).localOffset : 0;
-        const edges = served.slice(offset, offset + payload.pageSize);
-        const next = offset + edges.length;
-        return this.send('git/history', {
-          projectId: payload.projectId,
-          edges,
-          pageInfo: { hasNextPage: next < served.length },
-          requestId: payload.requestId,
-          localOffset: next,
-          cursorPayload: JSON.stringify({ localOffset: next }),
-          remoteRemainingCount: 0,
-        });
-      }
-      case 'git/commit/diff':
-        return this.send('git/commit/diff', {
-          projectId: payload.projectId,
-          commit: payload.commit,
-          files: [{ commit: payload.commit, path: payload.path, additions: 1, deletions: 0, isBinary: false, patch: `diff --git a/${payload.path} b/${payload.path}\n@@ -0,0 +1 @@\n+added in ${payload.commit.slice(0, 7)}\n`, resolved: true }],
-        });
       case 'git/graph': {
         const failure = this.graphFailures.get(payload.projectId);
         if (failure) return this.send('git/result', { success: false, message: failure });
@@ -215,15 +187,7 @@ export class FakeNative {
       case 'git/branch-map': {
         const map = this.branchMaps.get(payload.projectId);
         if (!map) return this.send('git/branch-map/error', { projectId: payload.projectId, message: 'プロジェクトを確認できません' });
-        const limit = payload.limit ?? 50;
-        let nodes = map.nodes;
-        if (limit >= 1 && nodes.length > limit) {
-          // The current branch and the base are never cut off: they take the places of the last ones kept.
-          const prefix = nodes.slice(0, limit);
-          const pinned = nodes.slice(limit).filter((n) => n.isCurrent || n.isBase);
-          nodes = [...prefix.slice(0, Math.max(0, limit - pinned.length)), ...pinned];
-        }
-        return this.send('git/branch-map', { ...map, projectId: payload.projectId, nodes, totalCount: map.nodes.length, truncatedCount: map.nodes.length - nodes.length });
+        return this.send('git/branch-map', { ...map, projectId: payload.projectId });
       }
       case 'dashboard.present':
         if (!this.dashboardOpen) {
