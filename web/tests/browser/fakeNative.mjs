@@ -3,40 +3,30 @@
 // native side would send, through the native event script.
 
 import { randomUUID } from 'node:crypto';
-import { eventScript } from '../injectedScript.mjs';
-import { waitForPosted } from './postedMessages.mjs';
+import { NativeStandIn } from './postedMessages.mjs';
 
 const id = () => randomUUID().toUpperCase();
 
-export class FakeNative {
-  constructor() {
-    this.page = undefined;
-    this.messages = [];
-    this.sent = [];
-    this.projects = [];
-    this.resumeProjects = [];
-    this.activeProjectId = undefined;
-    this.columnLayout = ['explorer', 'preview', 'editor', 'terminal'];
-    this.sessions = [];
-    /** Files per project id: relative path → text. */
-    this.files = new Map();
-    this.largeFiles = new Set();
-    this.git = new Map();
-    this.graphs = new Map();
-    /** Per project id: a failure text sent as "git/result" instead of a graph. */
-    this.graphFailures = new Map();
-    /** Per project id: the branch map as sent. */
-    this.branchMaps = new Map();
-    /** What "github/oauth/status" says after each configuration. */
-    this.oauth = { status: 'disconnected' };
-    /** "dashboard.metrics" as the program writes it, and whether the dashboard is up. */
-    this.dashboardSnapshot = undefined;
-    this.dashboardOpen = false;
-  }
-
-  attach(page) {
-    this.page = page;
-  }
+export class FakeNative extends NativeStandIn {
+  projects = [];
+  resumeProjects = [];
+  activeProjectId = undefined;
+  columnLayout = ['explorer', 'preview', 'editor', 'terminal'];
+  sessions = [];
+  /** Files per project id: relative path → text. */
+  files = new Map();
+  largeFiles = new Set();
+  git = new Map();
+  graphs = new Map();
+  /** Per project id: a failure text sent as "git/result" instead of a graph. */
+  graphFailures = new Map();
+  /** Per project id: the branch map as sent. */
+  branchMaps = new Map();
+  /** What "github/oauth/status" says after each configuration. */
+  oauth = { status: 'disconnected' };
+  /** "dashboard.metrics" as the program writes it, and whether the dashboard is up. */
+  dashboardSnapshot = undefined;
+  dashboardOpen = false;
 
   addProject(name, files = {}) {
     const project = { id: id(), name, rootPath: `~/src/${name}`, explorerExcludedPaths: [] };
@@ -63,28 +53,9 @@ export class FakeNative {
     return payload;
   }
 
-  async send(type, payload) {
-    this.sent.push({ type, payload });
-    await this.page.evaluate(eventScript(type, payload));
-  }
-
   async sendConfig() {
     await this.send('app/config', this.config());
     await this.send('github/oauth/status', this.oauth);
-  }
-
-  /** Waits for a posted message that matches. */
-  waitFor(predicate, what, timeout = 5000) {
-    return waitForPosted(this.messages, predicate, what, timeout);
-  }
-
-  async handle(message) {
-    this.messages.push(message);
-    try {
-      await this.respond(message);
-    } catch (error) {
-      if (!String(error).includes('closed')) console.error('fake native failed on', message.type, error);
-    }
   }
 
   listing(projectId, dir) {
