@@ -130,11 +130,6 @@ export class FakeNative extends NativeStandIn {
         return this.send('project/file/saved', { projectId: payload.projectId, path: payload.path });
       case 'git/status':
         return this.sendStatus(payload.projectId ?? this.activeProjectId);
-      case 'git/diff':
-        return this.send('git/diff', {
-          projectId: payload.projectId,
-          files: payload.targets.map((t) => ({ path: t.path, stage: t.stage, additions: 1, deletions: 1, isBinary: false, patch: `diff --git a/${t.path} b/${t.path}\n@@ -1 +1 @@\n-old line\n+new line\n` })),
-        });
       case 'git/commit': {
         if (this.holdGit) await this.holdGit;
         const g = this.git.get(payload.projectId);
@@ -145,11 +140,6 @@ export class FakeNative extends NativeStandIn {
         await this.send('git/result', { success: true, message: 'コミットしました' });
         return this.sendStatus(payload.projectId);
       }
-      case 'git/push':
-      case 'git/pull':
-      case 'git/fetch':
-        if (this.holdGit) await this.holdGit;
-        return this.send('git/result', { success: false, message: 'リモートリポジトリがないプロジェクトです' });
       case 'git/graph': {
         const failure = this.graphFailures.get(payload.projectId);
         if (failure) return this.send('git/result', { success: false, message: failure });
