@@ -9,7 +9,6 @@ const id = () => randomUUID().toUpperCase();
 
 export class FakeNative extends NativeStandIn {
   projects = [];
-  resumeProjects = [];
   activeProjectId = undefined;
   columnLayout = ['explorer', 'preview', 'editor', 'terminal'];
   sessions = [];
@@ -31,7 +30,6 @@ export class FakeNative extends NativeStandIn {
   addProject(name, files = {}) {
     const project = { id: id(), name, rootPath: `~/src/${name}`, explorerExcludedPaths: [] };
     this.projects.push(project);
-    this.resumeProjects = [...this.projects];
     this.files.set(project.id, new Map(Object.entries(files)));
     this.git.set(project.id, { branch: 'main', ahead: 0, behind: 0, staged: [], unstaged: [], untracked: [] });
     this.activeProjectId = project.id;
@@ -46,10 +44,9 @@ export class FakeNative extends NativeStandIn {
       columnLayout: this.columnLayout,
       cliSessions: this.sessions.map((s) => ({ ...s, status: 'pending' })),
       features: ['terminal.v2'],
-      hasSavedWorkspace: this.resumeProjects.length > 0,
+      hasSavedWorkspace: false,
     };
     if (this.activeProjectId) payload.activeProjectId = this.activeProjectId;
-    if (this.resumeProjects.length > 0) payload.resumeProjects = this.resumeProjects;
     return payload;
   }
 
