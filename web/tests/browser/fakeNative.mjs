@@ -57,7 +57,6 @@ export class FakeNative extends NativeStandIn {
 
   listing(projectId, dir) {
     const files = this.files.get(projectId);
-    if (!files) return { path: dir, nodes: [], error: 'invalidProject' };
     const children = new Map();
     for (const p of files.keys()) {
       if (dir !== '' && !p.startsWith(`${dir}/`)) continue;
@@ -66,7 +65,6 @@ export class FakeNative extends NativeStandIn {
       const childPath = dir === '' ? head : `${dir}/${head}`;
       children.set(childPath, { name: head, path: childPath, type: tail.length > 0 ? 'folder' : 'file' });
     }
-    if (dir !== '' && children.size === 0) return { path: dir, nodes: [], error: 'notFound' };
     const nodes = [...children.values()].sort((a, b) => (a.type === b.type ? a.name.localeCompare(b.name) : a.type === 'folder' ? -1 : 1));
     return { path: dir, nodes };
   }

@@ -50,18 +50,8 @@ export async function launch() {
 /** Installs the native message channel: every posted message is recorded and handed to `onMessage`. */
 export async function installChannel(page, onMessage) {
   await page.exposeFunction('__velkoTestPost', (message) => onMessage(message));
+  // Posted messages cross as JSON, as they do into the native side.
   await page.addInitScript(() => {
-    window.__posted = [];
-    window.webkit = {
-      messageHandlers: {
-        velko: {
-          postMessage(message) {
-            const copy = JSON.parse(JSON.stringify(message));
-            window.__posted.push(copy);
-            window.__velkoTestPost(copy);
-          },
-        },
-      },
-    };
+    window.webkit = { messageHandlers: { velko: { postMessage: (message) => window.__velkoTestPost(JSON.parse(JSON.stringify(message))) } } };
   });
 }

@@ -573,14 +573,11 @@ test('recorded: diff, commit, push without a remote, a terminal that exits, clos
   await page.waitForFunction(() => document.querySelectorAll('.session-tab').length === 1);
   await page.click('.project-tab.active .tab-close');
   await page.waitForSelector('.resume-list >> text=demo');
-  const creates = () => native.messages.filter((m) => m.type === 'terminal/create').length;
-  const before = creates();
   await page.click('.resume-button');
   await page.waitForSelector('.project-tab.active >> text=demo');
   await page.waitForSelector('.tree-row >> text=README.md');
+  // The program brings projects back without their shells: the page asks for one (how many is a unit test).
   await page.waitForSelector('.session-tab.active .status-badge >> text=実行中');
-  // The program brings projects back without their shells: the page asks for one, once.
-  assert.equal(creates(), before + 1);
   assert.deepEqual(errors, []);
   await page.close();
 });
