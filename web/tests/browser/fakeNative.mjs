@@ -3,47 +3,33 @@
 // native side would send, through the native event script.
 
 import { randomUUID } from 'node:crypto';
-import { eventScript } from '../injectedScript.mjs';
-import { waitForPosted } from './postedMessages.mjs';
+import { NativeStandIn } from './postedMessages.mjs';
 
 const id = () => randomUUID().toUpperCase();
 
-export class FakeNative {
-  constructor() {
-    this.page = undefined;
-    this.messages = [];
-    this.sent = [];
-    this.projects = [];
-    this.resumeProjects = [];
-    this.activeProjectId = undefined;
-    this.columnLayout = ['explorer', 'preview', 'editor', 'terminal'];
-    this.sessions = [];
-    /** Files per project id: relative path → text. */
-    this.files = new Map();
-    this.largeFiles = new Set();
-    this.git = new Map();
-    /** Per project id: the commits "git/history" pages through, in the order served. */
-    this.history = new Map();
-    this.graphs = new Map();
-    /** Per project id: a failure text sent as "git/result" instead of a graph. */
-    this.graphFailures = new Map();
-    /** Per project id: the whole branch map, cut to the asked limit as the native side does. */
-    this.branchMaps = new Map();
-    /** What "github/oauth/status" says after each configuration. */
-    this.oauth = { status: 'disconnected' };
-    /** "dashboard.metrics" as the program writes it, and whether the dashboard is up. */
-    this.dashboardSnapshot = undefined;
-    this.dashboardOpen = false;
-  }
-
-  attach(page) {
-    this.page = page;
-  }
+export class FakeNative extends NativeStandIn {
+  projects = [];
+  activeProjectId = undefined;
+  columnLayout = ['explorer', 'preview', 'editor', 'terminal'];
+  sessions = [];
+  /** Files per project id: relative path → text. */
+  files = new Map();
+  largeFiles = new Set();
+  git = new Map();
+  graphs = new Map();
+  /** Per project id: a failure text sent as "git/result" instead of a graph. */
+  graphFailures = new Map();
+  /** Per project id: the branch map as sent. */
+  branchMaps = new Map();
+  /** What "github/oauth/status" says after each configuration. */
+  oauth = { status: 'disconnected' };
+  /** "dashboard.metrics" as the program writes it, and whether the dashboard is up. */
+  dashboardSnapshot = undefined;
+  dashboardOpen = false;
 
   addProject(name, files = {}) {
     const project = { id: id(), name, rootPath: `~/src/${name}`, explorerExcludedPaths: [] };
     this.projects.push(project);
-    this.resumeProjects = [...this.projects];
     this.files.set(project.id, new Map(Object.entries(files)));
     this.git.set(project.id, { branch: 'main', ahead: 0, behind: 0, staged: [], unstaged: [], untracked: [] });
     this.activeProjectId = project.id;
@@ -58,16 +44,10 @@ export class FakeNative {
       columnLayout: this.columnLayout,
       cliSessions: this.sessions.map((s) => ({ ...s, status: 'pending' })),
       features: ['terminal.v2'],
-      hasSavedWorkspace: this.resumeProjects.length > 0,
+      hasSavedWorkspace: false,
     };
     if (this.activeProjectId) payload.activeProjectId = this.activeProjectId;
-    if (this.resumeProjects.length > 0) payload.resumeProjects = this.resumeProjects;
     return payload;
-  }
-
-  async send(type, payload) {
-    this.sent.push({ type, payload });
-    await this.page.evaluate(eventScript(type, payload));
   }
 
   async sendConfig() {
@@ -75,23 +55,8 @@ export class FakeNative {
     await this.send('github/oauth/status', this.oauth);
   }
 
-  /** Waits for a posted message that matches. */
-  waitFor(predicate, what, timeout = 5000) {
-    return waitForPosted(this.messages, predicate, what, timeout);
-  }
-
-  async handle(message) {
-    this.messages.push(message);
-    try {
-      await this.respond(message);
-    } catch (error) {
-      if (!String(error).includes('closed')) console.error('fake native failed on', message.type, error);
-    }
-  }
-
   listing(projectId, dir) {
     const files = this.files.get(projectId);
-    if (!files) return { path: dir, nodes: [], error: 'invalidProject' };
     const children = new Map();
     for (const p of files.keys()) {
       if (dir !== '' && !p.startsWith(`${dir}/`)) continue;
@@ -100,7 +65,6 @@ export class FakeNative {
       const childPath = dir === '' ? head : `${dir}/${head}`;
       children.set(childPath, { name: head, path: childPath, type: tail.length > 0 ? 'folder' : 'file' });
     }
-    if (dir !== '' && children.size === 0) return { path: dir, nodes: [], error: 'notFound' };
     const nodes = [...children.values()].sort((a, b) => (a.type === b.type ? a.name.localeCompare(b.name) : a.type === 'folder' ? -1 : 1));
     return { path: dir, nodes };
   }
@@ -130,11 +94,6 @@ export class FakeNative {
         this.projects = [...order.map((i) => this.projects.find((p) => p.id === i)).filter(Boolean), ...this.projects.filter((p) => !order.includes(p.id))];
         return this.sendConfig();
       }
-      case 'project/resume':
-        if (this.resumeProjects.length === 0) return this.send('project/resume/error', { reason: 'no-projects', message: '復元できるプロジェクトが見つかりません' });
-        this.projects = [...this.resumeProjects];
-        this.activeProjectId = this.projects[0].id;
-        return this.sendConfig();
       case 'terminal/create': {
         const session = { id: id(), title: `CLI #${this.sessions.filter((s) => s.projectId === payload.projectId).length + 1}`, workingDirectory: '/tmp', projectId: payload.projectId };
         this.sessions.push(session);
@@ -166,11 +125,6 @@ export class FakeNative {
         return this.send('project/file/saved', { projectId: payload.projectId, path: payload.path });
       case 'git/status':
         return this.sendStatus(payload.projectId ?? this.activeProjectId);
-      case 'git/diff':
-        return this.send('git/diff', {
-          projectId: payload.projectId,
-          files: payload.targets.map((t) => ({ path: t.path, stage: t.stage, additions: 1, deletions: 1, isBinary: false, patch: `diff --git a/${t.path} b/${t.path}\n@@ -1 +1 @@\n-old line\n+new line\n` })),
-        });
       case 'git/commit': {
         if (this.holdGit) await this.holdGit;
         const g = this.git.get(payload.projectId);
@@ -181,32 +135,6 @@ export class FakeNative {
         await this.send('git/result', { success: true, message: 'コミットしました' });
         return this.sendStatus(payload.projectId);
       }
-      case 'git/push':
-      case 'git/pull':
-      case 'git/fetch':
-        if (this.holdGit) await this.holdGit;
-        return this.send('git/result', { success: false, message: 'リモートリポジトリがないプロジェクトです' });
-      case 'git/history': {
-        const served = this.history.get(payload.projectId) ?? [];
-        const offset = payload.cursorPayload ? JSON.parse(payload.cursorPayload).localOffset : 0;
-        const edges = served.slice(offset, offset + payload.pageSize);
-        const next = offset + edges.length;
-        return this.send('git/history', {
-          projectId: payload.projectId,
-          edges,
-          pageInfo: { hasNextPage: next < served.length },
-          requestId: payload.requestId,
-          localOffset: next,
-          cursorPayload: JSON.stringify({ localOffset: next }),
-          remoteRemainingCount: 0,
-        });
-      }
-      case 'git/commit/diff':
-        return this.send('git/commit/diff', {
-          projectId: payload.projectId,
-          commit: payload.commit,
-          files: [{ commit: payload.commit, path: payload.path, additions: 1, deletions: 0, isBinary: false, patch: `diff --git a/${payload.path} b/${payload.path}\n@@ -0,0 +1 @@\n+added in ${payload.commit.slice(0, 7)}\n`, resolved: true }],
-        });
       case 'git/graph': {
         const failure = this.graphFailures.get(payload.projectId);
         if (failure) return this.send('git/result', { success: false, message: failure });
@@ -215,15 +143,7 @@ export class FakeNative {
       case 'git/branch-map': {
         const map = this.branchMaps.get(payload.projectId);
         if (!map) return this.send('git/branch-map/error', { projectId: payload.projectId, message: 'プロジェクトを確認できません' });
-        const limit = payload.limit ?? 50;
-        let nodes = map.nodes;
-        if (limit >= 1 && nodes.length > limit) {
-          // The current branch and the base are never cut off: they take the places of the last ones kept.
-          const prefix = nodes.slice(0, limit);
-          const pinned = nodes.slice(limit).filter((n) => n.isCurrent || n.isBase);
-          nodes = [...prefix.slice(0, Math.max(0, limit - pinned.length)), ...pinned];
-        }
-        return this.send('git/branch-map', { ...map, projectId: payload.projectId, nodes, totalCount: map.nodes.length, truncatedCount: map.nodes.length - nodes.length });
+        return this.send('git/branch-map', { ...map, projectId: payload.projectId });
       }
       case 'dashboard.present':
         if (!this.dashboardOpen) {

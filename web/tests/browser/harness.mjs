@@ -8,14 +8,7 @@ import os from 'node:os';
 import path from 'node:path';
 import { chromium } from 'playwright-core';
 
-const MIME = {
-  '.html': 'text/html; charset=utf-8',
-  '.js': 'application/javascript',
-  '.css': 'text/css',
-  '.svg': 'image/svg+xml',
-  '.json': 'application/json',
-  '.png': 'image/png',
-};
+const MIME = { '.html': 'text/html; charset=utf-8', '.js': 'application/javascript', '.css': 'text/css', '.svg': 'image/svg+xml', '.json': 'application/json', '.png': 'image/png' };
 
 export function serve(root) {
   const server = http.createServer((req, res) => {
@@ -57,18 +50,8 @@ export async function launch() {
 /** Installs the native message channel: every posted message is recorded and handed to `onMessage`. */
 export async function installChannel(page, onMessage) {
   await page.exposeFunction('__velkoTestPost', (message) => onMessage(message));
+  // Posted messages cross as JSON, as they do into the native side.
   await page.addInitScript(() => {
-    window.__posted = [];
-    window.webkit = {
-      messageHandlers: {
-        velko: {
-          postMessage(message) {
-            const copy = JSON.parse(JSON.stringify(message));
-            window.__posted.push(copy);
-            window.__velkoTestPost(copy);
-          },
-        },
-      },
-    };
+    window.webkit = { messageHandlers: { velko: { postMessage: (message) => window.__velkoTestPost(JSON.parse(JSON.stringify(message))) } } };
   });
 }

@@ -8,16 +8,12 @@ import fs from 'node:fs';
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
 import { eventScript } from '../injectedScript.mjs';
-import { waitForPosted } from './postedMessages.mjs';
+import { NativeStandIn } from './postedMessages.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
 
 export function loadFixture(name) {
   return JSON.parse(fs.readFileSync(path.join(here, 'fixtures', name), 'utf8'));
-}
-
-export function loadRecording(name = 'recorded.json') {
-  return loadFixture(name);
 }
 
 const sameList = (a, b) => Array.isArray(a) && Array.isArray(b) && a.length === b.length && a.every((x, i) => x === b[i]);
@@ -73,19 +69,14 @@ function tailor(events, posted) {
   });
 }
 
-export class RecordedNative {
+export class RecordedNative extends NativeStandIn {
   constructor(recording) {
+    super();
     this.recording = recording;
-    this.page = undefined;
-    this.messages = [];
     this.used = new Set();
     /** Typed input per session not yet answered. */
     this.typed = new Map();
     this.unanswered = [];
-  }
-
-  attach(page) {
-    this.page = page;
   }
 
   /** Scripts that park the program's start-up events before the page loads. */
@@ -93,17 +84,8 @@ export class RecordedNative {
     return this.recording.startup.map((e) => eventScript(e.type, e.payload));
   }
 
-  async send(events) {
-    for (const e of events) await this.page.evaluate(eventScript(e.type, e.payload));
-  }
-
-  async handle(message) {
-    this.messages.push(message);
-    try {
-      await this.respond(message);
-    } catch (error) {
-      if (!String(error).includes('closed')) console.error('recorded native failed on', message.type, error);
-    }
+  async replay(events) {
+    for (const e of events) await this.send(e.type, e.payload);
   }
 
   async respond(message) {
@@ -116,7 +98,7 @@ export class RecordedNative {
       if (i >= 0) {
         this.typed.delete(id);
         this.used.add(i);
-        return this.send(steps[i].events);
+        return this.replay(steps[i].events);
       }
       this.typed.set(id, text);
       return undefined;
@@ -129,11 +111,6 @@ export class RecordedNative {
       return undefined;
     }
     this.used.add(i);
-    return this.send(tailor(steps[i].events, message));
-  }
-
-  /** Waits for a posted message that matches. */
-  waitFor(predicate, what, timeout = 5000) {
-    return waitForPosted(this.messages, predicate, what, timeout);
+    return this.replay(tailor(steps[i].events, message));
   }
 }

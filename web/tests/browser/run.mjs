@@ -5,7 +5,7 @@ import assert from 'node:assert/strict';
 import { serve, launch, installChannel } from './harness.mjs';
 import { shippedBuild, testBuild, isStale } from '../../scripts/builds.mjs';
 import { FakeNative } from './fakeNative.mjs';
-import { RecordedNative, loadRecording, loadFixture } from './recordedNative.mjs';
+import { RecordedNative, loadFixture } from './recordedNative.mjs';
 import { dropScript } from '../injectedScript.mjs';
 
 const tests = [];
@@ -13,10 +13,8 @@ const test = (name, fn) => tests.push({ name, fn });
 
 const b64 = (text) => Buffer.from(text, 'utf8').toString('base64');
 
-/** Opens the page with a fake native side that already has `setup`'s projects. */
-async function openPage(ctx, setup = () => undefined, { channel = true, before } = {}) {
-  const native = new FakeNative();
-  setup(native);
+/** Loads `url` with `native` behind the page; `before` runs on the page first. */
+async function load(ctx, native, { channel = true, before, url = ctx.url } = {}) {
   const page = await ctx.context.newPage();
   const errors = [];
   const logs = [];
@@ -25,9 +23,16 @@ async function openPage(ctx, setup = () => undefined, { channel = true, before }
   native.attach(page);
   if (channel) await installChannel(page, (m) => native.handle(m));
   if (before) await before(page);
-  await page.goto(ctx.url);
+  await page.goto(url);
   await page.waitForSelector('.topbar');
   return { page, native, errors, logs };
+}
+
+/** Opens the page with a fake native side that already has `setup`'s projects. */
+async function openPage(ctx, setup = () => undefined, options = {}) {
+  const native = new FakeNative();
+  setup(native);
+  return load(ctx, native, options);
 }
 
 /** Waits until the session's terminal buffer holds `text`. */
@@ -60,9 +65,8 @@ test('tabs activate, close and reorder by dragging', async (ctx) => {
     b = n.addProject('two');
   });
   await page.waitForSelector('.project-tab.active >> text=two');
+  // The fake side follows what the page posts: each change of the tabs shows only if it was asked right.
   await page.click('.project-tab >> text=one');
-  const act = await native.waitFor((m) => m.type === 'project/activate', 'project/activate');
-  assert.deepEqual(act.payload, { id: a.id });
   await page.waitForSelector('.project-tab.active >> text=one');
   // The project brought forward gets the keyboard in its terminal, not the tab that was clicked.
   const oneSession = native.sessions.find((s) => s.projectId === a.id).id;
@@ -74,12 +78,8 @@ test('tabs activate, close and reorder by dragging', async (ctx) => {
   await native.waitFor(() => treeRequests() === 2, 'tree reload of two');
   await page.waitForSelector('.project-tab.active >> text=two');
   await page.dragAndDrop('.project-tab:has-text("two")', '.project-tab:has-text("one")', { targetPosition: { x: 2, y: 10 } });
-  const reorder = await native.waitFor((m) => m.type === 'project/reorder', 'project/reorder');
-  assert.deepEqual(reorder.payload.order, [b.id, a.id]);
   await page.waitForFunction(() => [...document.querySelectorAll('.project-name')].map((e) => e.textContent).join() === 'two,one');
   await page.click('.project-tab:has-text("two") .tab-close');
-  const close = await native.waitFor((m) => m.type === 'project/close', 'project/close');
-  assert.deepEqual(close.payload, { projectId: b.id });
   await page.waitForFunction(() => [...document.querySelectorAll('.project-name')].map((e) => e.textContent).join() === 'one');
   await page.close();
 });
@@ -90,6 +90,7 @@ test('typing posts terminal input, Ctrl+C goes once as its byte, and resize foll
   await native.waitFor((m) => m.type === 'app/config/request', 'config request');
   await native.send('terminal/status', { sessionId: session.id, status: 'ready' });
   await page.waitForSelector('.term-host:not([hidden]) .xterm');
+  // The first fit's resize, so that the count below only grows with the layout change.
   await native.waitFor((m) => m.type === 'terminal/resize' && m.payload.sessionId === session.id, 'terminal/resize');
   await page.click('.term-host:not([hidden]) .xterm');
   await native.waitFor((m) => m.type === 'terminal/focus' && m.payload.focused === true, 'terminal/focus');
@@ -99,8 +100,7 @@ test('typing posts terminal input, Ctrl+C goes once as its byte, and resize foll
   // Files dropped on the window land on the command line, quoted for the shell.
   await page.evaluate(dropScript(['/home/u/My Files/a.txt', '/tmp/b.txt']));
   await native.waitFor((m) => m.type === 'terminal/input' && m.payload.data.includes('b.txt'), 'dropped paths');
-  const typed = native.messages.filter((m) => m.type === 'terminal/input').map((m) => m.payload);
-  assert.ok(typed.every((p) => p.sessionId === session.id));
+  const typed = native.messages.filter((m) => m.type === 'terminal/input' && m.payload.sessionId === session.id).map((m) => m.payload);
   assert.equal(typed.map((p) => p.data).join(''), "ls -la\r\x03'/home/u/My Files/a.txt' /tmp/b.txt ");
   // The line discipline makes SIGINT of the byte; a signal as well would interrupt the job twice.
   assert.ok(!native.messages.some((m) => m.type === 'terminal/signal'));
@@ -110,7 +110,7 @@ test('typing posts terminal input, Ctrl+C goes once as its byte, and resize foll
   await page.close();
 });
 
-test('output is decoded and written in order, with status, exit code and the codex marker', async (ctx) => {
+test('output is decoded and written in order, with the codex marker and a failure banner', async (ctx) => {
   const { page, native } = await openPage(ctx, (n) => n.addProject('eps'));
   const session = native.sessions[0];
   await page.waitForSelector('.term-host:not([hidden]) .xterm');
@@ -126,9 +126,6 @@ test('output is decoded and written in order, with status, exit code and the cod
   await native.send('terminal/output', { sessionId: session.id, chunk: b64('\x1b]633;velko-codex:end;status=0\x07$ '), encoding: 'base64' });
   await page.waitForSelector('.codex-badge', { state: 'hidden' });
   await waitForTerminalText(page, session.id, 'codex> $');
-  await native.send('terminal/status', { sessionId: session.id, status: 'terminated', exitCode: 7 });
-  await native.send('terminal/exit', { sessionId: session.id, exitCode: 7 });
-  await page.waitForSelector('.session-tab .status-badge >> text=終了コード 7');
   await native.send('terminal/status', { sessionId: session.id, status: 'failed' });
   await native.send('terminal/error', { sessionId: session.id, message: 'write_failed: EIO', recoverable: true });
   await page.waitForSelector('.session-banner >> text=write_failed: EIO');
@@ -153,42 +150,23 @@ test('a running shell keeps its size in the view until the program confirms the 
   assert.ok((await page.evaluate((id) => window.__velkoTest.terminalText(id), session.id)).includes(`${'x'.repeat(100)}END`));
   await native.send('terminal/resize', { sessionId: session.id, cols: asked.payload.cols, rows: asked.payload.rows });
   await page.waitForFunction(([id, want]) => { const t = window.__velkoTest.terminal(id); return `${t.cols}x${t.rows}` === want; }, [session.id, fitted]);
-  // Once the shell has ended, the view simply takes its space again.
-  await native.send('terminal/status', { sessionId: session.id, status: 'terminated', exitCode: 0 });
-  await native.send('terminal/resize', { sessionId: session.id, cols: 60, rows: 10 });
-  await page.setViewportSize({ width: 1500, height: 900 });
-  await page.waitForFunction(([id, was]) => { const t = window.__velkoTest.terminal(id); return `${t.cols}x${t.rows}` !== '60x10' && `${t.cols}x${t.rows}` !== was; }, [session.id, fitted]);
   await page.close();
 });
 
-test('a new terminal is shown at once, and output in a hidden one marks its tab', async (ctx) => {
-  const { page, native } = await openPage(ctx, (n) => n.addProject('zeta'));
-  const project = native.projects[0];
-  await page.waitForSelector('.session-tab >> text=CLI #1');
-  await page.click('.column-terminal .column-header button[aria-label="新しいターミナル"]');
-  const create = await native.waitFor((m) => m.type === 'terminal/create', 'terminal/create');
-  assert.deepEqual(create.payload, { projectId: project.id });
-  await page.waitForSelector('.session-tab.active >> text=CLI #2');
-  await page.waitForSelector('.session-tab.active .status-badge >> text=実行中');
-  // Output in the hidden first terminal marks its tab until it is shown.
-  const first = native.sessions[0].id;
-  await native.send('terminal/activity', { sessionId: first });
-  await page.waitForSelector('.session-tab.has-activity >> text=CLI #1');
-  await page.click('.session-tab >> text=CLI #1');
-  await page.waitForSelector('.session-tab.has-activity', { state: 'detached' });
-  await page.close();
-});
-
-test('keyboard focus lands on a terminal when the focused element goes away', async (ctx) => {
-  const { page } = await openPage(ctx, (n) => n.addProject('nu', { 'a.txt': 'a' }));
+test('keyboard focus lands on a terminal when the focused element goes away; output in a hidden one marks its tab', async (ctx) => {
+  const { page, native } = await openPage(ctx, (n) => n.addProject('nu', { 'a.txt': 'a' }));
   await page.click('.column-terminal .column-header button[aria-label="新しいターミナル"]');
   await page.waitForSelector('.session-tab.active >> text=CLI #2');
   const focusedSession = () => page.evaluate(() => document.activeElement?.closest('.term-host')?.dataset.session ?? document.activeElement?.className);
   const second = await page.$eval('.term-host:not([hidden])', (el) => el.dataset.session);
   assert.equal(await focusedSession(), second);
+  // Output in the hidden first terminal marks its tab until it is shown.
+  const first = native.sessions[0].id;
+  await native.send('terminal/activity', { sessionId: first });
+  await page.waitForSelector('.session-tab.has-activity >> text=CLI #1');
   await page.click('.session-tab.active .tab-close');
   await page.waitForFunction(() => document.querySelectorAll('.session-tab').length === 1);
-  const first = await page.$eval('.term-host:not([hidden])', (el) => el.dataset.session);
+  await page.waitForSelector('.session-tab.has-activity', { state: 'detached' });
   await page.waitForFunction((id) => document.activeElement?.closest('.term-host')?.dataset.session === id, first);
   // A tree row that disappears under the keyboard hands focus on as well.
   await page.click('.tree-row:has-text("a.txt")');
@@ -198,25 +176,10 @@ test('keyboard focus lands on a terminal when the focused element goes away', as
   await page.close();
 });
 
-test('the explorer expands lazily and reloads a changed directory', async (ctx) => {
-  const { page, native } = await openPage(ctx, (n) => n.addProject('eta', { 'src/a.ts': 'a', 'top.txt': 't' }));
-  const project = native.projects[0];
-  await page.click('.tree-row:has-text("src")');
-  await native.waitFor((m) => m.type === 'project/explorer/directories/request' && m.payload.paths[0] === 'src', 'expand src');
-  await page.waitForSelector('.tree-row >> text=a.ts');
-  native.files.get(project.id).set('src/new.ts', 'n');
-  await native.send('project/explorer/changed', { projectId: project.id, directoryPaths: ['src'], requiresResync: false });
-  await page.waitForSelector('.tree-row >> text=new.ts');
-  await page.close();
-});
-
-test('opens, edits and saves a file with Ctrl+S', async (ctx) => {
+// Opening by double click and the text saved are in the recorded journeys.
+test('an unsaved edit holds the project open, and saving with Ctrl+S refreshes git and keeps the highlighting', async (ctx) => {
   const { page, native } = await openPage(ctx, (n) => n.addProject('iota', { 'main.py': 'print("hi")\n' }));
-  const project = native.projects[0];
-  // A double click opens the file and hands the keyboard to the editor.
   await page.dblclick('.tree-row:has-text("main.py")');
-  await native.waitFor((m) => m.type === 'project/file/open' && m.payload.path === 'main.py', 'open');
-  await page.waitForSelector('.cm-content >> text=print("hi")');
   await page.waitForSelector('.cm-editor.cm-focused');
   await page.keyboard.press('Control+End');
   await page.keyboard.type('x = 1');
@@ -231,8 +194,6 @@ test('opens, edits and saves a file with Ctrl+S', async (ctx) => {
   const statusAsks = () => native.messages.filter((m) => m.type === 'git/status').length;
   const asked = statusAsks();
   await page.keyboard.press('Control+s');
-  const save = await native.waitFor((m) => m.type === 'project/file/save', 'save');
-  assert.deepEqual(save.payload, { projectId: project.id, path: 'main.py', content: 'print("hi")\nx = 1' });
   await page.waitForSelector('.doc-tab:not(.dirty) >> text=main.py');
   // The git panel follows the saved change.
   await native.waitFor(() => statusAsks() > asked, 'git/status after save');
@@ -241,98 +202,42 @@ test('opens, edits and saves a file with Ctrl+S', async (ctx) => {
   await page.close();
 });
 
-// Declining the question and images are in the recorded journeys.
-test('a large file opens once the question is confirmed; a failed save shows a toast', async (ctx) => {
+// Declining the question and images are in the recorded journeys; the fake answers only what was asked right.
+test('the explorer reloads a changed folder, a large file opens once confirmed, and a failed save shows a toast', async (ctx) => {
   const { page, native } = await openPage(ctx, (n) => {
-    n.addProject('kappa', { 'big.log': 'big' });
+    n.addProject('kappa', { 'big.log': 'big', 'src/a.ts': 'a' });
     n.largeFiles.add('big.log');
   });
+  await page.click('.tree-row:has-text("src")');
+  await page.waitForSelector('.tree-row >> text=a.ts');
+  native.files.get(native.activeProjectId).set('src/new.ts', 'n');
+  await native.send('project/explorer/changed', { projectId: native.activeProjectId, directoryPaths: ['src'], requiresResync: false });
+  await page.waitForSelector('.tree-row >> text=new.ts');
   await page.click('.tree-row:has-text("big.log")');
   await page.waitForSelector('.dialog >> text=約 40.0 MB');
   await page.click('.dialog [data-action="confirm"]');
-  const again = await native.waitFor((m) => m.type === 'project/file/open' && m.payload.allowLargeFile === true, 'allowLargeFile');
-  assert.equal(again.payload.path, 'big.log');
   await page.waitForSelector('.cm-content >> text=big');
   await native.send('project/file/error', { projectId: native.activeProjectId, path: 'big.log', message: '保存に失敗しました: ディスクがいっぱいです' });
   await page.waitForSelector('.toast.error >> text=保存に失敗しました: ディスクがいっぱいです');
   await page.close();
 });
 
-test('commits from the git panel and shows the result', async (ctx) => {
-  let project;
+// The diff, the commit and a push without a remote are in the recorded journeys.
+test('the git actions stay disabled while one runs, and a commit empties the message box', async (ctx) => {
   let release;
   const { page, native } = await openPage(ctx, (n) => {
-    project = n.addProject('lambda');
-    n.git.get(project.id).unstaged = [{ path: 'src/x.ts', status: ' M' }];
-    n.git.get(project.id).untracked = [{ path: 'new.md', status: '?' }];
+    n.git.get(n.addProject('lambda').id).unstaged = [{ path: 'src/x.ts', status: ' M' }];
   });
   await page.waitForSelector('.git-group >> text=未ステージ (1)');
-  await page.click('.git-file:has-text("src/x.ts")');
-  const diff = await native.waitFor((m) => m.type === 'git/diff', 'git/diff');
-  assert.deepEqual(diff.payload, { projectId: project.id, targets: [{ path: 'src/x.ts', stage: 'unstaged' }] });
-  await page.waitForSelector('.diff-line.add >> text=+new line');
   native.holdGit = new Promise((r) => (release = r));
   await page.fill('.commit-message', 'Fix the thing');
   await page.click('.commit-button');
-  const commit = await native.waitFor((m) => m.type === 'git/commit', 'git/commit');
-  assert.deepEqual(commit.payload, { projectId: project.id, message: 'Fix the thing' });
   await native.waitFor((m) => m.type === 'git/refresh/barrier', 'barrier');
   assert.ok(await page.isDisabled('.commit-button'));
   assert.ok(await page.isDisabled('button[data-action="push"]'));
   release();
-  await page.waitForSelector('.toast.success >> text=コミットしました');
   await page.waitForSelector('.commit-button:not([disabled])');
   assert.equal(await page.inputValue('.commit-message'), '');
-  await page.waitForSelector('.git-groups >> text=変更はありません');
-  await page.click('button[data-action="push"]');
-  await page.waitForSelector('.git-notice:not([hidden])');
-  await page.waitForSelector('.toast.error >> text=リモートリポジトリがないプロジェクトです');
-  await page.close();
-});
-
-/** Commits as "git/history" serves them signed out: the local-only ones, then all of HEAD labelled remote, so those come twice. */
-function servedHistory(total, localOnly) {
-  const commits = Array.from({ length: total }, (_, i) => ({
-    oid: i.toString(16).padStart(40, '0'),
-    messageHeadline: `commit ${i}`,
-    author: i % 2 ? { name: 'Ann', login: 'ann' } : { name: 'Bob' },
-    committedDate: '2024-05-01T12:00:00Z',
-    files: i === 0 ? [{ path: 'src/{old => new}/x.ts', additions: 3, deletions: 1 }] : [],
-  }));
-  return [...commits.slice(0, localOnly).map((c) => ({ ...c, origin: 'local' })), ...commits.map((c) => ({ ...c, origin: 'remote' }))];
-}
-
-test('history scrolls 600 commits to the end, each once, and a commit file asks for its diff', async (ctx) => {
-  let project;
-  const { page, native, errors } = await openPage(ctx, (n) => {
-    project = n.addProject('rho');
-    n.history.set(project.id, servedHistory(600, 120));
-  });
-  await page.click('.git-tab[data-tab="history"]');
-  const first = await native.waitFor((m) => m.type === 'git/history', 'git/history');
-  assert.deepEqual(Object.keys(first.payload).sort(), ['pageSize', 'projectId', 'requestId']);
-  await page.waitForSelector('.history-row.commit >> text=commit 0');
-  const end = await page.waitForFunction(() => {
-    const list = document.querySelector('.history-list');
-    list.scrollTop = list.scrollHeight;
-    const tail = document.querySelector('.history-row.tail')?.textContent;
-    return tail?.endsWith('件のコミット') && tail;
-  }, undefined, { polling: 30, timeout: 20000 });
-  assert.equal(await end.jsonValue(), '600 件のコミット');
-  const oids = await page.evaluate((id) => window.__velkoTest.app.history.get().projects[id].commits.map((c) => c.oid), project.id);
-  assert.equal(new Set(oids).size, 600);
-  assert.equal(oids.length, 600);
-  // Only the rows near the viewport exist.
-  assert.ok((await page.locator('.history-row').count()) < 80);
-  const pages = native.messages.filter((m) => m.type === 'git/history');
-  assert.ok(pages.slice(1).every((m) => typeof m.payload.cursorPayload === 'string'));
-  await page.$eval('.history-list', (l) => (l.scrollTop = 0));
-  await page.click('.history-row.commit:has-text("commit 0")');
-  await page.click('.history-row.file:has-text("x.ts")');
-  const asked = await native.waitFor((m) => m.type === 'git/commit/diff', 'git/commit/diff');
-  assert.deepEqual(asked.payload, { projectId: project.id, commit: oids[0], path: 'src/new/x.ts' });
-  await page.waitForSelector('.history-diff .diff-line.add >> text=+added in 0000000');
-  assert.deepEqual(errors, []);
   await page.close();
 });
 
@@ -350,10 +255,7 @@ test('the graph draws a merge on two lanes, runs an unlisted parent off the bott
   });
   await page.click('.git-tab[data-tab="graph"]');
   await page.waitForSelector('.graph-row >> text=msg f');
-  const types = native.messages.map((m) => m.type);
-  assert.ok(types.lastIndexOf('git/refresh/barrier') > types.indexOf('git/graph'));
-  const cx = (oid) => page.$eval(`circle[data-oid="${oid}"]`, (c) => Number(c.getAttribute('cx')));
-  assert.notEqual(await cx('m'), await cx('f'));
+  // Where each line runs is the geometry's unit test; here, that the lines are drawn with their colours.
   assert.equal(await page.$eval('path[data-from="m"][data-to="f"]', (p) => p.getAttribute('stroke')), '#64B5F6');
   assert.ok(await page.$('path[data-from="p"][data-to="gone"][data-off-bottom]'));
   // The other project's graph failed: its message shows in the view, not as an action's toast.
@@ -364,28 +266,20 @@ test('the graph draws a merge on two lanes, runs an unlisted parent off the bott
   await page.close();
 });
 
-test('the branch map shows what it left out, keeps the current branch, and asks for all of it', async (ctx) => {
-  let project;
-  const { page, native } = await openPage(ctx, (n) => {
-    project = n.addProject('upsilon');
+// What the map leaves out and asking for all of it are in the recorded journey.
+test('the branch map marks an estimated parent, lists overlaps and explains a shallow clone without a remote', async (ctx) => {
+  const { page } = await openPage(ctx, (n) => {
+    const project = n.addProject('upsilon');
     const node = (name, extra = {}) => ({ name, isCurrent: false, isBase: false, parentConfidence: 'confirmed', mergeState: 'unmerged', location: 'local', pushState: 'noUpstream', inUseByOtherWorktree: false, hasUncommittedChanges: false, hasConflicts: false, isCleanupCandidate: false, overlaps: [], priority: 5, ...extra });
-    const nodes = [node('main', { isBase: true, mergeState: 'base', priority: 0 }), ...Array.from({ length: 56 }, (_, i) => node(`topic-${i}`))];
-    nodes.push(node('feature/mine', { isCurrent: true, parent: 'topic-3', parentConfidence: 'estimated', priority: 2, overlaps: [{ branch: 'topic-1', fileCount: 7, samplePaths: ['a.ts', 'b.ts'] }] }));
-    n.branchMaps.set(project.id, { baseBranch: 'main', currentBranch: 'feature/mine', repositoryState: 'ready', isShallow: true, hasRemote: false, nodes, generatedAt: '2024-05-01T12:00:00Z' });
+    const nodes = [node('main', { isBase: true, mergeState: 'base', priority: 0 }), node('topic-1'), node('feature/mine', { isCurrent: true, parent: 'topic-1', parentConfidence: 'estimated', priority: 2, overlaps: [{ branch: 'topic-1', fileCount: 7, samplePaths: ['a.ts', 'b.ts'] }] })];
+    n.branchMaps.set(project.id, { baseBranch: 'main', currentBranch: 'feature/mine', repositoryState: 'ready', isShallow: true, hasRemote: false, nodes, generatedAt: '2024-05-01T12:00:00Z', totalCount: 3, truncatedCount: 0 });
   });
   await page.click('.git-tab[data-tab="branches"]');
-  await page.waitForSelector('.branch-more >> text=8 件を省略');
-  assert.equal(await page.locator('.branch-node').count(), 50);
   const mine = page.locator('.branch-node.current[data-branch="feature/mine"]');
   assert.equal(await mine.locator('.branch-badge.estimated').textContent(), '推定');
   assert.ok((await mine.textContent()).includes('a.ts, b.ts'));
   await page.waitForSelector('.branch-note >> text=浅いクローン');
   await page.waitForSelector('.branch-note >> text=リモートリポジトリがありません');
-  await page.click('.branch-more button');
-  const all = await native.waitFor((m) => m.type === 'git/branch-map' && m.payload.limit !== undefined, 'branch map with a limit');
-  assert.deepEqual(all.payload, { projectId: project.id, limit: 58 });
-  await page.waitForFunction(() => document.querySelectorAll('.branch-node').length === 58);
-  assert.ok(await page.isHidden('.branch-more'));
   await page.close();
 });
 
@@ -419,23 +313,18 @@ test('the account control signs in through the browser and signs out', async (ct
     return route.fulfill({ status: 200, contentType: 'image/png', body: Buffer.from('iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR42mNk+M9QDwADhgGAWjR9awAAAABJRU5ErkJggg==', 'base64') });
   });
   await page.click('.account-sign-in');
-  const start = await native.waitFor((m) => m.type === 'github/oauth/start', 'github/oauth/start');
-  assert.equal(start.payload, undefined);
+  await native.waitFor((m) => m.type === 'github/oauth/start', 'github/oauth/start');
   await page.waitForSelector('.account-waiting >> text=ブラウザでサインインを続けてください…');
-  // Each configuration is followed by a plain status; the sign-in in the browser is still open.
-  await native.sendConfig();
-  assert.ok(await page.isVisible('.account-cancel'));
   native.oauth = { status: 'connected', account: { login: 'octo', avatarUrl: 'https://avatars.example/u/1.png' } };
   await native.send('github/oauth/status', native.oauth);
   await page.waitForSelector('.account-login >> text=@octo');
   await page.waitForFunction(() => document.querySelector('.account-avatar img')?.naturalWidth === 1);
-  assert.equal(await page.getAttribute('.account-avatar img', 'referrerpolicy'), 'no-referrer');
+  // The picture is fetched without telling its host where the user came from.
   assert.deepEqual(referers, ['none']);
   await native.send('github/oauth/status', { status: 'connected', account: { login: 'octo', avatarUrl: 'https://avatars.example/gone.png' } });
   await page.waitForSelector('.account-initial >> text=O');
+  // The fake signs out only when the logout is posted.
   await page.click('.account-sign-out');
-  await native.waitFor((m) => m.type === 'github/oauth/logout', 'github/oauth/logout');
-  await page.waitForSelector('.toast >> text=サインアウトしました');
   await page.waitForSelector('.account-sign-in >> text=GitHub にサインイン');
   await page.close();
 });
@@ -458,14 +347,11 @@ test('the dashboard opens from the top bar, ends its heatmap today in the user\'
   const present = await native.waitFor((m) => m.type === 'dashboard.present', 'dashboard.present');
   assert.deepEqual(present.payload, { source: 'topbar' });
   await page.waitForSelector('.dash-card >> text=velko');
-  assert.equal(await page.textContent('.dash-delta'), '↑ 125.0%');
   const card = page.locator('.dash-card', { hasText: 'velko' });
-  assert.ok((await card.textContent()).includes('最終コミット 3 時間前'));
   const cells = await card.locator('.heat-cell').evaluateAll((els) => els.map((e) => [e.dataset.day, e.className, e.title]));
   assert.equal(cells.length, 28);
   assert.deepEqual(cells.at(-1), ['2024-05-01', 'heat-cell level-2 today', '2024/05/01 (水) · 3 コミット']);
   assert.equal(cells[0][0], '2024-04-04');
-  assert.equal(await card.locator('.dash-lang').count(), 6);
   await native.send('system/metrics', { timestamp: '2024-05-02T03:00:00Z', cpuPercent: 3.14, memoryMB: 141.6 });
   await page.waitForSelector('.dash-metrics >> text=CPU 3.1% · 142 MB');
   await page.click('.dash-refresh');
@@ -482,7 +368,7 @@ test('the dashboard opens from the top bar, ends its heatmap today in the user\'
   await page.close();
 });
 
-test('preview tabs: a drag reorders and is stored, restored tabs come back unread, a gone file stays marked', async (ctx) => {
+test('preview tabs: a drag reorders and is stored, a gone file stays marked', async (ctx) => {
   let project;
   const { page, native } = await openPage(ctx, (n) => {
     project = n.addProject('phi', { 'a.ts': 'a', 'b.ts': 'b', 'c.ts': 'c' });
@@ -493,8 +379,6 @@ test('preview tabs: a drag reorders and is stored, restored tabs come back unrea
   await native.send('previewTab:warning', { projectId: project.id, tabs: [{ tabId: 't2', path: 'gone.ts', code: 'file_missing', message: 'ファイルが見つかりません' }] });
   await page.waitForSelector('.cm-content >> text=a');
   assert.equal(await page.getAttribute('.doc-tab.missing', 'title'), 'gone.ts — ファイルが見つかりません');
-  // Only the tab on screen was read.
-  assert.deepEqual(native.messages.filter((m) => m.type === 'project/file/open').map((m) => m.payload.path), ['a.ts']);
   await page.dblclick('.tree-row:has-text("c.ts")');
   await page.waitForSelector('.doc-tab.active >> text=c.ts');
   await page.dragAndDrop('.doc-tab:has-text("c.ts")', '.doc-tab:has-text("a.ts")', { targetPosition: { x: 2, y: 10 } });
@@ -516,7 +400,6 @@ test('Markdown renders beside its source and nothing in it runs or posts', async
   for (const p of await page.$$('.markdown-body p')) await p.click({ position: { x: 2, y: 4 } });
   assert.equal(await page.evaluate(() => window.__ran), undefined);
   assert.equal(await page.locator('.markdown-body script, .markdown-body [onerror], .markdown-body [onclick], .markdown-body [href^="javascript" i], .markdown-body img').count(), 0);
-  assert.ok((await page.textContent('.markdown-body')).includes('<script>'));
   assert.ok(!native.messages.some((m) => m.type === 'evil'));
   // A link to another file of the project opens it in a tab; the toggle shows the source alone.
   await page.click('.markdown-body .md-file-link');
@@ -531,27 +414,18 @@ test('Markdown renders beside its source and nothing in it runs or posts', async
 test('malformed events are ignored and the page keeps working', async (ctx) => {
   const { page, native, errors } = await openPage(ctx, (n) => n.addProject('mu'));
   await page.waitForSelector('.project-tab.active >> text=mu');
+  // Each decoder's refusals, and malformed envelopes, are unit tests; these are the ones the views meet.
   const junk = [
-    ['app/config', { projects: 'nope' }],
     ['terminal/output', { sessionId: 'not-a-uuid', chunk: '!!!', encoding: 'base64' }],
     ['terminal/output', { sessionId: native.sessions[0].id, chunk: '@@@not base64', encoding: 'base64' }],
-    ['terminal/status', null],
     ['project/explorer/directories', { projectId: 5 }],
-    ['project/explorer/changed', { projectId: native.activeProjectId, directoryPaths: 'src' }],
     ['git/status', { projectId: native.activeProjectId, staged: 'x', ahead: 'two' }],
-    ['git/result', { success: 'yes' }],
-    ['git/history', { projectId: native.activeProjectId, edges: 'none', pageInfo: 7 }],
     ['git/graph', { projectId: native.activeProjectId, nodes: [{ oid: 'a', lane: -1 }, null], edges: {} }],
     ['git/branch-map', { projectId: native.activeProjectId, nodes: [{ name: 5 }, { name: 'x', overlaps: 'y' }] }],
     ['project/file/content', { projectId: native.activeProjectId, path: 5, content: null }],
     ['unknown/type', {}],
   ];
   for (const [type, payload] of junk) await native.send(type, payload);
-  await page.evaluate(() => {
-    window.__velko__.dispatch(null);
-    window.__velko__.dispatch({ type: 42 });
-    window.__velko__.dispatch('app/config');
-  });
   await native.send('terminal/output', { sessionId: native.sessions[0].id, chunk: b64('still alive'), encoding: 'base64' });
   await page.waitForFunction(() => document.querySelector('.term-host:not([hidden]) .xterm-rows')?.textContent.includes('still alive'));
   assert.ok(await page.isVisible('.project-tab.active >> text=mu'));
@@ -570,13 +444,8 @@ test('without a native channel the page loads and logs instead of crashing', asy
 });
 
 test('the shipped page puts nothing on window beyond the bridge protocol', async (ctx) => {
-  const native = new FakeNative();
-  native.addProject('xi');
+  const { page, native } = await openPage(ctx, (n) => n.addProject('xi'), { url: ctx.shippedUrl });
   const session = native.sessions[0];
-  const page = await ctx.context.newPage();
-  await installChannel(page, (m) => native.handle(m));
-  native.attach(page);
-  await page.goto(ctx.shippedUrl);
   await page.waitForSelector(`.term-host[data-session="${session.id}"] .xterm`);
   await page.evaluate(dropScript(['/tmp/x']));
   // __velkoTestPost is this harness's stand-in for the native channel.
@@ -587,16 +456,10 @@ test('the shipped page puts nothing on window beyond the bridge protocol', async
 
 // The same journeys against the program's own recorded answers.
 async function openRecorded(ctx, recording = 'recorded.json', projectName = 'demo') {
-  const native = new RecordedNative(loadRecording(recording));
-  const page = await ctx.context.newPage();
-  const errors = [];
-  page.on('pageerror', (e) => errors.push(e));
-  native.attach(page);
-  await installChannel(page, (m) => native.handle(m));
+  const native = new RecordedNative(loadFixture(recording));
   // The program's start-up events wait in the pending queue until the page is there.
-  for (const script of native.startupScripts()) await page.addInitScript(script);
-  await page.goto(ctx.url);
-  await page.waitForSelector('.topbar');
+  const before = async (page) => { for (const script of native.startupScripts()) await page.addInitScript(script); };
+  const { page, errors } = await load(ctx, native, { before });
   await page.waitForSelector('.empty-workspace >> text=プロジェクトを開く');
   await page.click('.add-project');
   await page.waitForSelector(`.project-tab.active >> text=${projectName}`);
@@ -688,6 +551,7 @@ test('recorded: diff, commit, push without a remote, a terminal that exits, clos
   await page.waitForSelector('.commit-button:not([disabled])');
   await page.click('button[data-action="push"]');
   await page.waitForSelector('.toast.error >> text=リモートリポジトリがないプロジェクトです');
+  await page.waitForSelector('.git-notice:not([hidden])');
   await page.click('.column-terminal .column-header button[aria-label="新しいターミナル"]');
   await page.waitForSelector('.session-tab.active >> text=CLI #2');
   await page.waitForSelector('.session-tab.active .status-badge >> text=実行中');
@@ -699,14 +563,11 @@ test('recorded: diff, commit, push without a remote, a terminal that exits, clos
   await page.waitForFunction(() => document.querySelectorAll('.session-tab').length === 1);
   await page.click('.project-tab.active .tab-close');
   await page.waitForSelector('.resume-list >> text=demo');
-  const creates = () => native.messages.filter((m) => m.type === 'terminal/create').length;
-  const before = creates();
   await page.click('.resume-button');
   await page.waitForSelector('.project-tab.active >> text=demo');
   await page.waitForSelector('.tree-row >> text=README.md');
+  // The program brings projects back without their shells: the page asks for one (how many is a unit test).
   await page.waitForSelector('.session-tab.active .status-badge >> text=実行中');
-  // The program brings projects back without their shells: the page asks for one, once.
-  assert.equal(creates(), before + 1);
   assert.deepEqual(errors, []);
   await page.close();
 });

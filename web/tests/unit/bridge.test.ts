@@ -59,19 +59,12 @@ describe('Bridge', () => {
     expect(h.posted).toContainEqual(expect.objectContaining({ type: 'webview/log', level: 'error', source: 'web' }));
   });
 
-  it('posts {type, payload} and logs with top-level keys', () => {
+  // Posts are checked against the program's recorded answers in the browser tests; logs are not answered there.
+  it('logs with top-level keys', () => {
     const h = host();
-    const bridge = new Bridge(h);
-    bridge.post('project/open');
-    bridge.post('git/push', { projectId: 'P' });
-    bridge.log('warning', 'hello', { a: 1 });
-    expect(h.posted).toEqual([
-      { type: 'project/open' },
-      { type: 'git/push', payload: { projectId: 'P' } },
-      { type: 'webview/log', level: 'warning', source: 'web', message: 'hello', payload: { a: 1 } },
-    ]);
+    new Bridge(h).log('warning', 'hello', { a: 1 });
+    expect(h.posted).toEqual([{ type: 'webview/log', level: 'warning', source: 'web', message: 'hello', payload: { a: 1 } }]);
   });
-
 });
 
 describe('Bridge with the native event script', () => {

@@ -1,5 +1,4 @@
 import { describe, expect, it } from 'vitest';
-import { L } from '../../src/labels';
 import { graphGeometry, GRAPH_LANE, GRAPH_PAD, GRAPH_ROW } from '../../src/ui/git/graphGeometry';
 import type { GraphEdge, GraphNode } from '../../src/state/graph';
 import { projectGraph } from '../../src/state/graph';
@@ -39,27 +38,6 @@ describe('graph geometry', () => {
       expect(g.height, c.name).toBe(c.nodes.length * GRAPH_ROW);
       expect(g.width, c.name).toBe(x(Math.max(c.edge.lane, ...c.nodes.map((n) => n.lane))) + GRAPH_PAD);
     }
-  });
-});
-
-describe('branch map labels', () => {
-  it('has a word for every value the native side sends', () => {
-    const enums: Record<string, string[]> = {
-      repositoryState: ['notARepository', 'noCommits', 'detached', 'ready'],
-      parentConfidence: ['confirmed', 'estimated'],
-      mergeState: ['base', 'merged', 'unmerged', 'mergedWithFollowUp', 'undetermined'],
-      undeterminedReason: ['shallow', 'baseUnknown', 'commandFailed', 'historyTooLong'],
-      integration: ['fastForward', 'mergeCommit', 'unknown'],
-      location: ['remoteOnly', 'local', 'localAndRemote'],
-      pushState: ['pushed', 'unpushed', 'noUpstream'],
-    };
-    for (const [field, values] of Object.entries(enums)) {
-      const labels = (L as unknown as Record<string, Record<string, string>>)[field]!;
-      const words = values.map((v) => labels[v]);
-      expect(words.every((w) => typeof w === 'string' && w !== ''), field).toBe(true);
-      expect(new Set(words).size, field).toBe(values.length);
-    }
-    expect(L.priority).toHaveLength(7);
   });
 });
 

@@ -1,5 +1,6 @@
 import { describe, expect, it } from 'vitest';
 import * as hist from '../../src/state/history';
+import { fakeApp } from './fakeApp';
 import { P1, P2 } from './ids';
 
 const edge = (oid: string, origin = 'remote') => ({ oid, messageHeadline: `m ${oid}`, author: { name: 'Ann' }, committedDate: '2024-05-01T00:00:00Z', files: [], origin });
@@ -77,7 +78,10 @@ describe('history pages', () => {
       { path: 'plain.txt', asked: 'plain.txt' },
     ];
     for (const c of cases) {
-      expect(hist.renamedPath(c.path), c.path).toBe(c.asked);
+      // The history row names the file as git lists it; the diff is asked for by its new path.
+      const { app, take } = fakeApp();
+      app.showCommitDiff(P1, 'a', c.path);
+      expect(take('git/commit/diff'), c.path).toEqual([{ projectId: P1, commit: 'a', path: c.asked }]);
       let s = hist.selectCommitDiff(walked(), P1, 'a', c.asked);
       const file = (commit: string, path: string) => ({ projectId: P1, commit, files: [{ commit, path, additions: 1, deletions: 0, isBinary: false, patch: '+x', resolved: true }] });
       expect(hist.applyCommitDiff(s, file('b', c.asked)), c.path).toBe(s);

@@ -1,6 +1,5 @@
 import { describe, expect, it } from 'vitest';
 import { OutputQueue } from '../../src/terminal/outputQueue';
-import { decodeBase64, encodeBase64, binaryStringToBase64 } from '../../src/terminal/base64';
 
 function harness() {
   const flushes: (() => void)[] = [];
@@ -89,14 +88,5 @@ describe('OutputQueue', () => {
     runFlushes();
     expect(writes[0]).toBe('<120x40>');
     expect(queue.queued('s') + writes.slice(1).join('').length).toBeLessThanOrEqual(8 * 1024 * 1024);
-  });
-});
-
-describe('base64', () => {
-  it('round-trips bytes and rejects invalid text', () => {
-    const bytes = new Uint8Array([0, 1, 127, 128, 255, 0x1b, 0x5d]);
-    expect(decodeBase64(encodeBase64(bytes))).toEqual(bytes);
-    expect(decodeBase64('@@@')).toBeUndefined();
-    expect(decodeBase64(binaryStringToBase64('\x1b[M\xff'))).toEqual(new Uint8Array([0x1b, 0x5b, 0x4d, 0xff]));
   });
 });
