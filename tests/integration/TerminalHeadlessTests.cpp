@@ -10,7 +10,6 @@
 #include "core/Paths.h"
 #include "support/HeadlessProcess.h"
 #include "support/TestSupport.h"
-#include "workspace/ConfigStore.h"
 
 using namespace velko;
 
@@ -74,40 +73,4 @@ TEST(TerminalHeadless, CreatesTypesIntoAndClosesATerminal) {
     EXPECT_EQ(velko.finish(), 0);
     for (int pid : shells) EXPECT_FALSE(processExists(pid)) << "zsh " << pid << " outlived velko";
     EXPECT_FALSE(processExists(shell));
-}
-
-// A configured shell that cannot start fails once at launch: one "failed"
-// status and one error per session, not one per delivery of the configuration.
-TEST(TerminalHeadless, AShellThatCannotStartFailsOnceAtLaunch) {
-    test::IsolatedHome home;
-    {
-        ConfigStore store(home.dataDir());
-        ASSERT_TRUE(store.bootstrap());
-        (void)store.addCLISession("first", std::nullopt);
-        (void)store.addCLISession("second", std::nullopt);
-    }
-    const std::string path = home.dataDir() + "/config.json";
-    std::string text;
-    ASSERT_TRUE(readWholeFile(path, text));
-    auto config = parseJson(text);
-    ASSERT_TRUE(config);
-    for (auto& session : (*config)["cliSessions"]) session["shell"] = "/nonexistent/zsh";
-    const size_t sessions = (*config)["cliSessions"].size();
-    ASSERT_GE(sessions, 2u);
-    ASSERT_TRUE(writeFileAtomically(path, config->dump()));
-
-    test::HeadlessProcess velko;
-    // The request is answered after the launch's own work, which comes first on the queue.
-    velko.send("app/config/request", OrderedJson::object());
-    ASSERT_TRUE(velko.waitForType("app/config"));
-    EXPECT_EQ(velko.finish(), 0);
-    std::map<std::string, int> failures, errors;
-    for (const auto& e : velko.events()) {
-        if (e["type"] == "terminal/status" && e["payload"]["status"] == "failed") ++failures[e["payload"]["sessionId"]];
-        if (e["type"] == "terminal/error") ++errors[e["payload"]["sessionId"]];
-        EXPECT_NE(e["type"], "terminal/created");
-    }
-    EXPECT_EQ(failures.size(), sessions);
-    for (const auto& [id, count] : failures) EXPECT_EQ(count, 1) << id;
-    EXPECT_EQ(errors, failures);
 }

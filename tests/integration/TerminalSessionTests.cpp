@@ -184,13 +184,6 @@ protected:
                 bytes += base64Decode(event.payload["chunk"].get<std::string>()).value_or("<bad base64>");
         return bytes;
     }
-    std::vector<std::string> chunks(const Uuid& id) const {
-        std::vector<std::string> out;
-        for (const auto& event : page->eventsOfType("terminal/output"))
-            if (event.payload["sessionId"] == id.toString())
-                out.push_back(base64Decode(event.payload["chunk"].get<std::string>()).value_or(""));
-        return out;
-    }
     // Waits until the output after `from` contains `needle`; returns where it ends.
     size_t waitForOutput(const Uuid& id, const std::string& needle, size_t from = 0) {
         size_t at = std::string::npos;
@@ -248,19 +241,15 @@ TEST_F(TerminalSessionTest, RunsWhatIsTypedInTheEnvironmentVelkoPromises) {
     }
 }
 
-TEST_F(TerminalSessionTest, TheShellSeesTheNewSizeAfterAResize) {
+// The shell learns of a resize by SIGWINCH and then sees the new size.
+TEST_F(TerminalSessionTest, AResizeReachesTheShellAsAWindowChange) {
     const Uuid id = createSession();
     size_t at = waitForPrompt(id);
-    struct Case {
-        int cols, rows;
-        std::string expected;
-    } cases[] = {{100, 33, "33 100"}, {80, 24, "24 80"}, {300, 90, "90 300"}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.expected);
-        send("terminal/resize", OrderedJson{{"sessionId", id.toString()}, {"cols", c.cols}, {"rows", c.rows}}.dump());
-        type(id, "stty size\r");
-        at = waitForOutput(id, "\r\n" + c.expected + "\r\n", at);
-        at = waitForPrompt(id, at);
+    type(id, "TRAPWINCH() { print size=$(stty size) }\r");
+    at = waitForPrompt(id, at);
+    for (auto [cols, rows] : {std::pair{100, 33}, {300, 90}}) {
+        send("terminal/resize", OrderedJson{{"sessionId", id.toString()}, {"cols", cols}, {"rows", rows}}.dump());
+        at = waitForOutput(id, "size=" + std::to_string(rows) + " " + std::to_string(cols), at);
     }
 }
 
@@ -305,9 +294,8 @@ TEST_F(TerminalSessionTest, AShellThatExitsReportsItsCode) {
 }
 
 // The fake tool is first on the user's PATH; the shim still runs first and
-// wraps it in its markers, each of which reaches the page whole. Without any
-// tool the shim says so and ends with 127.
-TEST_F(TerminalSessionTest, TheShimWrapsTheToolInWholeMarkers) {
+// wraps it in its markers. Without any tool the shim says so and ends with 127.
+TEST_F(TerminalSessionTest, TheShimWrapsTheToolInItsMarkers) {
     const std::string fake = home.home() + "/bin/codex";
     struct Case {
         bool installed;
@@ -317,7 +305,6 @@ TEST_F(TerminalSessionTest, TheShimWrapsTheToolInWholeMarkers) {
         {true, "fake-codex one two", "\x1b]633;velko-codex:end;status=3\x07"},
         {false, "velko codex shim: failed to locate real codex binary", "\x1b]633;velko-codex:end;status=127\x07"},
     };
-    const std::string start = "\x1b]633;velko-codex:start\x07";
     const Uuid id = createSession();
     size_t at = waitForPrompt(id);
     for (const auto& c : cases) {
@@ -330,23 +317,14 @@ TEST_F(TerminalSessionTest, TheShimWrapsTheToolInWholeMarkers) {
         }
         const size_t from = at;
         type(id, "codex one two\r");
-        at = waitForOutput(id, c.end, at);
-        at = waitForPrompt(id, at);
+        at = waitForPrompt(id, waitForOutput(id, c.end, at));
         const std::string seen = output(id).substr(from);
-        const size_t startAt = seen.find(start), textAt = seen.find(c.text), endAt = seen.find(c.end);
+        const size_t startAt = seen.find("\x1b]633;velko-codex:start\x07"), textAt = seen.find(c.text);
         EXPECT_EQ(startAt == std::string::npos, !c.installed) << "the start marker comes only when a tool runs";
         ASSERT_NE(textAt, std::string::npos);
-        if (c.installed) {
-            EXPECT_LT(startAt, textAt);
-        }
-        EXPECT_LT(textAt, endAt);
-        bool endWhole = false;
-        for (const auto& chunk : chunks(id)) endWhole |= chunk.find(c.end) != std::string::npos;
-        EXPECT_TRUE(endWhole);
+        EXPECT_LT(textAt, seen.find(c.end));
+        if (c.installed) EXPECT_LT(startAt, textAt);
     }
-    bool startWhole = false;
-    for (const auto& chunk : chunks(id)) startWhole |= chunk.find(start) != std::string::npos;
-    EXPECT_TRUE(startWhole);
 }
 
 TEST_F(TerminalSessionTest, ClosingEndsTheShellAndReapsIt) {
@@ -407,26 +385,6 @@ TEST_F(TerminalSessionTest, ManySessionsLeaveNoDescriptorOrChildBehind) {
         << childProcesses() << " children left";
     EXPECT_TRUE(waitFor([&] { return openDescriptors() <= descriptors; })) << openDescriptors() << " vs " << descriptors;
     EXPECT_EQ(coordinator->sessionCount(), 0u);
-}
-
-TEST_F(TerminalSessionTest, AShellThatCannotStartIsReportedAsFailed) {
-    CLISessionConfig config{Uuid::random(), "broken", home.home(), "/nonexistent/zsh", std::nullopt};
-    coordinator->startSession(config);
-    queue->runUntilIdle();
-    EXPECT_TRUE(page->eventsOfType("terminal/created").empty());
-    auto statuses = page->eventsOfType("terminal/status");
-    ASSERT_EQ(statuses.size(), 1u);
-    EXPECT_EQ(statuses[0].payload["status"], "failed");
-    auto errors = page->eventsOfType("terminal/error");
-    ASSERT_EQ(errors.size(), 1u);
-    EXPECT_EQ(errors[0].payload["message"], "spawnFailed(code: 2)");
-    EXPECT_EQ(errors[0].payload["recoverable"], true);
-    EXPECT_FALSE(coordinator->processID(config.id));
-    coordinator->logger()->drainForTesting();
-    std::ifstream log(home.cacheDir() + "/velko-terminal.log");
-    std::string text((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
-    EXPECT_NE(text.find(R"x("message":"spawn_failed","metadata":{"error":"spawnFailed(code: 2)"})x"), std::string::npos)
-        << text;
 }
 
 // With the dump on, every chunk the shell wrote is in the session's dump

@@ -19,11 +19,6 @@ using namespace velko;
 
 namespace {
 
-// What the bridge's generic encoder writes for an event.
-std::string genericEnvelope(std::string_view type, const OrderedJson& payload) {
-    return "{\"type\":" + dumpJson(OrderedJson(std::string(type))) + ",\"payload\":" + dumpJson(payload) + "}";
-}
-
 // Holds deliveries until the test releases them, like a page that is slow to take events.
 class SlowPage final : public EventDispatching {
 public:
@@ -59,25 +54,6 @@ private:
 };
 
 }  // namespace
-
-TEST(TerminalOutputPump, WritesEnvelopesByteForByteAsTheGenericEncoder) {
-    const std::string id = "0F8FAD5B-D9CB-469F-A165-70867728950E";
-    const std::vector<std::string> chunks = {"", "a", "hello\r\n", std::string("\0\xff\xfe\x1b]0;t\x07", 9),
-                                             std::string(4095, 'z'), "\"quotes\" and \\backslashes\\ </script>"};
-    for (const auto& chunk : chunks) {
-        SCOPED_TRACE(chunk.size());
-        OrderedJson payload;
-        payload["sessionId"] = id;
-        payload["chunk"] = base64Encode(chunk);
-        payload["encoding"] = "base64";
-        std::string direct;
-        TerminalOutputPump::appendOutputEnvelope(id, chunk, direct);
-        EXPECT_EQ(direct, genericEnvelope("terminal/output", payload));
-    }
-    OrderedJson activity;
-    activity["sessionId"] = id;
-    EXPECT_EQ(TerminalOutputPump::activityEnvelope(id), genericEnvelope("terminal/activity", activity));
-}
 
 // A producer much faster than the page: the pump stops reading at its cap, so
 // what waits for delivery stays bounded, and once the page catches up every
