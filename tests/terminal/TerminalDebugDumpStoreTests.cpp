@@ -96,20 +96,6 @@ TEST(TerminalDebugDumpStore, WritesEachChunkBeforeAndAfterNormalising) {
     EXPECT_EQ(entries(f.file(id)).back()["sequence"], 0);
 }
 
-TEST(TerminalDebugDumpStore, KnowsGenerationsOnlyFromItsOwnNames) {
-    const std::string id = "0F8FAD5B-D9CB-469F-A165-70867728950E";
-    struct Case {
-        std::string name;
-        std::optional<int> generation;
-    } cases[] = {{id + ".jsonl", 0},      {id + ".1.jsonl", 1},   {id + ".2.jsonl", 2},   {id + ".17.jsonl", 17},
-                 {"notes.jsonl", std::nullopt}, {id + ".x.jsonl", std::nullopt}, {id + ".1.2.jsonl", std::nullopt},
-                 {id + "..1.jsonl", 1}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(TerminalDebugDumpStore::generation(c.name), c.generation);
-    }
-}
-
 // A full file continues in a fresh one; at most three generations exist.
 TEST(TerminalDebugDumpStore, RotatesFullFilesAndKeepsThreeGenerations) {
     TerminalDebugDumpPolicy policy;
