@@ -9,16 +9,14 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <deque>
 #include <fstream>
 #include <functional>
-#include <mutex>
 #include <thread>
 
 #include "core/Base64.h"
 #include "core/MainQueue.h"
 #include "core/Paths.h"
-#include "support/TestSupport.h"
+#include "support/HoldingPage.h"
 #include "terminal/CodexShimInstaller.h"
 #include "terminal/TerminalDebugDumpStore.h"
 #include "terminal/TerminalCoordinator.h"
@@ -33,43 +31,6 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr auto kDeadline = 15s;
-
-// Records every event; while holding, keeps the delivery callbacks of
-// "terminal/output" back, like a page that is slow to take them.
-class Page final : public EventDispatching {
-public:
-    void dispatchEvent(std::string_view type, const OrderedJson& payload) override {
-        m_recorder.dispatchEvent(type, payload);
-    }
-    void dispatchEncodedEvent(std::string_view type, std::string envelope, std::function<void()> onDelivered) override {
-        m_recorder.dispatchEncodedEvent(type, std::move(envelope), nullptr);
-        if (!onDelivered) return;
-        std::lock_guard lock(m_mutex);
-        if (m_holding) m_held.push_back(std::move(onDelivered));
-        else onDelivered();
-    }
-    void hold() {
-        std::lock_guard lock(m_mutex);
-        m_holding = true;
-    }
-    void release() {
-        std::deque<std::function<void()>> held;
-        {
-            std::lock_guard lock(m_mutex);
-            m_holding = false;
-            held.swap(m_held);
-        }
-        for (auto& done : held) done();
-    }
-    std::vector<test::RecordedEvent> events() const { return m_recorder.events(); }
-    std::vector<test::RecordedEvent> eventsOfType(std::string_view type) const { return m_recorder.eventsOfType(type); }
-
-private:
-    test::EventRecorder m_recorder;
-    std::mutex m_mutex;
-    bool m_holding = false;
-    std::deque<std::function<void()>> m_held;
-};
 
 int countEntries(const std::string& directory) {
     int count = 0;
@@ -176,14 +137,7 @@ protected:
         return store->config().cliSessions.back().id;
     }
 
-    // Every byte the page was given for the session, decoded, in order.
-    std::string output(const Uuid& id) const {
-        std::string bytes;
-        for (const auto& event : page->eventsOfType("terminal/output"))
-            if (event.payload["sessionId"] == id.toString())
-                bytes += base64Decode(event.payload["chunk"].get<std::string>()).value_or("<bad base64>");
-        return bytes;
-    }
+    std::string output(const Uuid& id) const { return page->output(id.toString()); }
     // Waits until the output after `from` contains `needle`; returns where it ends.
     size_t waitForOutput(const Uuid& id, const std::string& needle, size_t from = 0) {
         size_t at = std::string::npos;
@@ -204,7 +158,7 @@ protected:
     std::string zdotdir = home.home() + "/zdot";
     test::ScopedEnv zdotdirEnv{"ZDOTDIR", zdotdir};
     std::shared_ptr<ManualQueue> queue = std::make_shared<ManualQueue>();
-    std::shared_ptr<Page> page = std::make_shared<Page>();
+    std::shared_ptr<test::HoldingPage> page = std::make_shared<test::HoldingPage>();
     std::shared_ptr<ConfigStore> store;
     std::shared_ptr<TerminalCoordinator> coordinator;
     std::shared_ptr<CodexShimInstaller> installer;

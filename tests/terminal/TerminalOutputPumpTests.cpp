@@ -5,55 +5,13 @@
 
 #include <atomic>
 #include <chrono>
-#include <deque>
-#include <mutex>
 #include <thread>
 
-#include "core/Base64.h"
-#include "core/Json.h"
-#include "support/TestSupport.h"
+#include "support/HoldingPage.h"
 #include "terminal/TerminalLogger.h"
 #include "terminal/TerminalOutputPump.h"
 
 using namespace velko;
-
-namespace {
-
-// Holds deliveries until the test releases them, like a page that is slow to take events.
-class SlowPage final : public EventDispatching {
-public:
-    void dispatchEvent(std::string_view, const OrderedJson&) override {}
-    void dispatchEncodedEvent(std::string_view type, std::string envelope, std::function<void()> onDelivered) override {
-        std::lock_guard lock(m_mutex);
-        if (type != "terminal/output") return;
-        m_held.push_back({std::move(envelope), std::move(onDelivered)});
-    }
-    // Delivers everything held so far; returns the decoded output bytes.
-    std::string release() {
-        std::deque<std::pair<std::string, std::function<void()>>> held;
-        {
-            std::lock_guard lock(m_mutex);
-            held.swap(m_held);
-        }
-        std::string bytes;
-        for (auto& [envelope, done] : held) {
-            auto json = parseJson(envelope);
-            bytes += *base64Decode((*json)["payload"]["chunk"].get<std::string>());
-            if (done) done();
-        }
-        return bytes;
-    }
-    size_t held() const {
-        std::lock_guard lock(m_mutex);
-        return m_held.size();
-    }
-
-private:
-    mutable std::mutex m_mutex;
-    std::deque<std::pair<std::string, std::function<void()>>> m_held;
-};
-
-}  // namespace
 
 // A producer much faster than the page: the pump stops reading at its cap, so
 // what waits for delivery stays bounded, and once the page catches up every
@@ -63,9 +21,10 @@ TEST(TerminalOutputPump, StopsReadingAtItsCapAndLosesNothing) {
     ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
     test::TempDir dir;
     auto logger = TerminalLogger::create(dir.file("log"));
-    auto page = std::make_shared<SlowPage>();
+    auto page = std::make_shared<test::HoldingPage>();
     constexpr uint64_t kCap = 64 * 1024;
     constexpr uint64_t kOneRead = 65536 * 4 / 3 + 256;  // the envelope of one full read
+    page->hold();
     TerminalOutputPump pump(Uuid::random(), fds[0], logger, page, kCap);
     pump.start();
 
@@ -83,9 +42,14 @@ TEST(TerminalOutputPump, StopsReadingAtItsCapAndLosesNothing) {
 
     std::string received;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    // The page takes nothing until the pump has parked at its cap.
+    while (pump.pendingBytes() < kCap && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    for (int i = 0; i < 50; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(2)))
+        EXPECT_LE(pump.pendingBytes(), kCap + kOneRead);
     while (received.size() < sent.size() && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        received += page->release();
+        page->release(true);
+        received = page->output();
         EXPECT_LE(pump.pendingBytes(), kCap + kOneRead);
     }
     writer.join();
@@ -100,12 +64,12 @@ TEST(TerminalOutputPump, StopsReadingAtItsCapAndLosesNothing) {
 TEST(TerminalOutputPump, FinishReadsWhatIsLeftThenEnds) {
     int fds[2];
     ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
-    auto page = std::make_shared<SlowPage>();
+    auto page = std::make_shared<test::HoldingPage>();
     TerminalOutputPump pump(Uuid::random(), fds[0], nullptr, page);
     ASSERT_EQ(::write(fds[1], "last words", 10), 10);
     pump.start();
     pump.finish();  // must return although the write end is still open
-    EXPECT_EQ(page->release(), "last words");
+    EXPECT_EQ(page->output(), "last words");
     ::close(fds[1]);
     ::close(fds[0]);
 }
@@ -115,7 +79,7 @@ TEST(TerminalOutputPump, FinishReadsWhatIsLeftThenEnds) {
 TEST(TerminalOutputPump, FinishReturnsWhileAWriterKeepsWriting) {
     int fds[2];
     ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
-    auto page = std::make_shared<SlowPage>();
+    auto page = std::make_shared<test::HoldingPage>();
     std::atomic<bool> writing{true};
     std::thread writer([&] {
         const std::string line(4000, 'y');
@@ -124,15 +88,15 @@ TEST(TerminalOutputPump, FinishReturnsWhileAWriterKeepsWriting) {
         }
     });
     constexpr uint64_t kCap = 64 * 1024;
+    page->hold();  // so the pump parks at its cap
     {
         TerminalOutputPump pump(Uuid::random(), fds[0], nullptr, page, kCap);
         pump.start();
-        while (page->held() == 0) std::this_thread::yield();
+        while (page->output().empty()) std::this_thread::yield();
         pump.finish();
     }
     writing = false;
     writer.join();
-    EXPECT_GT(page->release().size(), 0u);
     ::close(fds[1]);
     ::close(fds[0]);
 }
