@@ -61,9 +61,7 @@ TEST(CodexShimInstaller, PutsTheShimFirstAndHandsZshItsBootstrap) {
         auto overrides = installer.environmentOverrides();
         EXPECT_EQ(overrides["PATH"], installer.shimDirectory() + c.expectedPathTail);
         EXPECT_EQ(overrides["ZDOTDIR"], installer.zshBootstrapDirectory());
-        EXPECT_EQ(installer.shimDirectory(), home.cacheDir() + "/codex-shims");
         EXPECT_EQ(installer.originalZdotdir(), home.home() + "/my zsh");
-        EXPECT_EQ(installer.environmentOverrides(), overrides);
 
         struct stat info {};
         ASSERT_EQ(::stat((installer.shimDirectory() + "/codex").c_str(), &info), 0);
