@@ -1,7 +1,6 @@
 // Terminal sessions end to end with a real login zsh on a real PTY: the
 // service, the coordinator, the shim and the output pump, driven the way the
 // page drives them, with a temporary HOME and ZDOTDIR.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -9,6 +8,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <thread>
@@ -32,36 +32,18 @@ namespace {
 
 constexpr auto kDeadline = 15s;
 
-int countEntries(const std::string& directory) {
-    int count = 0;
-    if (DIR* dir = ::opendir(directory.c_str())) {
-        while (dirent* entry = ::readdir(dir))
-            if (entry->d_name[0] != '.') ++count;
-        ::closedir(dir);
-    }
-    return count;
+// Both include the one descriptor the directory listing holds.
+int openDescriptors() {
+    return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
 }
 
-int openDescriptors() { return countEntries("/proc/self/fd") - 1; }  // minus the one opendir holds
-
-// Children of this process, zombies included.
+// Children of this process, zombies included, whichever thread started them.
 int childProcesses() {
     int count = 0;
-    const pid_t self = ::getpid();
-    DIR* dir = ::opendir("/proc");
-    if (!dir) return -1;
-    while (dirent* entry = ::readdir(dir)) {
-        if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
-        std::ifstream stat(std::string("/proc/") + entry->d_name + "/stat");
-        std::string line;
-        if (!std::getline(stat, line)) continue;
-        auto close = line.rfind(')');
-        if (close == std::string::npos) continue;
-        char state = 0;
-        int ppid = 0;
-        if (std::sscanf(line.c_str() + close + 1, " %c %d", &state, &ppid) == 2 && ppid == self) ++count;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream children(task.path() / "children");
+        for (int pid; children >> pid;) ++count;
     }
-    ::closedir(dir);
     return count;
 }
 
