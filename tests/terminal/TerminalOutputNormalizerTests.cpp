@@ -101,22 +101,6 @@ TEST(TerminalOutputNormalizer, ShrinksZshPartialLineMarkerOnlyWithinOneChunk) {
     }
 }
 
-TEST(TerminalOutputNormalizer, CallsTheDebugSinkOncePerNonEmptyChunk) {
-    TerminalOutputNormalizer normalizer;
-    std::vector<std::pair<std::string, std::string>> calls;
-    TerminalOutputNormalizer::DebugSink sink = [&](std::string_view raw, std::string_view normalized) {
-        calls.emplace_back(raw, normalized);
-    };
-    EXPECT_EQ(normalizer.normalize("", &sink), "");
-    EXPECT_TRUE(calls.empty());
-    normalizer.normalize("\x1b]0;x", &sink);
-    normalizer.normalize("a\r\rb", &sink);
-    ASSERT_EQ(calls.size(), 2u);
-    EXPECT_EQ(calls[0], std::make_pair(std::string("\x1b]0;x"), std::string()));
-    EXPECT_EQ(calls[1].first, "a\r\rb");
-    EXPECT_EQ(calls[1].second, "");  // still inside the unterminated title
-}
-
 namespace {
 
 // The filter written the plain way, one byte at a time, to hold the fast
