@@ -254,7 +254,9 @@ TEST_F(TerminalSessionTest, TheShimWrapsTheToolInItsMarkers) {
         EXPECT_EQ(startAt == std::string::npos, !c.installed) << "the start marker comes only when a tool runs";
         ASSERT_NE(textAt, std::string::npos);
         EXPECT_LT(textAt, seen.find(c.end));
-        if (c.installed) EXPECT_LT(startAt, textAt);
+        if (c.installed) {
+            EXPECT_LT(startAt, textAt);
+        }
     }
 }
 
