@@ -23,8 +23,7 @@ std::string formatIso8601(SystemTime time) {
 
 std::string iso8601Now() { return formatIso8601(std::chrono::system_clock::now()); }
 
-namespace {
-bool digits(std::string_view s, size_t pos, size_t count, int& out) {
+bool readFixedDigits(std::string_view s, size_t pos, size_t count, int& out) {
     if (pos + count > s.size()) return false;
     out = 0;
     for (size_t i = 0; i < count; ++i) {
@@ -34,13 +33,12 @@ bool digits(std::string_view s, size_t pos, size_t count, int& out) {
     }
     return true;
 }
-}  // namespace
 
 std::optional<SystemTime> parseIso8601(std::string_view s) {
     int year, month, day, hour, minute, second;
-    if (!digits(s, 0, 4, year) || s.size() < 19 || s[4] != '-' || !digits(s, 5, 2, month) ||
-        s[7] != '-' || !digits(s, 8, 2, day) || s[10] != 'T' || !digits(s, 11, 2, hour) ||
-        s[13] != ':' || !digits(s, 14, 2, minute) || s[16] != ':' || !digits(s, 17, 2, second))
+    if (!readFixedDigits(s, 0, 4, year) || s.size() < 19 || s[4] != '-' || !readFixedDigits(s, 5, 2, month) ||
+        s[7] != '-' || !readFixedDigits(s, 8, 2, day) || s[10] != 'T' || !readFixedDigits(s, 11, 2, hour) ||
+        s[13] != ':' || !readFixedDigits(s, 14, 2, minute) || s[16] != ':' || !readFixedDigits(s, 17, 2, second))
         return std::nullopt;
     if (month < 1 || month > 12 || day < 1 || day > 31 || hour > 23 || minute > 59 || second > 60)
         return std::nullopt;
@@ -63,8 +61,8 @@ std::optional<SystemTime> parseIso8601(std::string_view s) {
     } else if (pos < s.size() && (s[pos] == '+' || s[pos] == '-')) {
         int oh, om;
         int sign = s[pos] == '-' ? -1 : 1;
-        if (!digits(s, pos + 1, 2, oh) || pos + 3 >= s.size() || s[pos + 3] != ':' ||
-            !digits(s, pos + 4, 2, om))
+        if (!readFixedDigits(s, pos + 1, 2, oh) || pos + 3 >= s.size() || s[pos + 3] != ':' ||
+            !readFixedDigits(s, pos + 4, 2, om))
             return std::nullopt;
         offsetSeconds = sign * (oh * 3600L + om * 60L);
         pos += 6;

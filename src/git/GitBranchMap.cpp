@@ -13,24 +13,13 @@ bool takesPart(const GitBranchComputed& computed) {
            computed.changedFiles && !computed.changedFiles->empty();
 }
 
-bool digitsAt(std::string_view s, size_t pos, size_t count, int& out) {
-    if (pos + count > s.size()) return false;
-    out = 0;
-    for (size_t i = 0; i < count; ++i) {
-        char c = s[pos + i];
-        if (c < '0' || c > '9') return false;
-        out = out * 10 + (c - '0');
-    }
-    return true;
-}
-
 // "yyyy-MM-dd HH:mm:ss Z", the form of %(committerdate:iso8601).
 std::optional<SystemTime> parseGitIsoDate(std::string_view s) {
     int year, month, day, hour, minute, second, offsetHours, offsetMinutes;
-    if (s.size() != 25 || !digitsAt(s, 0, 4, year) || s[4] != '-' || !digitsAt(s, 5, 2, month) || s[7] != '-' ||
-        !digitsAt(s, 8, 2, day) || s[10] != ' ' || !digitsAt(s, 11, 2, hour) || s[13] != ':' ||
-        !digitsAt(s, 14, 2, minute) || s[16] != ':' || !digitsAt(s, 17, 2, second) || s[19] != ' ' ||
-        (s[20] != '+' && s[20] != '-') || !digitsAt(s, 21, 2, offsetHours) || !digitsAt(s, 23, 2, offsetMinutes))
+    if (s.size() != 25 || !readFixedDigits(s, 0, 4, year) || s[4] != '-' || !readFixedDigits(s, 5, 2, month) || s[7] != '-' ||
+        !readFixedDigits(s, 8, 2, day) || s[10] != ' ' || !readFixedDigits(s, 11, 2, hour) || s[13] != ':' ||
+        !readFixedDigits(s, 14, 2, minute) || s[16] != ':' || !readFixedDigits(s, 17, 2, second) || s[19] != ' ' ||
+        (s[20] != '+' && s[20] != '-') || !readFixedDigits(s, 21, 2, offsetHours) || !readFixedDigits(s, 23, 2, offsetMinutes))
         return std::nullopt;
     if (month < 1 || month > 12 || hour > 23 || minute > 59 || second > 60 || offsetMinutes > 59) return std::nullopt;
     using namespace std::chrono;
