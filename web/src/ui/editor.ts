@@ -15,6 +15,7 @@ import type { App } from '../app';
 import { L } from '../labels';
 import { isDirty, closeDoc, edited, activeDoc, isMarkdownPath, type EditorDoc } from '../state/editor';
 import { baseName } from '../state/explorer';
+import { tabReordering } from './tabDrag';
 import { h, reconcile, setText } from './dom';
 import { showDialog } from './dialog';
 import { renderMarkdown } from './markdown';
@@ -188,7 +189,7 @@ export function mountEditor(app: App, column: HTMLElement): EditorViewHandle {
     if (doc) app.setViewMode(doc.key, doc.viewMode === 'markdown' ? 'source' : 'markdown');
   });
 
-  let dragged: string | undefined;
+  const reorderable = tabReordering(tabs, (from, to, after) => app.reorderTab(from, to, after), (tab) => tab.title);
   const tabFor = (el: HTMLElement) => app.editor.get().docs.find((x) => x.key === el.dataset.key);
   const createTab = () => {
     const name = h('span', { class: 'doc-name' });
@@ -209,30 +210,7 @@ export function mountEditor(app: App, column: HTMLElement): EditorViewHandle {
       const doc = tabFor(tab);
       if (doc) void closeTab(doc);
     });
-    tab.addEventListener('dragstart', (ev) => {
-      dragged = tab.dataset.key;
-      if (ev.dataTransfer) ev.dataTransfer.effectAllowed = 'move';
-      ev.dataTransfer?.setData('text/plain', tab.title);
-      tab.classList.add('dragging');
-    });
-    tab.addEventListener('dragend', () => {
-      dragged = undefined;
-      tab.classList.remove('dragging');
-      for (const el of tabs.querySelectorAll('.drop-before, .drop-after')) el.classList.remove('drop-before', 'drop-after');
-    });
-    tab.addEventListener('dragover', (ev) => {
-      if (!dragged || dragged === tab.dataset.key) return;
-      ev.preventDefault();
-      const after = dropsAfter(tab, ev);
-      tab.classList.toggle('drop-after', after);
-      tab.classList.toggle('drop-before', !after);
-    });
-    tab.addEventListener('dragleave', () => tab.classList.remove('drop-before', 'drop-after'));
-    tab.addEventListener('drop', (ev) => {
-      ev.preventDefault();
-      tab.classList.remove('drop-before', 'drop-after');
-      if (dragged && dragged !== tab.dataset.key) app.reorderTab(dragged, tab.dataset.key!, dropsAfter(tab, ev));
-    });
+    reorderable(tab);
     return tab;
   };
 
@@ -274,11 +252,6 @@ export function mountEditor(app: App, column: HTMLElement): EditorViewHandle {
       return states.get(key)?.state.doc.toString() ?? app.editor.get().docs.find((d) => d.key === key)?.initialContent;
     },
   };
-}
-
-function dropsAfter(tab: HTMLElement, ev: DragEvent): boolean {
-  const rect = tab.getBoundingClientRect();
-  return ev.clientX > rect.left + rect.width / 2;
 }
 
 function renderImage(container: HTMLElement, doc: EditorDoc): void {

@@ -9,12 +9,21 @@ import { isDirty } from '../state/editor';
 import { baseName } from '../state/explorer';
 import { h, reconcile, setText } from './dom';
 import { showDialog } from './dialog';
+import { tabReordering } from './tabDrag';
 
 export function mountProjectTabs(app: App, root: HTMLElement): void {
   const list = h('div', { class: 'project-tabs', role: 'tablist', 'aria-label': 'プロジェクト' });
   const add = h('button', { class: 'icon-button add-project', title: L.openProject, 'aria-label': L.openProject, onclick: () => app.openProject() }, '+');
   root.append(list, add);
-  let dragged: string | undefined;
+  const reorderable = tabReordering(
+    list,
+    (from, to, after) => {
+      const ids = app.workspace.get().projects.map((x) => x.id);
+      const order = reorderIds(ids, from, to, after);
+      if (order.join() !== ids.join()) app.reorderProjects(order);
+    },
+    (tab) => tab.dataset.key ?? '',
+  );
 
   const create = (p: Project) => {
     const name = h('span', { class: 'project-name' });
@@ -31,35 +40,7 @@ export function mountProjectTabs(app: App, root: HTMLElement): void {
         app.activateProject(tab.dataset.key!);
       }
     });
-    tab.addEventListener('dragstart', (ev) => {
-      dragged = tab.dataset.key;
-      ev.dataTransfer?.setData('text/plain', dragged ?? '');
-      if (ev.dataTransfer) ev.dataTransfer.effectAllowed = 'move';
-      tab.classList.add('dragging');
-    });
-    tab.addEventListener('dragend', () => {
-      dragged = undefined;
-      tab.classList.remove('dragging');
-      for (const el of list.querySelectorAll('.drop-before, .drop-after')) el.classList.remove('drop-before', 'drop-after');
-    });
-    tab.addEventListener('dragover', (ev) => {
-      if (!dragged || dragged === tab.dataset.key) return;
-      ev.preventDefault();
-      const after = isAfter(tab, ev);
-      tab.classList.toggle('drop-after', after);
-      tab.classList.toggle('drop-before', !after);
-    });
-    tab.addEventListener('dragleave', () => tab.classList.remove('drop-before', 'drop-after'));
-    tab.addEventListener('drop', (ev) => {
-      ev.preventDefault();
-      tab.classList.remove('drop-before', 'drop-after');
-      const from = dragged ?? ev.dataTransfer?.getData('text/plain');
-      const to = tab.dataset.key;
-      if (!from || !to || from === to) return;
-      const ids = app.workspace.get().projects.map((x) => x.id);
-      const order = reorderIds(ids, from, to, isAfter(tab, ev));
-      if (order.join() !== ids.join()) app.reorderProjects(order);
-    });
+    reorderable(tab);
     return tab;
   };
 
@@ -92,7 +73,3 @@ async function confirmClose(app: App, p: Project): Promise<void> {
   app.closeProject(p.id);
 }
 
-function isAfter(tab: HTMLElement, ev: DragEvent): boolean {
-  const rect = tab.getBoundingClientRect();
-  return ev.clientX > rect.left + rect.width / 2;
-}
