@@ -77,12 +77,17 @@ TerminalLogger::TerminalLogger(std::string filePath, uint64_t maxFileSize)
 TerminalLogger::~TerminalLogger() = default;
 
 std::string TerminalLogger::encodeLine(const TerminalLogEvent& event, const std::string& timestamp) {
+    std::string line;
+    appendLine(event, timestamp, line);
+    return line;
+}
+
+void TerminalLogger::appendLine(const TerminalLogEvent& event, const std::string& timestamp, std::string& line) {
     if (!event.message && !event.metadata) {
         // Output and input lines, the bulk of the log under a flood: fixed
         // keys, a timestamp, a canonical UUID and base64 need no escaping, so
         // the line is written directly, as the encoder below would write it.
-        std::string line;
-        line.reserve(96 + timestamp.size() + (event.chunk ? event.chunk->size() / 3 * 4 + 4 : 0) +
+        line.reserve(line.size() + 96 + timestamp.size() + (event.chunk ? event.chunk->size() / 3 * 4 + 4 : 0) +
                      (event.chunkBase64 ? event.chunkBase64->size() : 0));
         line.append(R"({"ts":")").append(timestamp).append(R"(","session":")");
         line.append(event.sessionID.toString()).append(R"(","event":")");
@@ -95,21 +100,21 @@ std::string TerminalLogger::encodeLine(const TerminalLogEvent& event, const std:
             line.push_back('"');
         }
         line.push_back('}');
-        return line;
+        return;
     }
-    OrderedJson line;
-    line["ts"] = timestamp;
-    line["session"] = event.sessionID.toString();
-    line["event"] = TerminalLogEvent::rawValue(event.event);
-    if (event.chunkBase64) line["chunkBase64"] = *event.chunkBase64;
-    else if (event.chunk) line["chunkBase64"] = base64Encode(*event.chunk);
-    if (event.message) line["message"] = *event.message;
+    OrderedJson json;
+    json["ts"] = timestamp;
+    json["session"] = event.sessionID.toString();
+    json["event"] = TerminalLogEvent::rawValue(event.event);
+    if (event.chunkBase64) json["chunkBase64"] = *event.chunkBase64;
+    else if (event.chunk) json["chunkBase64"] = base64Encode(*event.chunk);
+    if (event.message) json["message"] = *event.message;
     if (event.metadata) {
         OrderedJson metadata = OrderedJson::object();
         for (const auto& [key, value] : *event.metadata) metadata[key] = value;
-        line["metadata"] = std::move(metadata);
+        json["metadata"] = std::move(metadata);
     }
-    return dumpJson(line);
+    line.append(dumpJson(json));
 }
 
 void TerminalLogger::record(TerminalLogEvent event) {
@@ -151,16 +156,17 @@ void TerminalLogger::writePending() {
         batch.clear();
     };
     for (const auto& event : events) {
-        std::string line = encodeLine(event, iso8601Now());
-        line.push_back('\n');
         if (size > m_maxFileSize) {
             flush();
             std::string rotated = m_filePath + ".1";
             ::unlink(rotated.c_str());
             if (::rename(m_filePath.c_str(), rotated.c_str()) == 0) size = 0;
         }
-        batch.append(line);
-        size += line.size();
+        // Straight into the batch: under a flood each line is a large chunk.
+        const size_t before = batch.size();
+        appendLine(event, iso8601Now(), batch);
+        batch.push_back('\n');
+        size += batch.size() - before;
     }
     flush();
 }

@@ -57,6 +57,7 @@ public:
 
     // The line as written, without its line feed. Exposed for tests.
     static std::string encodeLine(const TerminalLogEvent& event, const std::string& timestamp);
+    static void appendLine(const TerminalLogEvent& event, const std::string& timestamp, std::string& out);
 
 private:
     TerminalLogger(std::string filePath, uint64_t maxFileSize);
