@@ -145,7 +145,7 @@ TEST_F(DesktopWindowTest, EventsQueuedBeforeLoadArriveInOrderAndByteForByte) {
     }, std::chrono::seconds(20))) << "content pixels: " << grab.contentPixels;
 }
 
-TEST_F(DesktopWindowTest, KeysSwitchProjectsAndZoomThePageAndDropsReachIt) {
+TEST_F(DesktopWindowTest, KeysAndDropsReachThePageAndACrashedPageComesBackOnReload) {
     ASSERT_TRUE(waitForPage());
     auto activations = [&] { return countOfType(receivedEvents(webView()), "project/activate"); };
     size_t before = activations();
@@ -181,10 +181,8 @@ TEST_F(DesktopWindowTest, KeysSwitchProjectsAndZoomThePageAndDropsReachIt) {
     ASSERT_TRUE(detail.has_value());
     EXPECT_EQ((*detail)["paths"].get<std::vector<std::string>>(), dropped);
     EXPECT_TRUE((*detail)["timestamp"].is_number());
-}
 
-TEST_F(DesktopWindowTest, ACrashedPageShowsAMessageAndComesBackOnReload) {
-    ASSERT_TRUE(waitForPage());
+    // The page's process crashes: a message instead of an empty page, and the page back on reload.
     webkit_web_view_terminate_web_process(WEBKIT_WEB_VIEW(webView()));
     std::string logPath = home.cacheDir() + "/velko-webview.log";
     ASSERT_TRUE(pumpUntil([&] { return test::readFile(logPath).find("web content process") != std::string::npos; }));

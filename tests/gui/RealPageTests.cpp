@@ -1,7 +1,9 @@
 // The real page (built from web/ into resources/web) in the real window, with
-// real input through the X server: a click on the page's "open project"
-// button, the folder picked, a login shell on a PTY in the new project, and
-// "echo hi" typed key by key until the shell's answer is on screen.
+// real input through the X server: its Japanese labels drawn with real glyphs
+// (the machine has a CJK font, scripts/deps.sh installs fonts-noto-cjk, and the
+// page's fonts reach it), a click on the page's "open project" button, the
+// folder picked, a login shell on a PTY in the new project, and "echo hi"
+// typed key by key until the shell's answer is on screen.
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
 #include <sys/wait.h>
@@ -57,9 +59,40 @@ void makeProject(const std::string& folder) {
     ASSERT_TRUE(writeFileAtomically(folder + "/README.md", "# demo\n\nChanged.\n"));
 }
 
-}  // namespace
-
-namespace {
+// Draws the Japanese characters of the first visible Japanese label of the
+// page in the label's own font, and a missing glyph (U+10FFFD, the empty box)
+// beside them: how many different shapes the characters make (empty boxes all
+// look alike), and how many of them look like the box. Widths tell nothing
+// here: the box is one em wide, like a kana.
+constexpr const char* kMeasureFirstJapaneseLabel = R"JS((() => {
+  const japanese = /[\u3040-\u30ff\u4e00-\u9fff]/u;
+  const walker = document.createTreeWalker(document.body, NodeFilter.SHOW_TEXT);
+  let node;
+  while ((node = walker.nextNode()) && !(japanese.test(node.data) && node.parentElement.getClientRects().length)) {}
+  if (!node) return null;
+  const style = getComputedStyle(node.parentElement);
+  const font = `${style.fontStyle} ${style.fontWeight} 32px ${style.fontFamily}`;
+  const chars = [...node.data].filter((c) => japanese.test(c));
+  const shape = (c) => {
+    const canvas = document.createElement('canvas');
+    canvas.width = canvas.height = 48;
+    const g = canvas.getContext('2d');
+    g.font = font;
+    g.fillText(c, 4, 36);
+    const alpha = g.getImageData(0, 0, 48, 48).data.filter((_, i) => i % 4 === 3);
+    const rows = [];
+    for (let y = 0; y < 48; y++) rows.push(alpha.slice(y * 48, y * 48 + 48).reduce((a, b) => a + (b > 127), 0));
+    return rows.join(' ');
+  };
+  return {
+    label: node.data,
+    fontFamily: style.fontFamily,
+    distinctCharacters: new Set(chars).size,
+    distinctShapes: new Set(chars.map(shape)).size,
+    drawnAsTheBox: chars.filter((c) => shape(c) === shape(String.fromCodePoint(0x10fffd))).length,
+    notoLoaded: document.fonts.check('16px "Noto Sans CJK JP"', 'プロジェクト'),
+  };
+})())JS";
 
 // How the typed keys should travel: all through the page, or the printable
 // ones straight to the shell (IBus on an ASCII layout) and Return through the page.
@@ -118,6 +151,19 @@ void openProjectAndType(KeyPath path, const std::string& screenshot) {
 
     // The page is up and answered; the workspace starts empty.
     ASSERT_TRUE(pumpUntil([&] { return evaluate(view, "!!window.__velko__ && !!document.querySelector('.add-project')") == "true"; }));
+    if (path == KeyPath::Page) {
+        std::optional<Json> m;
+        ASSERT_TRUE(pumpUntil([&] { return (m = parseJson(evaluate(view, kMeasureFirstJapaneseLabel))) && m->is_object(); }))
+            << "no Japanese label on the page: " << evaluate(view, "document.body.innerText");
+        SCOPED_TRACE(m->dump());
+        EXPECT_GE(m->value("distinctCharacters", 0), 2);
+        EXPECT_EQ(m->value("distinctShapes", 0), m->value("distinctCharacters", -1)) << "characters drawn as empty boxes";
+        EXPECT_EQ(m->value("drawnAsTheBox", -1), 0);
+        EXPECT_TRUE(m->value("notoLoaded", false));
+        EXPECT_TRUE(pumpUntil([&] {
+            return test::grabScreenToPng(test::outputPath("velko-japanese-labels.png")).contentPixels > 500;
+        }, std::chrono::seconds(20)));
+    }
 
     // A real click on the page's button opens the picker; the project opens.
     std::optional<std::pair<int, int>> button;

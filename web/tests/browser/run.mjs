@@ -132,24 +132,18 @@ test('output is decoded and written in order, with the codex marker and a failur
   await page.close();
 });
 
-test('a running shell keeps its size in the view until the program confirms the new one', async (ctx) => {
+// Taking the confirmed size is in the recorded journeys.
+test('a page loaded while a shell runs shows it at the shell\'s size until the program confirms a new one', async (ctx) => {
   const { page, native } = await openPage(ctx, (n) => n.addProject('omicron'));
   const session = native.sessions[0];
   await page.waitForSelector('.term-host:not([hidden]) .xterm');
-  const size = () => page.evaluate((id) => { const t = window.__velkoTest.terminal(id); return `${t.cols}x${t.rows}`; }, session.id);
-  // A page loaded while the shell runs learns its size from the snapshot.
   const entry = { id: session.id, title: session.title, workingDirectory: session.workingDirectory, projectId: session.projectId, status: 'ready', cols: 120, rows: 40, pid: 7 };
   await native.send('terminal/snapshot', { sessions: [entry] });
-  await page.waitForFunction((id) => window.__velkoTest.terminal(id).cols === 120, session.id);
-  const asked = await native.waitFor((m) => m.type === 'terminal/resize' && m.payload.sessionId === session.id && m.payload.cols !== 120, 'resize to the view');
-  const fitted = `${asked.payload.cols}x${asked.payload.rows}`;
+  await native.waitFor((m) => m.type === 'terminal/resize' && m.payload.sessionId === session.id && m.payload.cols !== 120, 'resize to the view');
   // Output the shell wrote for 120 columns: a full-width line that wraps only at 120.
   await native.send('terminal/output', { sessionId: session.id, chunk: b64(`${'x'.repeat(100)}END\r\n`), encoding: 'base64' });
-  await waitForTerminalText(page, session.id, 'END');
-  assert.equal(await size(), '120x40');
-  assert.ok((await page.evaluate((id) => window.__velkoTest.terminalText(id), session.id)).includes(`${'x'.repeat(100)}END`));
-  await native.send('terminal/resize', { sessionId: session.id, cols: asked.payload.cols, rows: asked.payload.rows });
-  await page.waitForFunction(([id, want]) => { const t = window.__velkoTest.terminal(id); return `${t.cols}x${t.rows}` === want; }, [session.id, fitted]);
+  await waitForTerminalText(page, session.id, `${'x'.repeat(100)}END`);
+  assert.equal(await page.evaluate((id) => { const t = window.__velkoTest.terminal(id); return `${t.cols}x${t.rows}`; }, session.id), '120x40');
   await page.close();
 });
 
@@ -173,32 +167,6 @@ test('keyboard focus lands on a terminal when the focused element goes away; out
   await page.focus('.tree-row:has-text("a.txt")');
   await page.evaluate(() => document.querySelector('.tree-row').remove());
   await page.waitForFunction((id) => document.activeElement?.closest('.term-host')?.dataset.session === id, first);
-  await page.close();
-});
-
-// Opening by double click and the text saved are in the recorded journeys.
-test('an unsaved edit holds the project open, and saving with Ctrl+S refreshes git and keeps the highlighting', async (ctx) => {
-  const { page, native } = await openPage(ctx, (n) => n.addProject('iota', { 'main.py': 'print("hi")\n' }));
-  await page.dblclick('.tree-row:has-text("main.py")');
-  await page.waitForSelector('.cm-editor.cm-focused');
-  await page.keyboard.press('Control+End');
-  await page.keyboard.type('x = 1');
-  await page.waitForSelector('.doc-tab.dirty .dirty-marker:not([hidden])');
-  // Closing the project would lose the edit: the page asks, and "cancel" keeps it open.
-  await page.click('.project-tab.active .tab-close');
-  await page.waitForSelector('.dialog >> text=main.py');
-  await page.click('.dialog [data-action="cancel"]');
-  assert.ok(!native.messages.some((m) => m.type === 'project/close'));
-  await page.click('.cm-content');
-  await page.keyboard.press('Control+End');
-  const statusAsks = () => native.messages.filter((m) => m.type === 'git/status').length;
-  const asked = statusAsks();
-  await page.keyboard.press('Control+s');
-  await page.waitForSelector('.doc-tab:not(.dirty) >> text=main.py');
-  // The git panel follows the saved change.
-  await native.waitFor(() => statusAsks() > asked, 'git/status after save');
-  // Highlighting by file type: the Python keyword gets a token class.
-  await page.waitForFunction(() => document.querySelectorAll('.cm-content span[class]').length > 0);
   await page.close();
 });
 
@@ -517,11 +485,22 @@ test('recorded: files open, save, rename, ask before a large file, show images a
   await page.keyboard.press('ArrowLeft');
   await page.keyboard.press('Backspace');
   await page.keyboard.type('3');
-  await page.waitForSelector('.doc-tab.dirty >> text=main.ts');
+  await page.waitForSelector('.doc-tab.dirty .dirty-marker:not([hidden])');
+  // Closing the project would lose the edit: the page asks, and "cancel" keeps it open.
+  await page.click('.project-tab.active .tab-close');
+  await page.waitForSelector('.dialog >> text=main.ts');
+  await page.click('.dialog [data-action="cancel"]');
+  assert.ok(!native.messages.some((m) => m.type === 'project/close'));
+  await page.click('.cm-content');
+  const statusAsks = () => native.messages.filter((m) => m.type === 'git/status').length;
+  const asked = statusAsks();
   await page.keyboard.press('Control+s');
   const save = await native.waitFor((m) => m.type === 'project/file/save', 'save');
   assert.equal(save.payload.content, 'export const answer = 43;\n');
   await page.waitForSelector('.doc-tab:not(.dirty) >> text=main.ts');
+  // The git panel follows the saved change; highlighting by file type gives the keywords a token class.
+  await native.waitFor(() => statusAsks() > asked, 'git/status after save');
+  await page.waitForFunction(() => document.querySelectorAll('.cm-content span[class]').length > 0);
   await page.click('.tree-row:has-text("dot.png")');
   await page.waitForSelector('.column-preview img[src^="data:image/png;base64,iVBOR"]');
   await page.click('.tree-row:has-text("big.log")');

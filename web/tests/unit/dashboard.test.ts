@@ -63,13 +63,12 @@ describe('dashboard state', () => {
     expect(dash.relativeTime(now - ago * 1000, now)).toBe(text);
   });
 
-  it('names five languages, greys the rest, and shows the metrics in one line', () => {
+  it('names five languages and greys the rest', () => {
     const six = ['a', 'b', 'c', 'd', 'e', 'f'].map((name, i) => ({ name, ratio: [0.4, 0.2, 0.1, 0.1, 0.1, 0.05][i]! }));
     const bar = dash.languageBar(six);
     expect(bar.named.map((l) => l.name)).toEqual(['a', 'b', 'c', 'd', 'e']);
     expect(bar.rest).toBeCloseTo(0.1);
     expect(dash.heatLevel(0, 5)).toBe(0);
     expect([1, 2, 5].map((n) => dash.heatLevel(n, 5))).toEqual([1, 2, 4]);
-    expect(dash.metricsText({ cpuPercent: 3.14, memoryMB: 141.6 })).toBe('CPU 3.1% · 142 MB');
   });
 });
