@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <regex>
-
 #include "shell/AppBundleSchemeHandler.h"
 #include "shell/WebViewLogger.h"
 #include "support/TestSupport.h"
@@ -155,11 +153,9 @@ TEST(WebViewLog, TakesOnlyLogMessagesAndFillsTheirDefaults) {
         {R"({"type":"webview/log","payload":"plain"})", "[web] [info] plain"},
         {R"({"type":"webview/log","payload":42})", "[web] [info] 42"},
         {R"({"type":"webview/log"})", "[web] [info]"},
-        {R"({"type":"terminal/input","payload":{}})", std::nullopt},
         {R"({"type":"webview/logs"})", std::nullopt},
         {R"({"type":["webview/log"]})", std::nullopt},
         {R"(["webview/log"])", std::nullopt},
-        {R"("webview/log")", std::nullopt},
         {R"({})", std::nullopt},
     };
     for (const auto& c : cases) {
@@ -168,16 +164,4 @@ TEST(WebViewLog, TakesOnlyLogMessagesAndFillsTheirDefaults) {
         ASSERT_TRUE(body.has_value());
         EXPECT_EQ(webViewLogText(*body), c.text);
     }
-}
-
-TEST(WebViewLog, AppendsDatedLinesAndCreatesTheFileAndFolder) {
-    test::IsolatedHome home;
-    std::string path = webViewLogPath();
-    EXPECT_EQ(path, home.cacheDir() + "/velko-webview.log");
-    appendWebViewLogLine(path, "[web] [info] first");
-    appendWebViewLogLine(path, "[web] [error] second\u2028line");
-    // "[<UTC time>Z] <line>" each, a line separator kept inside its line.
-    const std::regex dated("\\[[-0-9T:.]+Z\\] \\[web\\] \\[info\\] first\n"
-                           "\\[[-0-9T:.]+Z\\] \\[web\\] \\[error\\] second\u2028line\n");
-    EXPECT_TRUE(std::regex_match(test::readFile(path), dated)) << test::readFile(path);
 }
