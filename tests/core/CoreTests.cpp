@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <glib.h>
-#include <sys/stat.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -270,22 +269,6 @@ TEST(Queues, AHopFromAWorkerWaitsForTheMainQueueAndAWeakOneSkipsAGoneObject) {
     object.reset();
     manual->runUntilIdle();
     EXPECT_EQ(seen, 0);
-}
-
-TEST(Paths, AtomicWriteReplacesWholeFileKeepsModeAndLeavesNoTemporary) {
-    test::TempDir dir;
-    std::string path = dir.write("config.json", "old contents");
-    chmod(path.c_str(), 0640);
-    ASSERT_TRUE(writeFileAtomically(path, "new"));
-    EXPECT_EQ(test::readFile(path), "new");
-    struct stat st{};
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0640u);
-    size_t entries = 0;
-    for ([[maybe_unused]] auto& e : std::filesystem::directory_iterator(dir.path())) ++entries;
-    EXPECT_EQ(entries, 1u);
-    // A missing folder fails without creating anything.
-    EXPECT_FALSE(writeFileAtomically(dir.file("missing/x.json"), "x"));
 }
 
 TEST(Paths, XdgDirectoriesFollowTheEnvironment) {
