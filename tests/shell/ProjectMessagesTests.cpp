@@ -75,14 +75,20 @@ TEST_F(Workspace, OpeningFoldersPublishesThemAndActivatesTheFirst) {
     EXPECT_EQ(payloads("github/oauth/status").size(), configs.size());
 }
 
-// Which project comes next is the store's own concern.
-TEST_F(Workspace, MenuSwitchingDoesNothingWithoutProjectsAndReactivatesASingleOne) {
+TEST_F(Workspace, MenuSwitchingGoesBothWaysAndReactivatesASingleProject) {
     h.clear();
-    content->moveToNextProject();
+    content->moveToNextProject();  // nothing open: nothing happens
     h.run();
     EXPECT_TRUE(h.events().empty());
 
-    openFolders({"a"});
+    auto p = openFolders({"a", "b", "c"});
+    content->moveToPreviousProject();  // from the first back to the last
+    EXPECT_EQ(store->config().activeProjectID, p[2].id);
+    content->moveToNextProject();
+    EXPECT_EQ(store->config().activeProjectID, p[0].id);
+
+    store->closeProject(p[1].id);
+    store->closeProject(p[2].id);
     h.clear();
     content->moveToNextProject();
     h.run();
