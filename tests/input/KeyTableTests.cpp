@@ -27,7 +27,6 @@ TEST(KeyTable, ZoomKeysBecomeThePagesKeysWithCtrlAndNeverWithAlt) {
         {Keyval::kEqual, kCtrl | kAlt, std::nullopt},
         {Keyval::kEqual, 0, std::nullopt},
         {Keyval::kEqual, kShift, std::nullopt},
-        {Keyval::kLowerR, kCtrl, std::nullopt},
         {Keyval::kRight, kCtrl, std::nullopt},
         {0x061 /* a */, kCtrl, std::nullopt},
     };

@@ -1,13 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <map>
-
-#include "core/MainQueue.h"
 #include "input/NativeTerminalInput.h"
-#include "support/TestSupport.h"
-#include "terminal/CodexShimInstaller.h"
-#include "terminal/TerminalService.h"
-#include "workspace/ConfigStore.h"
 
 using namespace velko;
 namespace Classifier = TerminalNativeInputClassifier;
@@ -68,10 +61,8 @@ TEST(NativeTerminalInput, OnlyPlainPrintableASCIIGoesNative) {
         {"letter", "a", 0, "a"},
         {"shifted letter", "A", kShift, "A"},
         {"space", " ", 0, " "},
-        {"tilde", "~", kShift, "~"},
         {"delete", "\x7f", 0, std::nullopt},
         {"return", "\r", 0, std::nullopt},
-        {"escape", "\x1b", 0, std::nullopt},
         {"control-a", "a", kCtrl, std::nullopt},
         {"alt-a", "a", kAlt, std::nullopt},
         {"super-a", "a", kSuper, std::nullopt},
@@ -168,7 +159,6 @@ TEST(NativeTerminalInput, KeysAreTakenOnlyForAFocusedTerminalWithASourceService)
     };
     const Case cases[] = {
         {"letter to the focused terminal", true, true, layout("us"), {0x61, 0, "a"}, true, true, {"a"}, {}},
-        {"shifted letter", true, true, layout("us"), {0x41, kShift, "A"}, true, true, {"A"}, {}},
         {"control letter", true, true, layout("us"), {0x61, kCtrl, "a"}, true, false, {}, {}},
         {"no focused terminal", true, false, layout("us"), {0x61, 0, "a"}, true, false, {}, {}},
         {"composing input method", true, true, japaneseMethod("mozc"), {0x61, 0, "a"}, true, false, {}, {}},
@@ -200,51 +190,4 @@ TEST(NativeTerminalInput, KeysAreTakenOnlyForAFocusedTerminalWithASourceService)
         EXPECT_EQ(written, c.written);
         EXPECT_EQ(sources->selected, c.selected);
     }
-}
-
-// Through the command center into the real terminal service, with a recording
-// coordinator in place of the shells.
-namespace {
-
-class RecordingCoordinator final : public TerminalCoordinating {
-public:
-    std::vector<std::pair<Uuid, std::string>> writes;
-    void setDelegate(std::weak_ptr<TerminalCoordinatorDelegate>) override {}
-    void setEnvironmentOverrides(std::map<std::string, std::string>) override {}
-    void synchronize(const std::vector<CLISessionConfig>&) override {}
-    void startSession(const CLISessionConfig&) override {}
-    void terminateSession(const Uuid&) override {}
-    void terminateAll() override {}
-    void write(const Uuid& id, std::string_view data) override { writes.emplace_back(id, std::string(data)); }
-    void sendSignal(const Uuid&, int) override {}
-    void resize(const Uuid&, int, int) override {}
-    std::optional<std::pair<int, int>> dimensions(const Uuid&) const override { return std::nullopt; }
-    void updateDebugDump(bool) override {}
-    std::shared_ptr<TerminalDebugDumpStore> debugDumpStore() const override { return nullptr; }
-};
-
-}  // namespace
-
-// The service's own tests cover what input does while terminals are off: the
-// native path hands it the same message as the page.
-TEST(NativeTerminalInput, TypedKeysReachTheFocusedSession) {
-    test::IsolatedHome home;
-    auto queue = std::make_shared<ManualQueue>();
-    setMainQueue(queue);
-    auto store = std::make_shared<ConfigStore>();
-    ASSERT_TRUE(store->bootstrap().ok());  // loading the file turns terminals on
-    auto coordinator = std::make_shared<RecordingCoordinator>();
-    auto service = TerminalService::create(store, coordinator, std::make_shared<CodexShimInstaller>());
-    service->setBridge(std::make_shared<test::EventRecorder>());
-    queue->runUntilIdle();
-
-    auto input = std::make_shared<NativeTerminalInput>(terminalServiceTarget(service), std::make_shared<FakeSources>());
-    EXPECT_FALSE(input->handleNativeKeyDown({0x68, 0, "h"}));  // nothing focused yet
-    service->setInputFocus(kSession, true);
-    for (const char* key : {"h", "i", " "})
-        EXPECT_TRUE(input->handleNativeKeyDown({static_cast<uint32_t>(key[0]), 0, key}));
-    queue->runUntilIdle();
-    EXPECT_EQ(coordinator->writes,
-              (std::vector<std::pair<Uuid, std::string>>{{kSession, "h"}, {kSession, "i"}, {kSession, " "}}));
-    service->shutdown();
 }

@@ -135,13 +135,11 @@ struct FakeTerminal final : TerminalMessageHandling, Recording {
 struct FakeExplorer final : ExplorerMonitoring, Recording {
     using Recording::Recording;
     bool activateMonitoring(const Uuid& projectId, const std::string& rootPath,
-                            const std::vector<std::string>& excluded, ChangeHandler handler) override {
+                            const std::vector<std::string>& excluded, ChangeHandler) override {
         log("explorer.watch " + projectId.toString() + " " + rootPath + " " + joined(excluded));
-        onChange = std::move(handler);
         return true;
     }
     void stopMonitoring() override { log("explorer.stop"); }
-    ChangeHandler onChange;
 };
 
 // The project "gone" has no folder; every other project's folder is its stored

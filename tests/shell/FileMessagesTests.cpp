@@ -69,8 +69,6 @@ TEST(FileMessages, EachResultOfAJobBecomesItsEvent) {
     auto open = msg("project/file/open", {{"projectId", kA}, {"path", "a.txt"}});
     auto rename = msg("project/file/rename", {{"projectId", kA}, {"path", "d/a"}, {"nextPath", "d/b"}});
     const Case cases[] = {
-        {"text", open, [](auto& f) { f.read = FileReadResult{FileTextContent{"héllo\n"}}; }, {"files.read /r/a a.txt"},
-         {"project/file/content " + a + R"("path":"a.txt","content":"héllo\n"})"}},
         {"image", open, [](auto& f) { f.read = FileReadResult{FileBinaryContent{"\x89PNG", "image/png"}}; },
          {"files.read /r/a a.txt"},
          {"project/file/content " + a +
@@ -86,8 +84,6 @@ TEST(FileMessages, EachResultOfAJobBecomesItsEvent) {
          msg("project/file/open", {{"projectId", kA}, {"path", "a.txt"}, {"allowLargeFile", true}}),
          [](auto&) {}, {"files.read /r/a a.txt large"},
          {fileError(kA, "a.txt", "ファイルが見つかりませんでした")}},
-        {"saved", msg("project/file/save", {{"projectId", kA}, {"path", "a.txt"}, {"content", "new"}}), [](auto&) {},
-         {"files.save /r/a a.txt new"}, {"project/file/saved " + a + R"("path":"a.txt"})"}},
         {"save failed", msg("project/file/save", {{"projectId", kA}, {"path", "a.txt"}, {"content", "new"}}),
          [](auto& f) { f.save = fail(FileSaveError{"保存に失敗しました: Permission denied"}); },
          {"files.save /r/a a.txt new"}, {fileError(kA, "a.txt", "保存に失敗しました: Permission denied")}},

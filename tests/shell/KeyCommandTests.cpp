@@ -97,7 +97,6 @@ TEST(KeyCommand, MonitorsInstallOnceAndRouteKeysAndSwipes) {
         {Keyval::kMinus, kCtrl, true, {"zoom Minus"}},
         {Keyval::kUpperR, kCtrl | kShift, true, {"reload"}},
         {0x061, 0, false, {}},
-        {Keyval::kRight, 0, false, {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << std::hex << c.keyval);

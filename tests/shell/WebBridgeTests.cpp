@@ -33,11 +33,8 @@ TEST(WebBridgeRouting, MalformedBodiesAndNearMissesAreIgnoredAndAliasesKeepTheir
         test::Journal journal;
     };
     const Case cases[] = {
-        {"5", {}},
         {"\"app/config/request\"", {}},
-        {"[]", {}},
         {"{}", {}},
-        {"{\"type\":5}", {}},
         {"{\"type\":[\"app/config/request\"]}", {}},
         {"{\"Type\":\"app/config/request\"}", {}},
         {"not json", {}},

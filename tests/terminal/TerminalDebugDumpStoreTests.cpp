@@ -12,6 +12,7 @@
 #include "terminal/TerminalDebugDumpStore.h"
 
 using namespace velko;
+namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 namespace {
@@ -25,13 +26,6 @@ std::vector<Json> entries(const std::string& path) {
         if (json) out.push_back(*json);
     }
     return out;
-}
-
-bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
-
-uint64_t fileSize(const std::string& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 ? static_cast<uint64_t>(info.st_size) : 0;
 }
 
 void setAge(const std::string& path, SystemTime when) {
@@ -110,10 +104,10 @@ TEST(TerminalDebugDumpStore, RotatesFullFilesAndKeepsThreeGenerations) {
     f.store->drainForTesting();
     for (int generation : {0, 1, 2}) {
         SCOPED_TRACE(generation);
-        EXPECT_TRUE(exists(f.file(id, generation)));
-        EXPECT_LE(fileSize(f.file(id, generation)), policy.maxFileSizeBytes);
+        EXPECT_TRUE(fs::exists(f.file(id, generation)));
+        EXPECT_LE(fs::file_size(f.file(id, generation)), policy.maxFileSizeBytes);
     }
-    EXPECT_FALSE(exists(f.file(id, 3)));
+    EXPECT_FALSE(fs::exists(f.file(id, 3)));
     auto current = entries(f.file(id));
     ASSERT_FALSE(current.empty());
     EXPECT_EQ(current.back()["sequence"], 61);
@@ -139,9 +133,9 @@ TEST(TerminalDebugDumpStore, MakesRoomByRemovingTheOldestFilesButNeverTheCurrent
     ASSERT_TRUE(f.store->prepareForWriting());
     f.store->record(writing, std::string(300, 'x'), std::string(300, 'x'));
     f.store->drainForTesting();
-    EXPECT_FALSE(exists(f.file(old)));
-    EXPECT_TRUE(exists(f.file(newer)));
-    EXPECT_TRUE(exists(f.file(writing)));
+    EXPECT_FALSE(fs::exists(f.file(old)));
+    EXPECT_TRUE(fs::exists(f.file(newer)));
+    EXPECT_TRUE(fs::exists(f.file(writing)));
     std::ifstream written(f.file(writing));
     std::vector<std::string> lines;
     for (std::string line; std::getline(written, line);) lines.push_back(line);
@@ -173,7 +167,7 @@ TEST(TerminalDebugDumpStore, StartupMaintenanceEnforcesThePolicy) {
     // Without a directory nothing is created.
     f.store->performStartupMaintenance();
     f.store->drainForTesting();
-    EXPECT_FALSE(exists(f.directory));
+    EXPECT_FALSE(fs::exists(f.directory));
     ASSERT_EQ(::mkdir(f.directory.c_str(), 0700), 0);
     for (const auto& c : cases) {
         std::ofstream(f.directory + "/" + c.name) << std::string(c.size, 'x');
@@ -183,7 +177,7 @@ TEST(TerminalDebugDumpStore, StartupMaintenanceEnforcesThePolicy) {
     f.store->drainForTesting();
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        EXPECT_EQ(exists(f.directory + "/" + c.name), c.kept);
+        EXPECT_EQ(fs::exists(f.directory + "/" + c.name), c.kept);
     }
 }
 
@@ -207,7 +201,7 @@ TEST(TerminalDebugDumpStore, RefusesADirectoryThatIsALinkOrAFile) {
         f.store->drainForTesting();
         // Nothing was written through the link, and the file is left as it was.
         if (c.link) {
-            EXPECT_EQ(std::filesystem::directory_iterator(elsewhere.path()), std::filesystem::directory_iterator());
+            EXPECT_EQ(fs::directory_iterator(elsewhere.path()), fs::directory_iterator());
         } else {
             std::string contents;
             std::getline(std::ifstream(f.directory), contents);

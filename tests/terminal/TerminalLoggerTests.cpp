@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
-#include <set>
-#include <sstream>
 #include <thread>
 
 #include "core/Base64.h"
@@ -14,6 +12,7 @@
 #include "terminal/TerminalLogger.h"
 
 using namespace velko;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -23,13 +22,6 @@ std::vector<std::string> lines(const std::string& path) {
     for (std::string line; std::getline(file, line);) out.push_back(line);
     return out;
 }
-
-uint64_t fileSize(const std::string& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 ? static_cast<uint64_t>(info.st_size) : 0;
-}
-
-bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
 
 TerminalLogEvent event(TerminalLogEvent::Event kind, std::optional<std::string> chunk = std::nullopt) {
     return {Uuid::random(), kind, std::move(chunk), std::nullopt, std::nullopt};
@@ -84,7 +76,7 @@ TEST(TerminalLogger, RotatesToOneOlderCopyOnlyPastTheLimit) {
         if (c.rotates) {
             ASSERT_EQ(current.size(), 1u);
             EXPECT_NE(current[0].find("\"chunkBase64\":\"bHMN\""), std::string::npos);
-            EXPECT_EQ(fileSize(path + ".1"), previous.size());  // the second rotation replaced the old copy
+            EXPECT_EQ(fs::file_size(path + ".1"), previous.size());  // the second rotation replaced the old copy
         } else {
             ASSERT_EQ(current.size(), 2u);
             EXPECT_EQ(current[0] + "\n", previous);
@@ -112,8 +104,8 @@ TEST(TerminalLogger, SessionsWritingAtOnceProduceWholeLinesAcrossRotations) {
     }
     for (auto& w : writers) w.join();
     logger->drainForTesting();
-    ASSERT_TRUE(exists(path + ".1")) << "the test must cross the limit";
-    EXPECT_LE(fileSize(path + ".1"), 64 * 1024 + 512);  // at most one line past the limit
+    ASSERT_TRUE(fs::exists(path + ".1")) << "the test must cross the limit";
+    EXPECT_LE(fs::file_size(path + ".1"), 64 * 1024 + 512);  // at most one line past the limit
     // Every line in both files parses; each session's lines keep their order.
     std::map<std::string, int> next;
     size_t total = 0;

@@ -61,44 +61,38 @@ TEST(TerminalOutputPump, StopsReadingAtItsCapAndLosesNothing) {
     ::close(fds[0]);
 }
 
-TEST(TerminalOutputPump, FinishReadsWhatIsLeftThenEnds) {
-    int fds[2];
-    ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
-    auto page = std::make_shared<test::HoldingPage>();
-    TerminalOutputPump pump(Uuid::random(), fds[0], nullptr, page);
-    ASSERT_EQ(::write(fds[1], "last words", 10), 10);
-    pump.start();
-    pump.finish();  // must return although the write end is still open
-    EXPECT_EQ(page->output(), "last words");
-    ::close(fds[1]);
-    ::close(fds[0]);
-}
-
-// A writer that never stops (a background job still holding the terminal)
-// cannot keep finish() from returning.
-TEST(TerminalOutputPump, FinishReturnsWhileAWriterKeepsWriting) {
-    int fds[2];
-    ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
-    auto page = std::make_shared<test::HoldingPage>();
-    std::atomic<bool> writing{true};
-    std::thread writer([&] {
-        const std::string line(4000, 'y');
-        while (writing) {
-            if (::write(fds[1], line.data(), line.size()) < 0) std::this_thread::yield();
+// finish() reads what is left and returns although the write end is still
+// open, even while a writer never stops (a background job still holding the
+// terminal).
+TEST(TerminalOutputPump, FinishReadsWhatIsLeftAndReturnsWhileAWriterKeepsWriting) {
+    for (bool endless : {false, true}) {
+        SCOPED_TRACE(endless ? "endless writer" : "quiet writer");
+        int fds[2];
+        ASSERT_EQ(pipe2(fds, O_CLOEXEC | O_NONBLOCK), 0);
+        auto page = std::make_shared<test::HoldingPage>();
+        ASSERT_EQ(::write(fds[1], "last words", 10), 10);
+        std::atomic<bool> writing{endless};
+        std::thread writer([&] {
+            const std::string line(4000, 'y');
+            while (writing) {
+                if (::write(fds[1], line.data(), line.size()) < 0) std::this_thread::yield();
+            }
+        });
+        if (endless) page->hold();  // so the pump parks at its cap
+        {
+            TerminalOutputPump pump(Uuid::random(), fds[0], nullptr, page, 64 * 1024);
+            pump.start();
+            pump.finish();
         }
-    });
-    constexpr uint64_t kCap = 64 * 1024;
-    page->hold();  // so the pump parks at its cap
-    {
-        TerminalOutputPump pump(Uuid::random(), fds[0], nullptr, page, kCap);
-        pump.start();
-        while (page->output().empty()) std::this_thread::yield();
-        pump.finish();
+        EXPECT_EQ(page->output().substr(0, 10), "last words");
+        if (!endless) {
+            EXPECT_EQ(page->output(), "last words");
+        }
+        writing = false;
+        writer.join();
+        ::close(fds[1]);
+        ::close(fds[0]);
     }
-    writing = false;
-    writer.join();
-    ::close(fds[1]);
-    ::close(fds[0]);
 }
 
 // A log that cannot keep up (here a FIFO nobody reads yet, as a stalled disk)
