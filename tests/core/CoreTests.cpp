@@ -147,6 +147,13 @@ TEST(Base64, EncodesAndDecodesRfc4648Vectors) {
         EXPECT_EQ(base64Decode(encoded), plain);
     }
     EXPECT_EQ(base64Decode("Zg"), "f");  // padding may be left out
+    // Every length through the encoder's six-byte steps and its tail, against the decoder.
+    std::string bytes;
+    for (int length = 0; length < 40; ++length, bytes.push_back(static_cast<char>(length * 97 + 13))) {
+        SCOPED_TRACE(length);
+        EXPECT_EQ(base64Decode(base64Encode(bytes)), bytes);
+    }
+    EXPECT_EQ(base64Encode("Many hands make light work."), "TWFueSBoYW5kcyBtYWtlIGxpZ2h0IHdvcmsu");
     for (const char* bad : {"Z", "Zg=", "Zm9v!", "Zg===", "Zg==Zg==", "Zm 9v"}) {
         SCOPED_TRACE(bad);
         EXPECT_FALSE(base64Decode(bad));

@@ -134,7 +134,13 @@ TEST(EventScript, EscapingRoundTripsThroughTheHeadlessDecoder) {
         std::string script = buildEventScript(text);
         EXPECT_EQ(envelopeFromEventScript(script), text);
     }
-    EXPECT_EQ(escapeForScriptLiteral(R"(a\'b)"), R"(a\\\'b)");
+    // Long enough for the vector scan, with quotes and backslashes on and
+    // across its 16-byte steps.
+    std::string longText(70, 'x'), expected;
+    for (size_t at : {0, 15, 16, 17, 33, 50, 69}) longText[at] = at % 2 ? '\'' : '\\';
+    for (char c : longText) expected += (c == '\'' || c == '\\') ? std::string{'\\', c} : std::string{c};
+    for (const auto& [text, escaped] : {std::pair<std::string, std::string>{R"(a\'b)", R"(a\\\'b)"}, {longText, expected}})
+        EXPECT_EQ(escapeForScriptLiteral(text), escaped);
     EXPECT_FALSE(envelopeFromEventScript("alert(1)"));
 }
 
