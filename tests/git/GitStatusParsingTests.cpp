@@ -21,15 +21,11 @@ const char* const kMixedStatus =
     "?? \"new\\nline.txt\"\n"
     "?? with space.txt\n";
 
-std::vector<std::string> paths(const std::vector<GitStatusFile>& files) {
+// "path|status" of each file or change.
+template <typename Entry>
+std::vector<std::string> paths(const std::vector<Entry>& list) {
     std::vector<std::string> out;
-    for (const auto& f : files) out.push_back(f.path + "|" + f.status);
-    return out;
-}
-
-std::vector<std::string> changes(const std::vector<GitStatusDetailComponents::Change>& list) {
-    std::vector<std::string> out;
-    for (const auto& c : list) out.push_back(c.path + "|" + c.status);
+    for (const auto& e : list) out.push_back(e.path + "|" + e.status);
     return out;
 }
 
@@ -106,9 +102,9 @@ TEST(GitStatusParsing, DetailFormUsesWordsRemoteAndExactRenameSplit) {
         EXPECT_EQ(d.remote, c.remote);
         EXPECT_EQ(d.ahead, c.ahead);
         EXPECT_EQ(d.behind, c.behind);
-        EXPECT_EQ(changes(d.staged), c.staged);
-        EXPECT_EQ(changes(d.unstaged), c.unstaged);
-        EXPECT_EQ(changes(d.untracked), c.untracked);
+        EXPECT_EQ(paths(d.staged), c.staged);
+        EXPECT_EQ(paths(d.unstaged), c.unstaged);
+        EXPECT_EQ(paths(d.untracked), c.untracked);
     }
 }
 

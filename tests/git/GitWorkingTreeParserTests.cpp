@@ -167,22 +167,6 @@ TEST(GitWorkingTreeParser, PayloadSortsEntriesIntoFourSectionsWithSummary) {
     EXPECT_EQ(empty["summary"], (Json{{"total", 0}, {"staged", 0}, {"unstaged", 0}, {"untracked", 0}}));
 }
 
-TEST(GitWorkingTreeParser, TruncatedOutputGivesTheCompleteLinesOnly) {
-    std::string full = kPorcelainV2;
-    for (size_t cut = 0; cut <= full.size(); cut += 7) {
-        SCOPED_TRACE(cut);
-        std::string_view prefix = std::string_view(full).substr(0, cut);
-        size_t lastNewline = prefix.rfind('\n');
-        size_t complete = lastNewline == std::string_view::npos
-                              ? 0
-                              : GitWorkingTreeParser::parse(prefix.substr(0, lastNewline + 1)).size();
-        auto entries = GitWorkingTreeParser::parse(prefix);
-        // Every complete line still counts; the cut one may add one entry at most.
-        EXPECT_GE(entries.size(), complete);
-        EXPECT_LE(entries.size(), complete + 1);
-    }
-}
-
 TEST(GitJsonWriter, WorkingTreePayloadIsByteForByteTheGenericEncoding) {
     std::string output = kPorcelainV2;
     output += "1 .M N... 100644 100644 100644 a b \"ctl\\001\\037\"\n";
