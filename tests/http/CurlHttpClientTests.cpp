@@ -4,14 +4,13 @@
 // request goes nowhere it was not sent. (A declared oversize body and a
 // certificate nobody vouches for are met through the sign-in client's tests.)
 #include <gtest/gtest.h>
-#include <signal.h>
 
-#include <cstdio>
 #include <future>
 #include <optional>
 #include <thread>
 
 #include "platform/http/CurlHttpClient.h"
+#include "support/ChildProcesses.h"
 #include "support/TestSupport.h"
 
 using namespace velko;
@@ -20,7 +19,7 @@ using namespace std::chrono_literals;
 namespace {
 
 const char* const kServer = R"PY(
-import http.server, os, sys, time
+import http.server, sys, time
 log = open(sys.argv[1], "a")
 
 class Handler(http.server.BaseHTTPRequestHandler):
@@ -61,27 +60,16 @@ class Server(http.server.ThreadingHTTPServer):
         pass
 
 server = Server(("127.0.0.1", 0), Handler)
-print(os.getpid(), server.server_address[1], flush=True)
+print(server.server_address[1], flush=True)
 server.serve_forever()
 )PY";
 
-// The server as a child of the test; its first line names its process and port.
-struct LoopbackServer {
-    explicit LoopbackServer(const test::TempDir& dir) : log(dir.file("requests.log")) {
-        std::string command =
-            "exec python3 '" + dir.write("server.py", kServer) + "' '" + log + "' </dev/null";
-        pipe = popen(command.c_str(), "re");
-        if (pipe && std::fscanf(pipe, "%d %d", &pid, &httpPort) != 2) httpPort = 0;
-    }
-    ~LoopbackServer() {
-        if (pid > 0) kill(pid, SIGTERM);
-        if (pipe) pclose(pipe);
-    }
+// The server as a child of the test, and whether a path reached it.
+struct Server : test::LoopbackServer {
+    explicit Server(const test::TempDir& dir)
+        : LoopbackServer(dir.write("server.py", kServer), {dir.file("requests.log")}), log(dir.file("requests.log")) {}
     bool saw(const std::string& path) const { return test::readFile(log).find(path + "\n") != std::string::npos; }
-
     std::string log;
-    FILE* pipe = nullptr;
-    int pid = 0, httpPort = 0;
 };
 
 // The call on a thread of its own; still running long after every limit in
@@ -98,9 +86,9 @@ std::optional<HttpResult> performGuarded(CurlHttpClient& client, const HttpReque
 
 TEST(CurlHttpClient, EveryExchangeEndsInTheScriptedResponseOrError) {
     test::TempDir dir;
-    LoopbackServer server(dir);
-    ASSERT_GT(server.httpPort, 0);
-    const std::string http = "http://127.0.0.1:" + std::to_string(server.httpPort);
+    Server server(dir);
+    ASSERT_GT(server.port, 0);
+    const std::string http = server.url();
 
     using Kind = HttpError::Kind;
     struct Case {
@@ -120,13 +108,13 @@ TEST(CurlHttpClient, EveryExchangeEndsInTheScriptedResponseOrError) {
         {.name = "authorised post", .url = http + "/ok", .post = true, .status = 200, .body = "hello"},
         {.name = "the server's check", .url = http + "/ok", .post = true, .token = false, .status = 401, .body = "no"},
         {.name = "redirect to another host", .url = http + "/redirect", .status = 302,
-         .location = "http://localhost:" + std::to_string(server.httpPort) + "/followed", .neverReached = "/followed"},
+         .location = "http://localhost:" + std::to_string(server.port) + "/followed", .neverReached = "/followed"},
         {.name = "silence", .url = http + "/silent", .idle = 1, .total = 60, .error = Kind::TimedOut},
         {.name = "a byte now and then", .url = http + "/trickle", .idle = 1, .total = 2, .error = Kind::TimedOut},
         {.name = "streamed body over the cap", .url = http + "/big-streamed", .cap = 100'000, .error = Kind::TooLarge},
         {.name = "plain http to a name, even localhost", .url = "http://localhost:" +
-         std::to_string(server.httpPort) + "/by-name", .error = Kind::UrlRefused, .neverReached = "/by-name"},
-        {.name = "credentials in the URL", .url = "http://u:p@127.0.0.1:" + std::to_string(server.httpPort) +
+         std::to_string(server.port) + "/by-name", .error = Kind::UrlRefused, .neverReached = "/by-name"},
+        {.name = "credentials in the URL", .url = "http://u:p@127.0.0.1:" + std::to_string(server.port) +
          "/creds", .error = Kind::UrlRefused, .neverReached = "/creds"},
         {.name = "another scheme", .url = "file:///etc/passwd", .error = Kind::UrlRefused},
         {.name = "not a URL", .url = "127.0.0.1/ok", .error = Kind::UrlRefused},
@@ -170,9 +158,9 @@ TEST(CurlHttpClient, EveryExchangeEndsInTheScriptedResponseOrError) {
 
 TEST(CurlHttpClient, CancelAllEndsATransferInFlightAndRefusesNewOnes) {
     test::TempDir dir;
-    LoopbackServer server(dir);
-    ASSERT_GT(server.httpPort, 0);
-    const std::string http = "http://127.0.0.1:" + std::to_string(server.httpPort);
+    Server server(dir);
+    ASSERT_GT(server.port, 0);
+    const std::string http = server.url();
 
     CurlHttpClient client;
     HttpRequest silent{.url = http + "/silent-cancel", .idleTimeout = 60s, .totalTimeout = 120s};
