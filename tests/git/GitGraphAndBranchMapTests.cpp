@@ -119,10 +119,7 @@ TEST(GitBranchMapAnalysis, OverlapsPrioritiesAndTheLimit) {
         node("recent-iso", [](auto& n) { n.lastCommitDate = "2024-05-20T10:00:00Z"; }),
         node("bad-date", [](auto& n) { n.lastCommitDate = "yesterday"; }),
         node("cleanup", [](auto& n) { n.isCleanupCandidate = true; n.mergeState = "merged"; }),
-        node("follow-up", [](auto& n) { n.mergeState = "mergedWithFollowUp"; n.isCleanupCandidate = true; }),
         node("unpushed", [](auto& n) { n.pushState = "unpushed"; n.mergeState = "undetermined"; }),
-        node("elsewhere", [](auto& n) { n.inUseByOtherWorktree = true; n.hasConflicts = true; }),
-        node("main", [](auto& n) { n.isBase = true; }),
         node("mine", [](auto& n) { n.isCurrent = true; n.lastCommitDate = "2020-01-01 00:00:00 +0000"; }),
         node("inside-mine", [](auto&) {}),
     };
@@ -130,9 +127,9 @@ TEST(GitBranchMapAnalysis, OverlapsPrioritiesAndTheLimit) {
     applyPriority(nodes, std::string("main"), descendants, now);
     std::map<std::string, int> priorities;
     for (const auto& n : nodes) priorities[n.name] = n.priority;
+    // (The base, other worktrees and follow-ups are ranked in the real-repository tests.)
     EXPECT_EQ(priorities, (std::map<std::string, int>{{"old", 6}, {"recent", 5}, {"recent-iso", 5}, {"bad-date", 6},
-                                                      {"cleanup", 4}, {"follow-up", 3}, {"unpushed", 2},
-                                                      {"elsewhere", 1}, {"main", 0}, {"mine", 0},
+                                                      {"cleanup", 4}, {"unpushed", 2}, {"mine", 0},
                                                       {"inside-mine", 0}}));
 
     // The limit: current and base beyond the prefix take the places of its last nodes.

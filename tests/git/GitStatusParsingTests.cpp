@@ -46,8 +46,6 @@ TEST(GitStatusParsing, FlatFormReadsBranchCountsAndFileLists) {
         {"behind only", "## dev...origin/dev [behind 14]\n", "dev", 0, 14, {}, {}, {}},
         {"gone upstream", "## dev...origin/dev [gone]\n", "dev", 0, 0, {}, {}, {}},
         {"no upstream", "## feature/x\n", "feature/x", 0, 0, {}, {}, {}},
-        {"unborn branch stays as text", "## No commits yet on main\n", "No commits yet on main", 0, 0, {}, {}, {}},
-        {"detached head", "## HEAD (no branch)\n", "HEAD (no branch)", 0, 0, {}, {}, {}},
         {"mixed repository", kMixedStatus, "main", 0, 0,
          V{"conf.txt|UU", "mod.txt|MM", "src/a/new.txt|R "},
          V{"bin.dat| M", "conf.txt|UU", "del.txt| D", "ita.txt| A", "mod.txt|MM"},

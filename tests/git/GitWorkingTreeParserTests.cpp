@@ -67,7 +67,6 @@ TEST(GitWorkingTreeParser, ReadsEachLineShape) {
         {"conflict with blanks in path", "u AA N... 1 2 3 4 h1 h2 h3 x y.txt", true, "x y.txt", "-", "conflicted",
          "conflicted", false, false, true},
         {"untracked quoted tab", "? \"a\\tb.txt\"", true, "a\tb.txt", "-", "-", "-", true},
-        {"untracked plain", "? plain name.txt", true, "plain name.txt", "-", "-", "-", true},
         {"untracked too short", "? ", false},
         {"header", "# branch.head main", false},
         {"ignored", "! build/", false},
