@@ -25,27 +25,6 @@ OAuthTokenRecord record(const char* expiresAt, std::optional<std::string> login)
 
 }  // namespace
 
-TEST(AccountStatus, PayloadsNameTheAccountAndAnExpiryOnlyWhenThereIsOne) {
-    auto withLogin = record("2026-03-01T18:00:00Z", "octo");
-    auto noExpiry = record("2100-06-01T00:00:00Z", std::nullopt);
-    struct Case {
-        const OAuthTokenRecord* record;
-        bool refreshed;
-        std::optional<std::string> reason;
-        const char* json;
-    };
-    const Case cases[] = {
-        {&withLogin, true, {},
-         R"({"status":"connected","account":{"login":"octo","avatarUrl":"https://avatars/octo"},"expiresAt":"2026-03-01T18:00:00.000Z","refreshed":true})"},
-        {&noExpiry, false, {}, R"({"status":"connected"})"},
-        {nullptr, false, "userLogout", R"({"status":"disconnected","reason":"userLogout"})"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.json);
-        EXPECT_EQ(WebBridge::oauthStatusPayload(c.record, c.refreshed, c.reason).dump(), c.json);
-    }
-}
-
 TEST(AccountBridge, EachOutcomeReachesThePageAndTheSecurityLogOnce) {
     BridgeHarness h;
     auto keychain = std::make_shared<MemoryKeychainStore>();
@@ -91,7 +70,7 @@ TEST(AccountBridge, EachOutcomeReachesThePageAndTheSecurityLogOnce) {
              sessions->made.back()->completion("http://127.0.0.1:9/cb?code=c&state=" + sessions->query("state"));
              run();
          },
-         {"github/oauth/status connected octo"},
+         {"github/oauth/status connected octo until 2026-03-01T18:00:00.000Z"},
          {"oauthStart", "oauthSuccess @octo expiresAt=2026-03-01T18:00:00.000Z scopes=repo"}},
         {"a stray redirect", [&] { coordinator->receiveCallback("http://127.0.0.1:9/cb?code=c&state=x"); run(); },
          {"github/oauth/error GitHub サインインに失敗しました: missingState"}, {"oauthFailure @octo error=missingState"}},
@@ -139,6 +118,7 @@ TEST(AccountBridge, EachOutcomeReachesThePageAndTheSecurityLogOnce) {
             if (p.contains("message")) line += " " + p["message"].get<std::string>();
             if (p.contains("status")) line += " " + p["status"].get<std::string>();
             if (p.contains("account")) line += " " + p["account"]["login"].get<std::string>();
+            if (p.contains("expiresAt")) line += " until " + p["expiresAt"].get<std::string>();
             if (p.contains("refreshed")) line += " refreshed";
             if (p.contains("reason")) line += " " + p["reason"].get<std::string>();
             events.push_back(line);
