@@ -9,60 +9,6 @@
 using namespace velko;
 using namespace velko::test;
 
-namespace {
-
-struct Journal final : GitHubOAuthCoordinatorDelegate, GitTokenRefresherDelegate {
-    std::vector<std::string> lines;
-    void gitHubOAuthCoordinatorDidComplete(const OAuthTokenRecord& r) override {
-        lines.push_back("signedIn " + r.accessToken.str() + " @" + r.accountLogin.value_or("-"));
-    }
-    void gitHubOAuthCoordinatorDidFail(OAuthError e) override { lines.push_back(std::string(oauthErrorName(e))); }
-    void gitTokenRefresherDidRefresh(const OAuthTokenRecord& r) override { lines.push_back("refreshed " + r.accessToken.str()); }
-    void gitTokenRefresherDidFail(OAuthError e) override { lines.push_back("refreshFailed " + std::string(oauthErrorName(e))); }
-};
-
-struct Account {
-    ManualMain main;
-    std::shared_ptr<ManualQueue> worker = std::make_shared<ManualQueue>();
-    std::shared_ptr<ManualQueue> refreshQueue = std::make_shared<ManualQueue>();
-    std::shared_ptr<MemoryKeychainStore> keychain = std::make_shared<MemoryKeychainStore>();
-    std::shared_ptr<GitAuthManager> auth = std::make_shared<GitAuthManager>(keychain);
-    std::shared_ptr<FakeClient> client = std::make_shared<FakeClient>();
-    std::shared_ptr<FakeSessions> sessions = std::make_shared<FakeSessions>();
-    OAuthTime now = *parseOAuthTime("2026-03-01T10:00:00Z");
-    std::shared_ptr<GitTokenRefresher> refresher = std::make_shared<GitTokenRefresher>(
-        auth, client, std::make_shared<QueueRefreshScheduler>(refreshQueue), [this] { return now; });
-    std::shared_ptr<GitHubOAuthCoordinator> coordinator;
-    std::shared_ptr<Journal> journal = std::make_shared<Journal>();
-
-    Account() {
-        GitHubOAuthCoordinator::Collaborators c{auth, client, refresher, sessions, worker, [this] { return now; }};
-        coordinator = std::make_shared<GitHubOAuthCoordinator>(
-            GitHubOAuthCoordinator::Configuration{"cid", "http://127.0.0.1:9/cb", {"repo"}, GitHubEndpoints()}, c);
-        coordinator->setDelegate(journal);
-        refresher->setDelegate(journal);
-    }
-    void run() {
-        while (main.queue().runUntilIdle() + worker->runUntilIdle() > 0) {
-        }
-    }
-    void store(std::string access, std::string refresh, OAuthTime expiresAt) {
-        OAuthTokenRecord r;
-        r.accessToken = SecretText(std::move(access));
-        r.refreshToken = SecretText(std::move(refresh));
-        r.expiresAt = expiresAt;
-        r.tokenType = "bearer";
-        r.accountLogin = "octo";
-        ASSERT_TRUE(auth->save(r));
-    }
-    std::string stored() {
-        auto r = auth->loadRecord();
-        return r ? r->accessToken.str() + "/" + r->refreshToken.str() : "-";
-    }
-};
-
-}  // namespace
-
 TEST(GitHubOAuthCoordinator, CallbacksAreCheckedOnceAgainstTheirOwnFlow) {
     // Steps: "start"; "wait <seconds>"; "cb <query>" completes the newest session; "stray <query>"
     // arrives without a session. "{state}" is the newest flow's state, "{first}" the first's.
@@ -110,7 +56,7 @@ TEST(GitHubOAuthCoordinator, CallbacksAreCheckedOnceAgainstTheirOwnFlow) {
                 continue;
             }
             if (step.rfind("wait ", 0) == 0) {
-                a.main.queue().advance(std::chrono::seconds(std::stoi(step.substr(5))));
+                a.main->advance(std::chrono::seconds(std::stoi(step.substr(5))));
                 continue;
             }
             for (auto [key, value] : {std::pair<std::string, std::string>{"{first}", first},
