@@ -58,7 +58,6 @@ TEST(GitCommitGraph, PlacesCommitsAndParentLinksOnLanes) {
         V nodes, edges;
         for (const auto& n : graph.nodes) {
             nodes.push_back(n.oid + "@" + std::to_string(n.lane));
-            EXPECT_EQ(n.branchColor, commitGraphLaneColor(n.lane));
             EXPECT_EQ(n.authorName, "Unknown");
         }
         for (const auto& e : graph.edges) edges.push_back(e.from + ">" + e.to + "@" + std::to_string(e.lane));
