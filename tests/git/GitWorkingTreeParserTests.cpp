@@ -162,16 +162,14 @@ TEST(GitWorkingTreeParser, PayloadSortsEntriesIntoFourSectionsWithSummary) {
 }
 
 TEST(GitJsonWriter, WorkingTreePayloadIsByteForByteTheGenericEncoding) {
-    std::string output = kPorcelainV2;
-    output += "1 .M N... 100644 100644 100644 a b \"ctl\\001\\037\"\n";
-    output += "2 RM N... 100644 100644 100644 a b R5 \"x\\\\y\"\tz\n";
-    auto entries = GitWorkingTreeParser::parse(output);
-    ASSERT_EQ(entries.size(), 13u);
+    auto entries = GitWorkingTreeParser::parse(kPorcelainV2);
+    ASSERT_EQ(entries.size(), 11u);
     // Every character below 128 and some above in one path too.
     GitWorkingTreeEntry every = entries.back();
     every.path.clear();
     for (int c = 1; c < 128; ++c) every.path.push_back(static_cast<char>(c));
     every.path += std::string("nul\0x", 5) + "caf\xc3\xa9 \xe6\x97\xa5\xf0\x9f\x98\x80";
+    every.oldPath = every.path;
     entries.push_back(every);
     // What the generic encoder writes for the same value: a round trip through
     // it must give the very same bytes.
