@@ -84,7 +84,7 @@ std::optional<HttpResult> performGuarded(CurlHttpClient& client, const HttpReque
 
 }  // namespace
 
-TEST(CurlHttpClient, EveryExchangeEndsInTheScriptedResponseOrError) {
+TEST(CurlHttpClient, EveryExchangeEndsInItsResponseOrErrorAndCancelAllEndsTheOneInFlight) {
     test::TempDir dir;
     Server server(dir);
     ASSERT_GT(server.port, 0);
@@ -154,14 +154,8 @@ TEST(CurlHttpClient, EveryExchangeEndsInTheScriptedResponseOrError) {
             EXPECT_FALSE(server.saw(c.neverReached));
         }
     }
-}
 
-TEST(CurlHttpClient, CancelAllEndsATransferInFlightAndRefusesNewOnes) {
-    test::TempDir dir;
-    Server server(dir);
-    ASSERT_GT(server.port, 0);
-    const std::string http = server.url();
-
+    // Quitting: cancelAll ends a transfer in flight and refuses new ones.
     CurlHttpClient client;
     HttpRequest silent{.url = http + "/silent-cancel", .idleTimeout = 60s, .totalTimeout = 120s};
     auto call = std::async(std::launch::async, [&] { return client.perform(silent); });
