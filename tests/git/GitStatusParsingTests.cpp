@@ -83,7 +83,6 @@ TEST(GitStatusParsing, DetailFormUsesWordsRemoteAndExactRenameSplit) {
     };
     const Case cases[] = {
         {"tracking", "## main...origin/main [ahead 2, behind 3]\n", "main", "origin/main", 2, 3, {}, {}, {}},
-        {"no upstream", "## main\n", "main", std::nullopt, 0, 0, {}, {}, {}},
         {"empty remote is absent", "## main...\n", "main", std::nullopt, 0, 0, {}, {}, {}},
         {"mixed repository", kMixedStatus, "main", std::nullopt, 0, 0,
          V{"conf.txt|modified", "mod.txt|modified", "src/a/new.txt|renamed"},
