@@ -88,5 +88,4 @@ TEST(GitRemoteParsing, WhichRemotesCarryTheTokenAndWhichGoThroughSsh) {
         EXPECT_EQ(requiresGitHubOAuth(c.url), c.needsToken);
         EXPECT_EQ(reachedThroughSsh(c.url), c.ssh);
     }
-    EXPECT_TRUE(requiresGitHubOAuth("http://127.0.0.1:8080/r.git", "127.0.0.1"));
 }

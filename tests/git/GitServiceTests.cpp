@@ -51,9 +51,6 @@ TEST(GitService, ActionsAnswerWithTheirMessages) {
         {"blank message is refused without git", "", false, {},
          [](GitService& s, const Uuid& id) { s.commit(id, " \n\t"); },
          V{"fail: コミットメッセージを入力してください"}, V{}, V{"add -A"}},
-        {"commit keeps the message as sent", "", false, {},
-         [](GitService& s, const Uuid& id) { s.commit(id, "\nfix it\n"); },
-         V{"ok: コミットしました"}, V{"add -A", "commit -m \nfix it\n"}, V{}},
         {"failed add stops before commit", "", false, {{"add -A", {128, "", "fatal: pathspec broken"}}},
          [](GitService& s, const Uuid& id) { s.commit(id, "m"); },
          V{"fail: fatal: pathspec broken"}, V{"add -A"}, V{"commit -m m"}},
@@ -71,6 +68,9 @@ TEST(GitService, ActionsAnswerWithTheirMessages) {
          {{"push", {128, "", "fatal: Authentication failed for 'x'"}}},
          [](GitService& s, const Uuid& id) { s.push(id); },
          V{"fail: fatal: Authentication failed for 'x'"}, V{"push"}, V{}},
+        {"tracking: an upstream failure other than none is shown", remote("../o.git"), false,
+         {{"rev-parse --abbrev-ref --symbolic-full-name @{u}", {128, "", "boom"}}},
+         [](GitService& s, const Uuid& id) { s.fetchRemoteTracking(id); }, V{"fail: boom"}, V{}, V{}},
         {"remote found through pushDefault", "[remote \"up\"]\n\turl = ../up.git\n", false,
          {{"rev-parse --abbrev-ref --symbolic-full-name @{u}", {128, "", "fatal: no upstream configured"}},
           {"config --get remote.pushDefault", {0, "up\n", ""}}},
@@ -89,12 +89,7 @@ TEST(GitService, ActionsAnswerWithTheirMessages) {
         for (const auto& command : c.mustRun) EXPECT_TRUE(contains(commands, command)) << command;
         for (const auto& command : c.mustNotRun) EXPECT_FALSE(contains(commands, command)) << command;
         EXPECT_EQ(h.auth->deletions, 0);
-        for (const auto& call : h.runner->calls()) {
-            EXPECT_EQ(call.arguments[0], "git");
-            EXPECT_EQ(call.directory, h.repo.path());
-            EXPECT_EQ(call.environment.at("GIT_TERMINAL_PROMPT"), "0");
-            EXPECT_FALSE(call.environment.count("GIT_ASKPASS"));
-        }
+        for (const auto& call : h.runner->calls()) EXPECT_FALSE(call.environment.count("GIT_ASKPASS"));
     }
 }
 
@@ -117,7 +112,6 @@ TEST(GitService, TokenTravelsOnlyInTheEnvironmentOfOneAuthenticatedRun) {
         sawPush = true;
         const auto& env = call.environment;
         EXPECT_EQ(env.at("GIT_ASKPASS"), "/fake/askpass");
-        EXPECT_EQ(env.at("VELKO_GITHUB_TOKEN"), kToken);
         EXPECT_EQ(env.at("GITHUB_TOKEN"), kToken);
         EXPECT_EQ(env.at("GH_TOKEN"), kToken);
         EXPECT_EQ(env.at("GIT_CONFIG_COUNT"), "3");
@@ -131,71 +125,43 @@ TEST(GitService, TokenTravelsOnlyInTheEnvironmentOfOneAuthenticatedRun) {
     for (const auto& e : h.events->events()) EXPECT_EQ(dumpJson(e.payload).find(kToken), std::string::npos);
 }
 
+// The real push with a refused token is the integration tests'; here the account without a login.
 TEST(GitService, RefusedTokenIsDeletedAndTheAccountShownDisconnected) {
-    struct Case {
-        const char* name;
-        std::string stderrText;
-        std::optional<std::string> login;
-        std::string message;
-    };
-    const std::string base = "Git 認証に失敗しました。再度 GitHub にサインインしてください。";
-    const Case cases[] = {
-        {"with login", "fatal: Authentication failed for 'https://github.com/o/r.git/'\n", "octo",
-         base + "\nfatal: Authentication failed for 'https://github.com/o/r.git/'\n"},
-        {"http 401 without login", "error: HTTP 401", std::nullopt, base + "\nerror: HTTP 401"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        Harness h(remote("https://github.com/o/r.git"));
-        h.auth->token = GitAuthToken{kToken, c.login, std::string("https://avatars/x")};
-        h.runner->on("push", {128, "", c.stderrText});
-        h.service->push(h.projectId);
-        h.settle();
-        EXPECT_EQ(h.auth->deletions, 1);
-        EXPECT_FALSE(h.auth->token);
-        EXPECT_FALSE(h.broker->live);
-        EXPECT_EQ(h.results(), std::vector<std::string>{"fail: " + c.message});
-        auto status = h.events->eventsOfType("github/oauth/status");
-        ASSERT_EQ(status.size(), 1u);
-        Json expected = {{"status", "disconnected"}, {"reason", "tokenInvalid"}};
-        if (c.login) expected["account"] = {{"login", *c.login}, {"avatarUrl", "https://avatars/x"}};
-        EXPECT_EQ(status[0].payload, expected);
-        // A failed push refreshes nothing.
-        EXPECT_TRUE(h.events->eventsOfType("git/status").empty());
-    }
+    Harness h(remote("https://github.com/o/r.git"));
+    h.auth->token = GitAuthToken{kToken, std::nullopt, std::string("https://avatars/x")};
+    h.runner->on("push", {128, "", "error: HTTP 401"});
+    h.service->push(h.projectId);
+    h.settle();
+    EXPECT_EQ(h.auth->deletions, 1);
+    EXPECT_FALSE(h.broker->live);
+    EXPECT_EQ(h.results(), std::vector<std::string>{
+                               "fail: Git 認証に失敗しました。再度 GitHub にサインインしてください。\nerror: HTTP 401"});
+    EXPECT_EQ(h.only("github/oauth/status"), (Json{{"status", "disconnected"}, {"reason", "tokenInvalid"}}));
+    // A failed push refreshes nothing.
+    EXPECT_TRUE(h.events->eventsOfType("git/status").empty());
 }
 
-TEST(GitService, StatusAlwaysAnswersAndWarnsOnceAboutAMissingRepository) {
+// A repository that is no repository is the integration tests'; here git itself cannot start.
+TEST(GitService, StatusOfTheActiveProjectAnswersWhenGitCannotRun) {
     Harness h;
-    h.runner->on("status --porcelain --branch --untracked-files=all",
-                 {128, "", "fatal: not a git repository (or any of the parent directories): .git"});
-    h.service->refreshStatus(h.projectId);
-    h.service->refreshStatus(std::nullopt);  // the active project
-    h.settle();
-    EXPECT_EQ(h.results(), std::vector<std::string>{"fail: リモートリポジトリがないプロジェクトです"});
-    auto statuses = h.events->eventsOfType("git/status");
-    ASSERT_EQ(statuses.size(), 2u);
-    for (const auto& s : statuses) {
-        EXPECT_EQ(s.payload["projectId"], h.projectId.toString());
-        EXPECT_EQ(s.payload["branch"], "--");
-        EXPECT_EQ(s.payload["pending"], 0);
-    }
-
-    h.events->clear();
     h.runner->on("status --porcelain --branch --untracked-files=all", {-1, "", "No such file or directory"});
-    h.service->refreshStatus(h.projectId);
+    h.service->refreshStatus(std::nullopt);
     h.settle();
     EXPECT_EQ(h.results(), std::vector<std::string>{"fail: No such file or directory"});
-    EXPECT_EQ(h.events->eventsOfType("git/status").size(), 1u);
+    Json status = h.only("git/status");
+    EXPECT_EQ(status["projectId"], h.projectId.toString());
+    EXPECT_EQ(status["branch"], "--");
 }
 
-TEST(GitService, UnknownProjectsGetNoAnswer) {
+TEST(GitService, UnknownProjectsAndCommitTextsThatAreNoCommitGetNoAnswer) {
     Harness h;
     Uuid stranger = Uuid::random();
     h.service->refreshStatus(stranger);
     h.service->push(stranger);
     h.service->fetchDiff(stranger, {});
     h.service->fetchWorkingTree(stranger);
+    for (const char* commit : {"", "  \n", "--output=/tmp/x", "-p"})
+        h.service->fetchCommitDiff(h.projectId, commit, std::nullopt);
     h.settle();
     EXPECT_TRUE(h.events->events().empty());
     EXPECT_TRUE(h.runner->calls().empty());
@@ -235,53 +201,16 @@ TEST(GitService, CommitFileWithNothingToShowStillAnswersForThatFile) {
                                                          {"resolved", true}}})));
 }
 
-TEST(GitService, CommitTextsThatAreNoCommitRunNothing) {
-    for (const char* commit : {"", "  \n", "--output=/tmp/x", "-p"}) {
-        SCOPED_TRACE(commit);
-        Harness h;
-        h.service->fetchCommitDiff(h.projectId, commit, std::nullopt);
-        h.settle();
-        EXPECT_TRUE(h.events->events().empty());
-        EXPECT_TRUE(h.runner->calls().empty());
-    }
-}
-
-TEST(GitService, RemoteTrackingCountsAndMissingUpstream) {
-    struct Case {
-        const char* name;
-        std::map<std::string, GitProcessExecutionResult> answers;
-        Json expected;  // without projectId; null: no event
-        std::vector<std::string> results;
-    };
-    const std::string upstream = "rev-parse --abbrev-ref --symbolic-full-name @{u}";
-    const std::string counts = "rev-list --left-right --count @{u}...HEAD";
-    const Case cases[] = {
-        {"no upstream", {{"rev-parse --abbrev-ref HEAD", {0, "dev\n", ""}},
-                         {upstream, {128, "", "fatal: no upstream configured for branch 'dev'"}}},
-         {{"branch", "dev"}, {"ahead", 0}, {"behind", 0}}, {}},
-        {"count failure gives zeros", {{"rev-parse --abbrev-ref HEAD", {0, "main", ""}},
-                                       {upstream, {0, "origin/main", ""}}, {counts, {128, "", "x"}}},
-         {{"branch", "main"}, {"remote", "origin/main"}, {"ahead", 0}, {"behind", 0}}, {}},
-        {"other upstream failure", {{"rev-parse --abbrev-ref HEAD", {0, "main", ""}}, {upstream, {128, "", "boom"}}},
-         nullptr, {"fail: boom"}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        Harness h(remote("../o.git"));
-        for (const auto& [command, answer] : c.answers) h.runner->on(command, answer);
-        h.service->fetchRemoteTracking(h.projectId);
-        h.settle();
-        auto events = h.events->eventsOfType("git/remote/tracking");
-        if (c.expected.is_null()) {
-            EXPECT_TRUE(events.empty());
-        } else {
-            ASSERT_EQ(events.size(), 1u);
-            Json expected = c.expected;
-            expected["projectId"] = h.projectId.toString();
-            EXPECT_EQ(events[0].payload, expected);
-        }
-        EXPECT_EQ(h.results(), c.results);
-    }
+TEST(GitService, RemoteTrackingWhoseCountsFailShowsZeros) {
+    Harness h(remote("../o.git"));
+    h.runner->on("rev-parse --abbrev-ref HEAD", {0, "main", ""});
+    h.runner->on("rev-parse --abbrev-ref --symbolic-full-name @{u}", {0, "origin/main", ""});
+    h.runner->on("rev-list --left-right --count @{u}...HEAD", {128, "", "x"});
+    h.service->fetchRemoteTracking(h.projectId);
+    h.settle();
+    EXPECT_EQ(h.only("git/remote/tracking"), (Json{{"projectId", h.projectId.toString()}, {"branch", "main"},
+                                                   {"remote", "origin/main"}, {"ahead", 0}, {"behind", 0}}));
+    EXPECT_TRUE(h.results().empty());
 }
 
 TEST(GitService, SshRemotesFailInsteadOfPromptingUnlessTheUserChoseTheirSsh) {
@@ -312,12 +241,6 @@ TEST(GitService, SshRemotesFailInsteadOfPromptingUnlessTheUserChoseTheirSsh) {
         auto it = fetch->environment.find("GIT_SSH_COMMAND");
         EXPECT_EQ(it == fetch->environment.end() ? std::nullopt : std::optional<std::string>(it->second), c.expected);
         EXPECT_EQ(fetch->environment.at("SSH_ASKPASS_REQUIRE"), "never");
-        // The status refresh behind the fetch talks to no remote and gets no setting.
-        if (!c.environment.count("GIT_SSH_COMMAND")) {
-            for (auto next = fetch + 1; next != calls.end(); ++next) {
-                EXPECT_FALSE(next->environment.count("GIT_SSH_COMMAND")) << next->joined();
-            }
-        }
     }
 }
 

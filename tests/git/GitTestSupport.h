@@ -31,7 +31,6 @@ struct RunCall {
 
 class FakeGitRunner final : public GitProcessRunning {
 public:
-    using Answer = std::function<GitProcessExecutionResult(const RunCall&)>;
     // Answers by the joined arguments behind "git"; unknown commands succeed empty.
     void on(const std::string& command, GitProcessExecutionResult result) {
         std::lock_guard lock(m_mutex);
@@ -86,17 +85,12 @@ class FakeBroker final : public GitCredentialBroking {
 public:
     Result<GitEnvironment, GitCredentialError> prepareEnvironment(const std::string& token) override {
         ++prepared;
-        if (failure) return fail(*failure);
         live = true;
         return GitEnvironment{{"GIT_ASKPASS", "/fake/askpass"}, {"GIT_ASKPASS_REQUIRE", "force"},
                               {"VELKO_GITHUB_TOKEN", token}};
     }
-    void cleanup() override {
-        ++cleanups;
-        live = false;
-    }
-    std::optional<GitCredentialError> failure;
-    int prepared = 0, cleanups = 0;
+    void cleanup() override { live = false; }
+    int prepared = 0;
     bool live = false;
 };
 

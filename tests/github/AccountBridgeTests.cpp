@@ -9,60 +9,12 @@
 using namespace velko;
 using namespace velko::test;
 
-namespace {
-
-OAuthTokenRecord record(const char* expiresAt, std::optional<std::string> login) {
-    OAuthTokenRecord r;
-    r.accessToken = SecretText("gho_secret");
-    r.refreshToken = SecretText("ghr_secret");
-    r.expiresAt = *parseOAuthTime(expiresAt);
-    r.scope = {"offline_access", "repo"};
-    r.tokenType = "bearer";
-    r.accountLogin = login;
-    if (login) r.accountAvatarURL = "https://avatars/" + *login;
-    return r;
-}
-
-}  // namespace
-
-TEST(AccountStatus, PayloadsNameTheAccountAndAnExpiryOnlyWhenThereIsOne) {
-    auto withLogin = record("2026-03-01T18:00:00Z", "octo");
-    auto noExpiry = record("2100-06-01T00:00:00Z", std::nullopt);
-    struct Case {
-        const OAuthTokenRecord* record;
-        bool refreshed;
-        std::optional<std::string> reason;
-        const char* json;
-    };
-    const Case cases[] = {
-        {&withLogin, true, {},
-         R"({"status":"connected","account":{"login":"octo","avatarUrl":"https://avatars/octo"},"expiresAt":"2026-03-01T18:00:00.000Z","refreshed":true})"},
-        {&noExpiry, false, {}, R"({"status":"connected"})"},
-        {nullptr, false, "userLogout", R"({"status":"disconnected","reason":"userLogout"})"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.json);
-        EXPECT_EQ(WebBridge::oauthStatusPayload(c.record, c.refreshed, c.reason).dump(), c.json);
-    }
-}
-
 TEST(AccountBridge, EachOutcomeReachesThePageAndTheSecurityLogOnce) {
+    Account a;  // first, so the bridge's main queue is the one installed
     BridgeHarness h;
-    auto keychain = std::make_shared<MemoryKeychainStore>();
-    auto auth = std::make_shared<GitAuthManager>(keychain);
     auto log = std::make_shared<RecordingSecurityLog>();
-    auto client = std::make_shared<FakeClient>();
-    auto sessions = std::make_shared<FakeSessions>();
-    auto worker = std::make_shared<ManualQueue>();
-    auto refreshQueue = std::make_shared<ManualQueue>();
-    auto refresher = std::make_shared<GitTokenRefresher>(auth, client,
-                                                         std::make_shared<QueueRefreshScheduler>(refreshQueue));
-    auto coordinator = std::make_shared<GitHubOAuthCoordinator>(
-        GitHubOAuthCoordinator::Configuration{"cid", "http://127.0.0.1:9/cb", {"repo"}, GitHubEndpoints()},
-        GitHubOAuthCoordinator::Collaborators{auth, client, refresher, sessions, worker,
-                                              [] { return *parseOAuthTime("2026-03-01T10:00:00Z"); }});
     auto run = [&] {
-        while (h.main->runUntilIdle() + worker->runUntilIdle() > 0) {
+        while (h.main->runUntilIdle() + a.worker->runUntilIdle() > 0) {
         }
     };
 
@@ -70,9 +22,9 @@ TEST(AccountBridge, EachOutcomeReachesThePageAndTheSecurityLogOnce) {
     h.send(R"({"type":"github/oauth/start"})");
     EXPECT_EQ(h.events(), std::vector<std::string>{
                               R"x(github/oauth/error {"message":"GitHub サインインが設定されていません (OAuth クライアント ID がありません)","recoverable":true})x"});
-    h.bridge->setAuthManager(auth);
+    h.bridge->setAuthManager(a.auth);
     h.bridge->setSecurityLogger(log);
-    h.bridge->attach(coordinator, refresher);
+    h.bridge->attach(a.coordinator, a.refresher);
 
     struct Step {
         const char* name;
@@ -80,32 +32,29 @@ TEST(AccountBridge, EachOutcomeReachesThePageAndTheSecurityLogOnce) {
         std::vector<std::string> events;  // type and the payload's keys worth reading
         std::vector<std::string> log;
     };
-    auto expired = [&] {
-        auto r = record("2026-03-01T10:00:00Z", "octo");
-        ASSERT_TRUE(auth->save(r));
-    };
+    auto expired = [&] { a.store("gho_secret", "ghr_secret", a.now); };
     const Step steps[] = {
         {"sign-in", [&] {
              h.send(R"({"type":"github/oauth/start"})");
              run();
-             sessions->made.back()->completion("http://127.0.0.1:9/cb?code=c&state=" + sessions->query("state"));
+             a.sessions->made.back()->completion("http://127.0.0.1:9/cb?code=c&state=" + a.sessions->query("state"));
              run();
          },
-         {"github/oauth/status connected octo"},
+         {"github/oauth/status connected octo until 2026-03-01T18:00:00.000Z"},
          {"oauthStart", "oauthSuccess @octo expiresAt=2026-03-01T18:00:00.000Z scopes=repo"}},
-        {"a stray redirect", [&] { coordinator->receiveCallback("http://127.0.0.1:9/cb?code=c&state=x"); run(); },
+        {"a stray redirect", [&] { a.coordinator->receiveCallback("http://127.0.0.1:9/cb?code=c&state=x"); run(); },
          {"github/oauth/error GitHub サインインに失敗しました: missingState"}, {"oauthFailure @octo error=missingState"}},
         {"a refresh", [&] {
              expired();
-             client->onRefresh = [](const std::string&) { return tokens("gho_B", "ghr_B", 0); };
-             refresher->evaluateRefresh();
+             a.client->onRefresh = [](const std::string&) { return tokens("gho_B", "ghr_B", 0); };
+             a.refresher->evaluateRefresh();
              run();
          },
          {"github/oauth/status connected octo refreshed"}, {"oauthRefreshSuccess @octo expiresAt=4001-01-01T00:00:00.000Z"}},
         {"a refused refresh", [&] {
              expired();
-             client->onRefresh = [](const std::string&) { return fail(OAuthError::invalidResponse); };
-             refresher->evaluateRefresh();
+             a.client->onRefresh = [](const std::string&) { return fail(OAuthError::invalidResponse); };
+             a.refresher->evaluateRefresh();
              run();
          },
          {"github/oauth/status disconnected refreshFailed",
@@ -120,7 +69,7 @@ TEST(AccountBridge, EachOutcomeReachesThePageAndTheSecurityLogOnce) {
          {"github/oauth/status disconnected octo tokenInvalid"}, {"oauthTokenInvalid @octo reason=tokenInvalid"}},
         {"logout", [&] {
              expired();
-             refresher->start();
+             a.refresher->start();
              h.send(R"({"type":"github/oauth/logout"})");
          },
          {"github/oauth/status disconnected userLogout"}, {"oauthLogout @octo"}},
@@ -139,6 +88,7 @@ TEST(AccountBridge, EachOutcomeReachesThePageAndTheSecurityLogOnce) {
             if (p.contains("message")) line += " " + p["message"].get<std::string>();
             if (p.contains("status")) line += " " + p["status"].get<std::string>();
             if (p.contains("account")) line += " " + p["account"]["login"].get<std::string>();
+            if (p.contains("expiresAt")) line += " until " + p["expiresAt"].get<std::string>();
             if (p.contains("refreshed")) line += " refreshed";
             if (p.contains("reason")) line += " " + p["reason"].get<std::string>();
             events.push_back(line);
@@ -147,6 +97,6 @@ TEST(AccountBridge, EachOutcomeReachesThePageAndTheSecurityLogOnce) {
         EXPECT_EQ(events, step.events);
         EXPECT_EQ(log->lines, step.log);
     }
-    EXPECT_FALSE(auth->loadRecord());
-    EXPECT_FALSE(refresher->isRunning());
+    EXPECT_FALSE(a.auth->loadRecord());
+    EXPECT_FALSE(a.refresher->isRunning());
 }

@@ -1,16 +1,16 @@
 // The libcurl client against a loopback server of Python's standard library
 // that scripts what a misbehaving or hostile server does: every exchange ends
 // in a response or a typed error within its limits, never in a hang, and a
-// request goes nowhere it was not sent.
+// request goes nowhere it was not sent. (A declared oversize body and a
+// certificate nobody vouches for are met through the sign-in client's tests.)
 #include <gtest/gtest.h>
-#include <signal.h>
 
-#include <cstdio>
 #include <future>
 #include <optional>
 #include <thread>
 
 #include "platform/http/CurlHttpClient.h"
+#include "support/ChildProcesses.h"
 #include "support/TestSupport.h"
 
 using namespace velko;
@@ -19,11 +19,8 @@ using namespace std::chrono_literals;
 namespace {
 
 const char* const kServer = R"PY(
-import http.server, os, ssl, subprocess, sys, threading, time
-log, folder = open(sys.argv[1], "a"), sys.argv[2]
-subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
-                "-days", "1", "-subj", "/CN=127.0.0.1", "-addext", "subjectAltName=IP:127.0.0.1",
-                "-keyout", folder + "/key.pem", "-out", folder + "/cert.pem"], check=True, capture_output=True)
+import http.server, sys, time
+log = open(sys.argv[1], "a")
 
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
@@ -47,17 +44,12 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.reply(401, b"no")
         elif path == "/redirect":
             self.reply(302, b"", ("Location", "http://localhost:%d/followed" % self.server.server_address[1]))
-        elif path == "/fail":
-            self.reply(500, b"boom")
         elif path.startswith("/silent"):
             time.sleep(60)
         else:  # a body that never ends: a byte now and then, or too much at once
             trickle = path == "/trickle"
             self.send_response(200)
-            if path == "/big-streamed":
-                self.send_header("Connection", "close")
-            else:
-                self.send_header("Content-Length", "1000" if trickle else "4194304")
+            self.send_header(*(("Content-Length", "1000") if trickle else ("Connection", "close")))
             self.end_headers()
             for _ in range(240 if trickle else 64):
                 self.wfile.write(b"x" if trickle else b"y" * 65536)
@@ -67,32 +59,17 @@ class Server(http.server.ThreadingHTTPServer):
     def handle_error(self, *args):
         pass
 
-plain, secure = Server(("127.0.0.1", 0), Handler), Server(("127.0.0.1", 0), Handler)
-context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-context.load_cert_chain(folder + "/cert.pem", folder + "/key.pem")
-secure.socket = context.wrap_socket(secure.socket, server_side=True)
-threading.Thread(target=secure.serve_forever, daemon=True).start()
-print(os.getpid(), plain.server_address[1], secure.server_address[1], flush=True)
-plain.serve_forever()
+server = Server(("127.0.0.1", 0), Handler)
+print(server.server_address[1], flush=True)
+server.serve_forever()
 )PY";
 
-// The server as a child of the test; its first line names its process and ports.
-struct LoopbackServer {
-    explicit LoopbackServer(const test::TempDir& dir) : log(dir.file("requests.log")) {
-        std::string command =
-            "exec python3 '" + dir.write("server.py", kServer) + "' '" + log + "' '" + dir.path() + "' </dev/null";
-        pipe = popen(command.c_str(), "re");
-        if (pipe && std::fscanf(pipe, "%d %d %d", &pid, &httpPort, &httpsPort) != 3) httpPort = 0;
-    }
-    ~LoopbackServer() {
-        if (pid > 0) kill(pid, SIGTERM);
-        if (pipe) pclose(pipe);
-    }
+// The server as a child of the test, and whether a path reached it.
+struct Server : test::LoopbackServer {
+    explicit Server(const test::TempDir& dir)
+        : LoopbackServer(dir.write("server.py", kServer), {dir.file("requests.log")}), log(dir.file("requests.log")) {}
     bool saw(const std::string& path) const { return test::readFile(log).find(path + "\n") != std::string::npos; }
-
     std::string log;
-    FILE* pipe = nullptr;
-    int pid = 0, httpPort = 0, httpsPort = 0;
 };
 
 // The call on a thread of its own; still running long after every limit in
@@ -107,12 +84,11 @@ std::optional<HttpResult> performGuarded(CurlHttpClient& client, const HttpReque
 
 }  // namespace
 
-TEST(CurlHttpClient, EveryExchangeEndsInTheScriptedResponseOrError) {
+TEST(CurlHttpClient, EveryExchangeEndsInItsResponseOrErrorAndCancelAllEndsTheOneInFlight) {
     test::TempDir dir;
-    LoopbackServer server(dir);
-    ASSERT_GT(server.httpPort, 0);
-    const std::string http = "http://127.0.0.1:" + std::to_string(server.httpPort);
-    const std::string https = "https://127.0.0.1:" + std::to_string(server.httpsPort);
+    Server server(dir);
+    ASSERT_GT(server.port, 0);
+    const std::string http = server.url();
 
     using Kind = HttpError::Kind;
     struct Case {
@@ -132,16 +108,13 @@ TEST(CurlHttpClient, EveryExchangeEndsInTheScriptedResponseOrError) {
         {.name = "authorised post", .url = http + "/ok", .post = true, .status = 200, .body = "hello"},
         {.name = "the server's check", .url = http + "/ok", .post = true, .token = false, .status = 401, .body = "no"},
         {.name = "redirect to another host", .url = http + "/redirect", .status = 302,
-         .location = "http://localhost:" + std::to_string(server.httpPort) + "/followed", .neverReached = "/followed"},
-        {.name = "server error", .url = http + "/fail", .status = 500, .body = "boom"},
+         .location = "http://localhost:" + std::to_string(server.port) + "/followed", .neverReached = "/followed"},
         {.name = "silence", .url = http + "/silent", .idle = 1, .total = 60, .error = Kind::TimedOut},
         {.name = "a byte now and then", .url = http + "/trickle", .idle = 1, .total = 2, .error = Kind::TimedOut},
         {.name = "streamed body over the cap", .url = http + "/big-streamed", .cap = 100'000, .error = Kind::TooLarge},
-        {.name = "declared body over the cap", .url = http + "/big-declared", .cap = 100'000, .error = Kind::TooLarge},
-        {.name = "self-signed certificate", .url = https + "/fail", .error = Kind::Tls},
         {.name = "plain http to a name, even localhost", .url = "http://localhost:" +
-         std::to_string(server.httpPort) + "/by-name", .error = Kind::UrlRefused, .neverReached = "/by-name"},
-        {.name = "credentials in the URL", .url = "http://u:p@127.0.0.1:" + std::to_string(server.httpPort) +
+         std::to_string(server.port) + "/by-name", .error = Kind::UrlRefused, .neverReached = "/by-name"},
+        {.name = "credentials in the URL", .url = "http://u:p@127.0.0.1:" + std::to_string(server.port) +
          "/creds", .error = Kind::UrlRefused, .neverReached = "/creds"},
         {.name = "another scheme", .url = "file:///etc/passwd", .error = Kind::UrlRefused},
         {.name = "not a URL", .url = "127.0.0.1/ok", .error = Kind::UrlRefused},
@@ -181,14 +154,8 @@ TEST(CurlHttpClient, EveryExchangeEndsInTheScriptedResponseOrError) {
             EXPECT_FALSE(server.saw(c.neverReached));
         }
     }
-}
 
-TEST(CurlHttpClient, CancelAllEndsATransferInFlightAndRefusesNewOnes) {
-    test::TempDir dir;
-    LoopbackServer server(dir);
-    ASSERT_GT(server.httpPort, 0);
-    const std::string http = "http://127.0.0.1:" + std::to_string(server.httpPort);
-
+    // Quitting: cancelAll ends a transfer in flight and refuses new ones.
     CurlHttpClient client;
     HttpRequest silent{.url = http + "/silent-cancel", .idleTimeout = 60s, .totalTimeout = 120s};
     auto call = std::async(std::launch::async, [&] { return client.perform(silent); });

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "core/MainQueue.h"
 #include "core/Time.h"
 #include "support/TestSupport.h"
@@ -10,30 +12,26 @@
 using namespace velko;
 using namespace velko::test;
 
+// (Several events in one log, as a sign-in writes them, are the end-to-end test's.)
 TEST(SecurityEventLogger, WritesOneLinePerEventAndRecreatesADeletedFile) {
     TempDir dir;
     auto queue = std::make_shared<ManualQueue>();
     auto logger = SecurityEventLogger::create(dir.file("security-events.log"), queue);
-    const SecurityAction all[] = {SecurityAction::oauthStart, SecurityAction::oauthRefreshFailure};
-    for (auto action : all) logger->log(action);
+    logger->log(SecurityAction::oauthRefreshFailure);
+    queue->runUntilIdle();
+    std::string text = readFile(logger->filePath());
+    ASSERT_TRUE(text.ends_with("\n"));
+    auto entry = parseJson(text.substr(0, text.size() - 1));
+    ASSERT_TRUE(entry);
+    EXPECT_EQ((*entry)["action"], "oauthRefreshFailure");
+    EXPECT_EQ(entry->size(), 2u) << "timestamp and action only";
+    EXPECT_TRUE(parseIso8601((*entry)["timestamp"].get<std::string>()));
+
+    unlink(logger->filePath().c_str());
     logger->log(SecurityAction::oauthFailure, "octo", SecurityEventLogging::Metadata{{"error", "stateMismatch"}});
     queue->runUntilIdle();
-    std::vector<std::string> lines;
-    std::string text = readFile(logger->filePath());
-    for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos; start = end + 1)
-        lines.push_back(text.substr(start, end - start));
-    ASSERT_EQ(lines.size(), 3u);
-    for (size_t i = 0; i < 2; ++i) {
-        auto entry = parseJson(lines[i]);
-        ASSERT_TRUE(entry);
-        EXPECT_EQ((*entry)["action"], std::string(securityActionName(all[i])));
-        EXPECT_EQ(entry->size(), 2u) << "timestamp and action only";
-        EXPECT_TRUE(parseIso8601((*entry)["timestamp"].get<std::string>()));
-    }
-    EXPECT_NE(lines[2].find(R"("action":"oauthFailure","login":"octo","metadata":{"error":"stateMismatch"})"),
+    text = readFile(logger->filePath());
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
+    EXPECT_NE(text.find(R"("action":"oauthFailure","login":"octo","metadata":{"error":"stateMismatch"})"),
               std::string::npos);
-    unlink(logger->filePath().c_str());
-    logger->log(SecurityAction::oauthLogout);
-    queue->runUntilIdle();
-    EXPECT_NE(readFile(logger->filePath()).find("oauthLogout"), std::string::npos);
 }

@@ -67,14 +67,6 @@ TEST(UpdateFeed, FeedsYieldTheirItemsAndAnythingElseNothing) {
         R"(<?xml version="1.0"?><rss xmlns:sparkle="http://www.andymatuschak.org/xml-namespaces/sparkle"><channel>)";
     const std::string tail = "</channel></rss>";
     auto item = [](const std::string& inner) { return "<item><title>t</title>" + inner + "</item>"; };
-    // A billion laughs: ten levels of ten references each.
-    std::string bomb = R"(<?xml version="1.0"?><!DOCTYPE rss [<!ENTITY e0 "lol">)";
-    for (int level = 1; level < 10; ++level) {
-        bomb += "<!ENTITY e" + std::to_string(level) + " \"";
-        for (int k = 0; k < 10; ++k) bomb += "&e" + std::to_string(level - 1) + ";";
-        bomb += "\">";
-    }
-    bomb += "]><rss><channel><item><version>&e9;</version></item></channel></rss>";
     struct Case {
         const char* name;
         std::string xml;
@@ -88,8 +80,9 @@ TEST(UpdateFeed, FeedsYieldTheirItemsAndAnythingElseNothing) {
         {"enclosure attributes", head + item(R"(<enclosure url="https://a/x.tar" sparkle:version=" 3.1 " )"
                                              R"(sparkle:shortVersionString="3.1"/><link>https://a/3</link>)") + tail,
          std::vector<std::string>{"3.1|3.1|https://a/3"}},
-        {"entity bomb", bomb, std::nullopt},
         {"any document type", "<!DOCTYPE rss><rss><channel>" + item("<version>2</version>") + tail, std::nullopt},
+        {"entities of its own (the way to an entity bomb)",
+         R"(<!DOCTYPE rss [<!ENTITY e "2">]><rss><channel>)" + item("<version>&e;</version>") + tail, std::nullopt},
         {"garbage", "\x89PNG not xml at all", std::nullopt},
         {"truncated", (head + item("<sparkle:version>2.0</sparkle:version>")).substr(0, 120), std::nullopt},
         {"oversize", head + item(std::string(kMaxFeedBytes, ' ')) + tail, std::nullopt},
