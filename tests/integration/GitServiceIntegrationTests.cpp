@@ -3,7 +3,6 @@
 #include <locale.h>
 
 #include <filesystem>
-#include <thread>
 
 #include "git/GitTestSupport.h"
 #include "integration/GitTestRepos.h"
@@ -372,16 +371,6 @@ std::vector<std::string> liveProcessesMentioning(const std::string& text) {
     return found;
 }
 
-template <typename Predicate>
-bool waitUntil(Predicate ready, std::chrono::seconds limit = std::chrono::seconds(30)) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!ready()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
-}
-
 }  // namespace
 
 TEST(GitServiceIntegration, StoppingWhileAFetchHangsOnASilentServerEndsTheFetch) {
@@ -400,7 +389,7 @@ TEST(GitServiceIntegration, StoppingWhileAFetchHangsOnASilentServerEndsTheFetch)
     ASSERT_TRUE(waitUntil([&] {
         h.main.queue().runUntilIdle();
         return !liveProcessesMentioning(url).empty();
-    }));
+    }, std::chrono::seconds(30)));
     auto stopped = std::make_shared<std::atomic<bool>>(false);
     h.service->stop(GitService::kStopGrace, [stopped] { *stopped = true; });
     EXPECT_TRUE(waitUntil([&] { return stopped->load(); }));

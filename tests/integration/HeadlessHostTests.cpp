@@ -2,12 +2,12 @@
 // `velko --headless` process, JSON lines in, event lines out.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 #include "core/Base64.h"
+#include "support/ChildProcesses.h"
 #include "support/HeadlessProcess.h"
 #include "support/TestSupport.h"
 
@@ -96,28 +96,60 @@ TEST_F(HeadlessFixture, HostileInputNeverStopsTheProgram) {
     EXPECT_TRUE(velko.strayLines().empty());
 }
 
-// Quitting never waits on a shell that will not leave: a login zsh whose
-// start-up file ignores the hang-up and SIGTERM and then waits forever (with
-// a builtin: zsh leaves when a command it starts finds the terminal gone) is
-// killed, and the program exits soon after the end of its input.
-TEST_F(HeadlessFixture, EndOfInputEndsAShellThatIgnoresTheHangUp) {
-    const std::string zdotdir = folder("zdot"), project = folder("project");
-    std::ofstream(zdotdir + "/.zshrc") << "trap '' HUP TERM\nzmodload zsh/zselect\necho stubborn-ready\n"
-                                       "while :; do zselect -t 100; done\n";
+// A terminal as a user scripts one: created in the project, typed into and
+// closed. Quitting never waits on a shell that will not leave: the project's
+// first login zsh, whose start-up file ignores the hang-up and SIGTERM and then
+// waits forever (with a builtin: zsh leaves when a command it starts finds the
+// terminal gone), is killed, and the program exits soon after the end of its input.
+TEST_F(HeadlessFixture, TerminalsRunWhatIsTypedAndEndOfInputEndsEvenAShellThatIgnoresTheHangUp) {
+    const std::string zdotdir = folder("zdot"), project = folder("project"), flag = home.home() + "/stubborn";
+    std::ofstream(zdotdir + "/.zshrc") << "PROMPT='velko%% '\nif [[ -e ~/stubborn ]]; then\n"
+                                          "trap '' HUP TERM; zmodload zsh/zselect; echo stubborn-ready\n"
+                                          "while :; do zselect -t 100; done\nfi\n";
+    std::ofstream(flag) << "";
     test::ScopedEnv zdotdirEnv("ZDOTDIR", zdotdir);
     HeadlessProcess velko({"--pick-folder", project});
     velko.send(R"({"type":"project/open"})");
-    auto created = velko.waitForType("terminal/created");
-    ASSERT_TRUE(created);
-    const int shell = (*created)["payload"]["pid"];
-    std::string output;
+    std::string projectId, stubbornId;
+    int stubborn = -1;
     ASSERT_TRUE(velko.waitFor([&](const Json& e) {
-        if (isType(e, "terminal/output"))
-            output += base64Decode(e["payload"]["chunk"].get<std::string>()).value_or("");
-        return output.find("stubborn-ready") != std::string::npos;
+        if (isType(e, "app/config") && !e["payload"].value("projects", Json::array()).empty())
+            projectId = e["payload"]["projects"][0]["id"];
+        if (isType(e, "terminal/created")) {
+            stubbornId = e["payload"]["sessionId"];
+            stubborn = e["payload"]["pid"];
+        }
+        return !projectId.empty() && stubborn > 0;
     }));
-    // A generous bound: the program ends the shell and exits within a few seconds.
+    std::map<std::string, std::string> output;  // by session
+    auto outputHolds = [&](const std::string& session, const std::string& needle) {
+        return [&, session, needle](const Json& e) {
+            if (isType(e, "terminal/output")) {
+                EXPECT_EQ(e["payload"]["encoding"], "base64");
+                output[e["payload"]["sessionId"]] += base64Decode(e["payload"]["chunk"].get<std::string>()).value_or("");
+            }
+            return output[session].find(needle) != std::string::npos;
+        };
+    };
+    ASSERT_TRUE(velko.waitFor(outputHolds(stubbornId, "stubborn-ready"))) << output[stubbornId];
+    std::filesystem::remove(flag);
+
+    velko.send("terminal/create", {{"title", "typed"}, {"projectId", projectId}});
+    auto created = velko.waitFor(
+        [](const Json& e) { return isType(e, "terminal/created") && e["payload"]["title"] == "typed"; });
+    ASSERT_TRUE(created);
+    const std::string session = (*created)["payload"]["sessionId"];
+    const int shell = (*created)["payload"]["pid"];
+    EXPECT_EQ((*created)["payload"]["workingDirectory"], project);
+    ASSERT_TRUE(velko.waitFor(outputHolds(session, "velko% "))) << output[session];
+    velko.send("terminal/input", {{"sessionId", session}, {"data", "echo hel''lo\r"}});
+    ASSERT_TRUE(velko.waitFor(outputHolds(session, "hello\r\n"))) << output[session];
+    velko.send("terminal/close", {{"sessionId", session}});
+    auto snapshot = velko.waitForType("terminal/snapshot");
+    ASSERT_TRUE(snapshot);
+    for (const auto& entry : (*snapshot)["payload"]["sessions"]) EXPECT_NE(entry["id"], session);
+
+    // A generous bound: the program ends the shells and exits within a few seconds.
     EXPECT_EQ(velko.finish(std::chrono::seconds(12)), 0) << "velko did not exit after the end of its input";
-    struct stat info {};
-    EXPECT_NE(::stat(("/proc/" + std::to_string(shell)).c_str(), &info), 0) << "zsh " << shell << " outlived velko";
+    for (int pid : {stubborn, shell}) EXPECT_FALSE(test::processExists(pid)) << "zsh " << pid << " outlived velko";
 }

@@ -9,12 +9,13 @@
 #include <chrono>
 #include <thread>
 
-#include "support/TestSupport.h"
+#include "support/ChildProcesses.h"
 #include "terminal/PTYDriver.h"
 #include "terminal/TerminalProcess.h"
 #include "terminal/TerminalReaper.h"
 
 using namespace velko;
+using velko::test::waitUntil;
 using namespace std::chrono_literals;
 
 namespace {
@@ -33,15 +34,6 @@ std::string readToEnd(int master, std::chrono::seconds limit = 10s) {
         else break;
     }
     return out;
-}
-
-bool waitUntil(const std::function<bool()>& done, std::chrono::seconds limit = 10s) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
 }
 
 TerminalReaper& reaper() {

@@ -13,13 +13,13 @@
 #include <mutex>
 #include <thread>
 
+#include "support/ChildProcesses.h"
 #include "terminal/TerminalProcess.h"
 #include "terminal/TerminalReaper.h"
 
 using namespace velko;
+using velko::test::waitUntil;
 using namespace std::chrono_literals;
-
-extern char** environ;
 
 namespace {
 
@@ -35,15 +35,6 @@ std::shared_ptr<TerminalProcess> start(TerminalReaper& reaper, const std::string
     if (code != 0) return nullptr;
     auto process = reaper.watch(pid);
     return process ? *process : nullptr;
-}
-
-bool waitUntil(const std::function<bool()>& done) {
-    const auto end = std::chrono::steady_clock::now() + 20s;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
 }
 
 // Only once the reaper has reaped everything: otherwise this would steal its exits.

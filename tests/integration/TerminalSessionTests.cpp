@@ -16,6 +16,7 @@
 #include "core/Base64.h"
 #include "core/MainQueue.h"
 #include "core/Paths.h"
+#include "support/ChildProcesses.h"
 #include "support/HoldingPage.h"
 #include "terminal/CodexShimInstaller.h"
 #include "terminal/TerminalDebugDumpStore.h"
@@ -26,6 +27,7 @@
 #include "workspace/ConfigStore.h"
 
 using namespace velko;
+using velko::test::processExists;
 using namespace std::chrono_literals;
 
 namespace {
@@ -45,11 +47,6 @@ int childProcesses() {
         for (int pid; children >> pid;) ++count;
     }
     return count;
-}
-
-bool processExists(int pid) {
-    struct stat info {};
-    return ::stat(("/proc/" + std::to_string(pid)).c_str(), &info) == 0;
 }
 
 class TerminalSessionTest : public ::testing::Test {
