@@ -1,8 +1,5 @@
 // The explorer's monitoring on real folders, real inotify and a real git.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
 #include <condition_variable>
 #include <filesystem>
@@ -12,7 +9,7 @@
 #include "core/SerialQueue.h"
 #include "files/ExplorerService.h"
 #include "files/InotifyExplorerWatcher.h"
-#include "support/TestSupport.h"
+#include "support/ChildProcesses.h"
 
 using namespace velko;
 using namespace std::chrono_literals;
@@ -145,13 +142,10 @@ TEST(ExplorerWatcher, LosingTheRootAsksForAResync) {
             }
         } sleeper;
         if (c.heldAsWorkingDirectory) {
-            posix_spawn_file_actions_t actions;
-            posix_spawn_file_actions_init(&actions);
-            posix_spawn_file_actions_addchdir_np(&actions, root.c_str());
-            char sleep[] = "sleep", seconds[] = "60";
-            char* argv[] = {sleep, seconds, nullptr};
-            ASSERT_EQ(posix_spawnp(&sleeper.pid, "sleep", &actions, nullptr, argv, environ), 0);
-            posix_spawn_file_actions_destroy(&actions);
+            sleeper.pid = test::spawnChild({"sh", "-c", "cd \"$0\" && exec sleep 60", root});
+            std::error_code ec;
+            const std::string cwd = "/proc/" + std::to_string(sleeper.pid) + "/cwd";
+            ASSERT_TRUE(test::waitUntil([&] { return fs::read_symlink(cwd, ec) == root; }));
         }
         Inbox<ExplorerFileEvent> inbox;
         InotifyExplorerWatcher watcher(root, ExplorerExclusionRules{});

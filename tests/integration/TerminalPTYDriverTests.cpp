@@ -118,7 +118,6 @@ TEST(PTYDriver, FailsCleanlyWhereNothingCanRun) {
     auto missing = PTYDriver::spawn(reaper(), "/nonexistent/zsh", {"-l"}, "/", {}, 80, 24);
     ASSERT_FALSE(missing);
     EXPECT_EQ(missing.error(), (PTYDriverError{PTYDriverError::Kind::SpawnFailed, ENOENT}));
-    EXPECT_EQ(missing.error().description(), "spawnFailed(code: 2)");
 
     auto badDirectory = PTYDriver::spawn(reaper(), "/bin/sh", {"-c", "true"}, "/nonexistent-dir", {}, 80, 24);
     ASSERT_FALSE(badDirectory);

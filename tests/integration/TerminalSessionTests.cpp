@@ -210,17 +210,6 @@ TEST_F(TerminalSessionTest, CtrlCInterruptsTheForegroundJobAndTheSignalReachesTh
     waitForOutput(id, "shell-got-int", at);
 }
 
-TEST_F(TerminalSessionTest, AShellThatExitsReportsItsCode) {
-    const Uuid id = createSession();
-    waitForPrompt(id);
-    const int shell = pid(id);
-    type(id, "exit 7\r");
-    ASSERT_TRUE(waitFor([&] { return !page->eventsOfType("terminal/exit").empty(); }));
-    EXPECT_EQ(page->eventsOfType("terminal/exit").back().payload["exitCode"], 7);
-    EXPECT_FALSE(coordinator->processID(id));
-    EXPECT_TRUE(waitFor([&] { return !processExists(shell); })) << "the shell was not reaped";
-}
-
 // The fake tool is first on the user's PATH; the shim still runs first and
 // wraps it in its markers. Without any tool the shim says so and ends with 127.
 TEST_F(TerminalSessionTest, TheShimWrapsTheToolInItsMarkers) {
@@ -257,19 +246,26 @@ TEST_F(TerminalSessionTest, TheShimWrapsTheToolInItsMarkers) {
     }
 }
 
-TEST_F(TerminalSessionTest, ClosingEndsTheShellAndReapsIt) {
-    const Uuid id = createSession();
-    waitForPrompt(id);
-    const int shell = pid(id);
-    ASSERT_GT(shell, 0);
-    send("terminal/close", OrderedJson{{"sessionId", id.toString()}}.dump());
+// A shell that exits reports its code; one closed on request is ended
+// without an exit report, and later input to it goes nowhere. Both are reaped.
+TEST_F(TerminalSessionTest, AnExitReportsItsCodeAClosedShellEndsQuietlyAndBothAreReaped) {
+    const Uuid exiting = createSession(), closed = createSession();
+    waitForPrompt(exiting);
+    waitForPrompt(closed);
+    const int exitingShell = pid(exiting), closedShell = pid(closed);
+    ASSERT_GT(closedShell, 0);
+    type(exiting, "exit 7\r");
+    ASSERT_TRUE(waitFor([&] { return !page->eventsOfType("terminal/exit").empty(); }));
+    EXPECT_EQ(page->eventsOfType("terminal/exit").back().payload["exitCode"], 7);
+    EXPECT_FALSE(coordinator->processID(exiting));
+    send("terminal/close", OrderedJson{{"sessionId", closed.toString()}}.dump());
     auto snapshot = page->eventsOfType("terminal/snapshot").back().payload["sessions"];
-    for (const auto& entry : snapshot) EXPECT_NE(entry["id"], id.toString());
-    EXPECT_TRUE(waitFor([&] { return !processExists(shell); })) << "zsh " << shell << " is still there";
-    // Closed on request: no exit is reported, and later input goes nowhere.
-    EXPECT_TRUE(page->eventsOfType("terminal/exit").empty());
+    for (const auto& entry : snapshot) EXPECT_NE(entry["id"], closed.toString());
+    for (int shell : {exitingShell, closedShell})
+        EXPECT_TRUE(waitFor([&] { return !processExists(shell); })) << "zsh " << shell << " was not reaped";
+    EXPECT_EQ(page->eventsOfType("terminal/exit").size(), 1u);
     const size_t events = page->events().size();
-    type(id, "echo late\r");
+    type(closed, "echo late\r");
     EXPECT_EQ(page->events().size(), events);
 }
 
