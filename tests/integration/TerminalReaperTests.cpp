@@ -3,7 +3,6 @@
 // no child of the test is left behind.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 
 #include <atomic>
@@ -23,16 +22,11 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// Starts `sh -c script` leading its own session, as terminal shells do.
+// Starts `sh -c script` leading its own session, as terminal shells do
+// (setsid runs it in its own process: a spawned child leads no group).
 std::shared_ptr<TerminalProcess> start(TerminalReaper& reaper, const std::string& script) {
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
-    const char* argv[] = {"/bin/sh", "-c", script.c_str(), nullptr};
-    pid_t pid = -1;
-    const int code = posix_spawn(&pid, "/bin/sh", nullptr, &attributes, const_cast<char**>(argv), environ);
-    posix_spawnattr_destroy(&attributes);
-    if (code != 0) return nullptr;
+    pid_t pid = test::spawnChild({"setsid", "/bin/sh", "-c", script});
+    if (pid <= 0) return nullptr;
     auto process = reaper.watch(pid);
     return process ? *process : nullptr;
 }
