@@ -36,26 +36,62 @@ struct HeadlessFixture : ::testing::Test {
 }  // namespace
 
 // What one run did to the workspace is on disk before it exits: the next run
-// starts from it, and resume brings back what was closed.
-TEST_F(HeadlessFixture, ProjectOperationsPersistAcrossRuns) {
+// starts from it with its preview tabs (the file deleted in between flagged),
+// and resume brings back what was closed. A tab snapshot that is not valid, or
+// not of a known project, changes nothing.
+TEST_F(HeadlessFixture, ProjectsAndPreviewTabsPersistAcrossRuns) {
+    const std::string beta = folder("beta");
+    std::filesystem::create_directories(beta + "/src");
+    std::ofstream(beta + "/README.md") << "# hello";
+    std::ofstream(beta + "/src/main.c") << "int main(void) { return 0; }";
+    const OrderedJson tabs = OrderedJson::parse(
+        R"({"activeTabId":"t1","tabs":[)"
+        R"({"id":"t1","path":"README.md","title":"README.md","isDirty":false,"viewMode":"markdown","lastOpenedAt":1},)"
+        R"({"id":"t2","path":"src/main.c","title":"main.c","isDirty":false,"viewMode":"source","lastOpenedAt":2}],)"
+        R"("version":1})");
     std::string betaId;
     {
         // Info logging on, and the folders are no repositories, so git's
         // failures get logged: those lines belong on standard error.
         test::ScopedEnv infoLogs("G_MESSAGES_DEBUG", "all");
-        HeadlessProcess velko({"--pick-folder", folder("alpha"), "--pick-folder", folder("beta")});
+        HeadlessProcess velko({"--pick-folder", folder("alpha"), "--pick-folder", beta});
+        // Metrics come at start, before anything is asked.
+        EXPECT_TRUE(velko.waitForType("system/metrics"));
         velko.send(R"({"type":"project/open"})");
         ASSERT_TRUE(velko.waitForType("project/activate"));
+        auto hydrate = velko.waitForType("previewTab:hydrate");
+        ASSERT_TRUE(hydrate);
+        EXPECT_EQ((*hydrate)["payload"]["snapshot"], Json::parse(R"({"tabs":[],"version":1})"));
         Json config = lastConfig(velko);
         ASSERT_EQ(config["projects"].size(), 2u);
         betaId = config["projects"][1]["id"];
+        velko.send("previewTabs/persist", OrderedJson{{"projectId", betaId}, {"snapshot", tabs}});
+        OrderedJson unknownMode = tabs;
+        unknownMode["tabs"][0]["viewMode"] = "preview";
+        for (const auto& dropped : {OrderedJson{{"projectId", betaId}, {"snapshot", unknownMode}},
+                                    OrderedJson{{"projectId", betaId}, {"snapshot", OrderedJson::array()}},
+                                    OrderedJson{{"projectId", betaId}},
+                                    OrderedJson{{"projectId", "EEEEEEEE-0000-4000-8000-000000000005"},
+                                                {"snapshot", OrderedJson::parse(R"({"tabs":[],"version":1})")}}})
+            velko.send("previewTabs/persist", dropped);
         velko.send("project/close", {{"projectId", config["projects"][0]["id"]}});
         EXPECT_EQ(velko.finish(), 0);
         EXPECT_TRUE(velko.strayLines().empty()) << velko.strayLines().front();
     }
+    std::filesystem::remove(beta + "/src/main.c");
     HeadlessProcess velko;
+    auto hydrate = velko.waitForType("previewTab:hydrate");
+    ASSERT_TRUE(hydrate);
+    EXPECT_EQ((*hydrate)["payload"]["projectId"], betaId);
+    EXPECT_EQ(dumpJson((*hydrate)["payload"]["snapshot"]), dumpJson(Json(tabs)));
+    // Read on from the hydrate event: the warning comes after it.
+    auto warning = velko.waitForType("previewTab:warning");
+    ASSERT_TRUE(warning);
+    EXPECT_EQ((*warning)["payload"], Json::parse(R"({"projectId":")" + betaId + R"(","tabs":[{"tabId":"t2",)"
+                                                 R"("path":"src/main.c","code":"file_missing",)"
+                                                 R"("message":"ファイルが見つかりません"}]})"));
     velko.send(R"({"type":"app/config/request"})");
-    auto first = velko.waitForType("app/config");
+    auto first = velko.take([](const Json& e) { return isType(e, "app/config"); });
     ASSERT_TRUE(first);
     ASSERT_EQ((*first)["payload"]["projects"].size(), 1u);
     EXPECT_EQ((*first)["payload"]["projects"][0]["id"], betaId);
