@@ -119,7 +119,6 @@ TEST(FilesHeadless, APickedProjectListsOpensSavesRenamesAndReportsChanges) {
     EXPECT_EQ((*changed)["projectId"], id);
     EXPECT_EQ((*changed)["requiresResync"], false);
 
-    velko.closeInput();
     EXPECT_EQ(velko.finish(), 0);
 }
 
@@ -151,7 +150,6 @@ TEST(FilesHeadless, AKilledSaveLeavesTheOldOrTheNewContentNeverAPartOfIt) {
     EXPECT_TRUE(sawSave);
     std::string onDisk = test::readFile(project.file("big.txt"));
     EXPECT_TRUE(onDisk == oldContent || onDisk == newContent) << "size after the kill: " << onDisk.size();
-
 }
 
 TEST(FilesHeadless, AHugeFolderListsCompletelyWhileTheMainThreadKeepsAnswering) {
@@ -182,6 +180,5 @@ TEST(FilesHeadless, AHugeFolderListsCompletelyWhileTheMainThreadKeepsAnswering) 
     ASSERT_EQ(nodes.size(), static_cast<size_t>(kEntries));
     EXPECT_EQ(nodes[0]["path"], "huge/sub");
     EXPECT_EQ(nodes[0]["type"], "folder");
-    velko.closeInput();
     EXPECT_EQ(velko.finish(), 0);
 }
