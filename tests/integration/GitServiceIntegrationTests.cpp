@@ -210,7 +210,8 @@ TEST(GitServiceIntegration, CommitDiffsOfRootRenameAndMergeCommits) {
     EXPECT_TRUE(h.results().empty());
 }
 
-TEST(GitServiceIntegration, CommitPushFetchPullAndTrackingAgainstABareOrigin) {
+// Commit and push against a bare origin are walked through by the headless git test.
+TEST(GitServiceIntegration, FetchPullAndTrackingAgainstABareOrigin) {
     RealHarness h;
     std::string origin = h.base.file("origin.git");
     git(h.base.path(), {"init", "-q", "--bare", "-b", "main", origin});
@@ -220,20 +221,11 @@ TEST(GitServiceIntegration, CommitPushFetchPullAndTrackingAgainstABareOrigin) {
     git(dir, {"push", "-q", "-u", "origin", "main"});
     Uuid id = h.projects->add(dir);
 
-    write(dir, "a.txt", "2\n");
-    h.service->commit(id, "\nsecond\n");
-    h.service->push(id);
-    h.settle();
-    EXPECT_EQ(h.results(), (std::vector<std::string>{"ok: コミットしました", "ok: Push が完了しました"}));
-    EXPECT_EQ(git(dir, {"log", "-1", "--format=%s"}), "second\n");
-    EXPECT_EQ(git(origin, {"rev-parse", "main"}), git(dir, {"rev-parse", "HEAD"}));
-
     // Someone else pushes; we fetch, see we are behind, commit locally, pull with rebase.
     std::string other = h.base.file("other");
     git(h.base.path(), {"clone", "-q", origin, other});
     commitFile(other, "b.txt", "b\n", "theirs");
     git(other, {"push", "-q"});
-    h.events->clear();
     h.service->fetch(id);
     h.service->fetchRemoteTracking(id);
     h.settle();
@@ -252,7 +244,7 @@ TEST(GitServiceIntegration, CommitPushFetchPullAndTrackingAgainstABareOrigin) {
     tracking = h.only("git/remote/tracking");
     EXPECT_EQ(tracking["ahead"], 1);
     EXPECT_EQ(tracking["behind"], 0);
-    EXPECT_EQ(git(dir, {"rev-list", "--count", "HEAD"}), "4\n");  // rebased, no merge commit
+    EXPECT_EQ(git(dir, {"rev-list", "--count", "HEAD"}), "3\n");  // rebased, no merge commit
     auto statuses = h.events->eventsOfType("git/status");
     ASSERT_FALSE(statuses.empty());
     EXPECT_EQ(statuses.back().payload["ahead"], 1);
