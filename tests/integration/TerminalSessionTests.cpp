@@ -100,14 +100,12 @@ protected:
         }
     }
 
-    void send(const std::string& type, const std::string& payload) {
-        auto json = parseJson(payload);
-        ASSERT_TRUE(json) << payload;
-        service->handleMessage(type, &*json);
+    void send(const std::string& type, const Json& payload) {
+        service->handleMessage(type, &payload);
         queue->runUntilIdle();
     }
     void type(const Uuid& id, const std::string& text) {
-        send("terminal/input", OrderedJson{{"sessionId", id.toString()}, {"data", base64Encode(text)}, {"encoding", "base64"}}.dump());
+        send("terminal/input", Json{{"sessionId", id.toString()}, {"data", base64Encode(text)}, {"encoding", "base64"}});
     }
 
     Uuid createSession() {
@@ -181,7 +179,7 @@ TEST_F(TerminalSessionTest, AResizeReachesTheShellAsAWindowChange) {
     type(id, "TRAPWINCH() { print size=$(stty size) }\r");
     at = waitForPrompt(id, at);
     for (auto [cols, rows] : {std::pair{100, 33}, {300, 90}}) {
-        send("terminal/resize", OrderedJson{{"sessionId", id.toString()}, {"cols", cols}, {"rows", rows}}.dump());
+        send("terminal/resize", Json{{"sessionId", id.toString()}, {"cols", cols}, {"rows", rows}});
         at = waitForOutput(id, "size=" + std::to_string(rows) + " " + std::to_string(cols), at);
     }
 }
@@ -204,7 +202,7 @@ TEST_F(TerminalSessionTest, CtrlCInterruptsTheForegroundJobAndTheSignalReachesTh
 
     type(id, job);
     at = waitForOutput(id, "armed\r\n", at);
-    send("terminal/signal", OrderedJson{{"sessionId", id.toString()}, {"signal", "sigint"}}.dump());
+    send("terminal/signal", Json{{"sessionId", id.toString()}, {"signal", "sigint"}});
     const size_t done = waitForOutput(id, "job-done", at);
     EXPECT_EQ(output(id).substr(at, done - at).find("job-got-int"), std::string::npos) << "the job was signalled";
     waitForOutput(id, "shell-got-int", at);
@@ -258,7 +256,7 @@ TEST_F(TerminalSessionTest, AnExitReportsItsCodeAClosedShellEndsQuietlyAndBothAr
     ASSERT_TRUE(waitFor([&] { return !page->eventsOfType("terminal/exit").empty(); }));
     EXPECT_EQ(page->eventsOfType("terminal/exit").back().payload["exitCode"], 7);
     EXPECT_FALSE(coordinator->processID(exiting));
-    send("terminal/close", OrderedJson{{"sessionId", closed.toString()}}.dump());
+    send("terminal/close", Json{{"sessionId", closed.toString()}});
     auto snapshot = page->eventsOfType("terminal/snapshot").back().payload["sessions"];
     for (const auto& entry : snapshot) EXPECT_NE(entry["id"], closed.toString());
     for (int shell : {exitingShell, closedShell})
@@ -299,13 +297,13 @@ TEST_F(TerminalSessionTest, ManySessionsLeaveNoDescriptorOrChildBehind) {
     // One session first, so lazily created resources (log file queue, shim) exist.
     const Uuid warm = createSession();
     waitForPrompt(warm);
-    send("terminal/close", OrderedJson{{"sessionId", warm.toString()}}.dump());
+    send("terminal/close", Json{{"sessionId", warm.toString()}});
     ASSERT_TRUE(waitFor([&] { return childProcesses() == 0 && coordinator->reaper()->childCount() == 0; }));
     const int descriptors = openDescriptors();
     for (int i = 0; i < 200; ++i) {
         const Uuid id = createSession();
         ASSERT_TRUE(coordinator->processID(id)) << "cycle " << i;
-        send("terminal/close", OrderedJson{{"sessionId", id.toString()}}.dump());
+        send("terminal/close", Json{{"sessionId", id.toString()}});
     }
     EXPECT_TRUE(waitFor([&] { return childProcesses() == 0; }, TerminalReaper::kAbandonGracePeriod + kDeadline))
         << childProcesses() << " children left";
