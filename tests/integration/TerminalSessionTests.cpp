@@ -57,7 +57,7 @@ protected:
         ASSERT_TRUE(createDirectories(home.home() + "/bin"));
         // The user's own start-up file resets PATH, as many do; the prompt is
         // plain so the tests can find it.
-        writeZshrc("");
+        std::ofstream(zdotdir + "/.zshrc") << "PATH=\"$HOME/bin:/usr/bin:/bin\"\nPROMPT='velko%% '\nunsetopt BEEP\n";
         store = std::make_shared<ConfigStore>(home.dataDir());
         (void)store->bootstrap();
         ASSERT_TRUE(store->config().hasFeature(Feature::TerminalV2));
@@ -83,21 +83,11 @@ protected:
         queue->runUntilIdle();
     }
 
-    void writeZshrc(const std::string& extra) {
-        std::ofstream(zdotdir + "/.zshrc") << "PATH=\"$HOME/bin:/usr/bin:/bin\"\n"
-                                              "PROMPT='velko%% '\n"
-                                              "unsetopt BEEP\n"
-                                           << extra;
-    }
-
     bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds limit = kDeadline) {
-        const auto end = std::chrono::steady_clock::now() + limit;
-        for (;;) {
+        return test::waitUntil([&] {
             queue->runUntilIdle();
-            if (done()) return true;
-            if (std::chrono::steady_clock::now() > end) return false;
-            std::this_thread::sleep_for(2ms);
-        }
+            return done();
+        }, limit);
     }
 
     void send(const std::string& type, const Json& payload) {
