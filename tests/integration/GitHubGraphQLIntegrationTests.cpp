@@ -54,10 +54,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.reply(answer.get("status", 200), answer["body"].encode())
         else:
             self.reply(answer.get("status", 200), json.dumps(answer["json"]).encode())
-    def reply(self, status, body, *headers):
+    def reply(self, status, body):
         self.send_response(status)
-        for name, value in headers + (("Content-Length", str(len(body))),):
-            self.send_header(name, value)
+        self.send_header("Content-Length", str(len(body)))
         self.end_headers()
         self.wfile.write(body)
 
