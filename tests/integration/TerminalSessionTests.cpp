@@ -243,18 +243,18 @@ TEST_F(TerminalSessionTest, AnExitReportsItsCodeAClosedShellEndsQuietlyAndBothAr
     const int exitingShell = pid(exiting), closedShell = pid(closed);
     ASSERT_GT(closedShell, 0);
     type(exiting, "exit 7\r");
-    ASSERT_TRUE(waitFor([&] { return !page->eventsOfType("terminal/exit").empty(); }));
-    EXPECT_EQ(page->eventsOfType("terminal/exit").back().payload["exitCode"], 7);
+    ASSERT_TRUE(waitFor([&] { return !page->recorder.eventsOfType("terminal/exit").empty(); }));
+    EXPECT_EQ(page->recorder.eventsOfType("terminal/exit").back().payload["exitCode"], 7);
     EXPECT_FALSE(coordinator->processID(exiting));
     send("terminal/close", Json{{"sessionId", closed.toString()}});
-    auto snapshot = page->eventsOfType("terminal/snapshot").back().payload["sessions"];
+    auto snapshot = page->recorder.eventsOfType("terminal/snapshot").back().payload["sessions"];
     for (const auto& entry : snapshot) EXPECT_NE(entry["id"], closed.toString());
     for (int shell : {exitingShell, closedShell})
         EXPECT_TRUE(waitFor([&] { return !processExists(shell); })) << "zsh " << shell << " was not reaped";
-    EXPECT_EQ(page->eventsOfType("terminal/exit").size(), 1u);
-    const size_t events = page->events().size();
+    EXPECT_EQ(page->recorder.eventsOfType("terminal/exit").size(), 1u);
+    const size_t events = page->recorder.events().size();
     type(closed, "echo late\r");
-    EXPECT_EQ(page->events().size(), events);
+    EXPECT_EQ(page->recorder.events().size(), events);
 }
 
 // Under a flood the output waiting for the page stays bounded, the shell is
