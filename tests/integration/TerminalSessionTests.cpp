@@ -137,7 +137,7 @@ protected:
 // What a user types is run by the login shell, which sees the environment
 // velko promises: the terminal variables, and the shim first on PATH even
 // though the user's .zshrc reset PATH.
-TEST_F(TerminalSessionTest, RunsWhatIsTypedInTheEnvironmentVelkoPromises) {
+TEST_F(TerminalSessionTest, RunsWhatIsTypedInTheEnvironmentVelkoPromisesAndSeesResizes) {
     const char* inheritedTerm = std::getenv("TERM");
     const char* inheritedColor = std::getenv("COLORTERM");
     struct Case {
@@ -160,12 +160,7 @@ TEST_F(TerminalSessionTest, RunsWhatIsTypedInTheEnvironmentVelkoPromises) {
         at = waitForOutput(id, c.expected + "\r\n", at);
         at = waitForPrompt(id, at);
     }
-}
-
-// The shell learns of a resize by SIGWINCH and then sees the new size.
-TEST_F(TerminalSessionTest, AResizeReachesTheShellAsAWindowChange) {
-    const Uuid id = createSession();
-    size_t at = waitForPrompt(id);
+    // The shell learns of a resize by SIGWINCH and then sees the new size.
     type(id, "TRAPWINCH() { print size=$(stty size) }\r");
     at = waitForPrompt(id, at);
     for (auto [cols, rows] : {std::pair{100, 33}, {300, 90}}) {
