@@ -265,8 +265,7 @@ TEST(GitHubGraphQLIntegration, GraphStaysEmptyForGoodOnAnAnswerWithoutPageInfoAn
     EXPECT_TRUE(h.events->eventsOfType("git/result").empty());
 
     // Another project, an answer with pageInfo: a graph. Then silence: a message, no graph.
-    TempDir other;
-    std::string repo = initRepo(other, "other");
+    std::string repo = initRepo(h.base, "other");
     git(repo, {"remote", "add", "origin", "git@github.com:acme/other.git"});
     Uuid otherId = h.projects->add(repo);
     h.server.script({{"json", history({node("m", {"a", "f"}), node("f", {"a"}), node("a")}, true)}});
