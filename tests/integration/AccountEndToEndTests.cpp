@@ -4,8 +4,6 @@
 // fetches the authorize URL and hands the redirect to `gio open`, which
 // brings it back to the browser, which calls velko's loopback listener.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 #include "core/Base64.h"
 #include "core/Paths.h"
@@ -15,22 +13,6 @@
 
 using namespace velko;
 using namespace velko::test;
-
-namespace {
-
-int freePort() {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof a;
-    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &length);
-    close(fd);
-    return ntohs(a.sin_port);
-}
-
-}  // namespace
 
 TEST(AccountEndToEnd, SignsInPushesWithTheTokenStaysConnectedAndSignsOutLeavingNoTrace) {
     IsolatedHome home;
@@ -53,6 +35,9 @@ TEST(AccountEndToEnd, SignsInPushesWithTheTokenStaysConnectedAndSignsOutLeavingN
     git(repo, {"config", "branch.main.remote", "origin"});
     git(repo, {"config", "branch.main.merge", "refs/heads/main"});
 
+    // A port free a moment ago for velko's loopback listener.
+    const std::string freePort = outputOf({"python3", "-c", "import socket; s = socket.socket(); "
+                                           "s.bind(('127.0.0.1', 0)); print(s.getsockname()[1], end='')"});
     std::vector<std::unique_ptr<ScopedEnv>> env;
     for (const auto& [key, value] : testGitEnvironment()) env.push_back(std::make_unique<ScopedEnv>(key.c_str(), value));
     const std::string secret = "velkoTestClientSecret42";
@@ -61,7 +46,7 @@ TEST(AccountEndToEnd, SignsInPushesWithTheTokenStaysConnectedAndSignsOutLeavingN
              {"VELKO_GITHUB_API_URL", github.url("/api")},
              {"VELKO_GITHUB_OAUTH_CLIENT_ID_DEV", "Iv1.velkoTest"},
              {"VELKO_GITHUB_OAUTH_CLIENT_SECRET_DEV", secret},
-             {"VELKO_GITHUB_OAUTH_REDIRECT_URI", "http://127.0.0.1:" + std::to_string(freePort()) + "/callback"},
+             {"VELKO_GITHUB_OAUTH_REDIRECT_URI", "http://127.0.0.1:" + freePort + "/callback"},
              {"ZDOTDIR", base.path()}})
         env.push_back(std::make_unique<ScopedEnv>(key, value));
 

@@ -187,12 +187,8 @@ server.serve_forever()
 struct FakeGitHub : LoopbackServer {
     FakeGitHub(const TempDir& dir, const std::string& root, std::vector<std::string> tls = {},
                const std::string& presetToken = "")
-        : LoopbackServer(dir.write("fake-github.py", kFakeGitHub), withRoot(root, std::move(tls)),
+        : LoopbackServer(dir.write("fake-github.py", kFakeGitHub), (tls.insert(tls.begin(), root), tls),
                          {{"VELKO_TEST_SERVER_TOKEN", presetToken}}) {}
-    static std::vector<std::string> withRoot(const std::string& root, std::vector<std::string> tls) {
-        tls.insert(tls.begin(), root);
-        return tls;
-    }
 };
 
 }  // namespace velko::test

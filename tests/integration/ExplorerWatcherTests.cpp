@@ -1,8 +1,5 @@
 // The explorer's monitoring on real folders, real inotify and a real git.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
 #include <condition_variable>
 #include <filesystem>
@@ -12,7 +9,7 @@
 #include "core/SerialQueue.h"
 #include "files/ExplorerService.h"
 #include "files/InotifyExplorerWatcher.h"
-#include "support/TestSupport.h"
+#include "support/ChildProcesses.h"
 
 using namespace velko;
 using namespace std::chrono_literals;
@@ -54,11 +51,14 @@ void touch(const std::string& path, const std::string& text = "x") { std::ofstre
 
 int run(const std::string& command) { return std::system(command.c_str()); }
 
+// A project folder inside a temporary one, so that it can be moved or deleted.
 struct WatchedTree {
     test::TempDir dir;
-    std::string root = fs::canonical(dir.path()).string();
+    std::string root = fs::canonical(dir.path()).string() + "/project";
     Inbox<ExplorerFileEvent> inbox;
     std::unique_ptr<InotifyExplorerWatcher> watcher;
+
+    WatchedTree() { fs::create_directories(root); }
 
     void start() {
         watcher = std::make_unique<InotifyExplorerWatcher>(root, ExplorerExclusionRules{});
@@ -112,7 +112,7 @@ TEST(ExplorerWatcher, ReportsFileAndFolderChangesAnywhereInTheTree) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         WatchedTree tree;
-        tree.dir.write("deep/er/old.txt", "old");
+        tree.dir.write("project/deep/er/old.txt", "old");
         fs::create_symlink(tree.root, tree.abs("deep/loop"));  // a link loop must not trap the walk
         tree.start();
         c.act(tree);
@@ -135,9 +135,8 @@ TEST(ExplorerWatcher, LosingTheRootAsksForAResync) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        test::TempDir parent;
-        std::string root = fs::canonical(parent.path()).string() + "/project";
-        fs::create_directories(root + "/src");
+        WatchedTree tree;
+        fs::create_directories(tree.abs("src"));
         struct Sleeper {
             pid_t pid = -1;
             ~Sleeper() {
@@ -145,28 +144,20 @@ TEST(ExplorerWatcher, LosingTheRootAsksForAResync) {
             }
         } sleeper;
         if (c.heldAsWorkingDirectory) {
-            posix_spawn_file_actions_t actions;
-            posix_spawn_file_actions_init(&actions);
-            posix_spawn_file_actions_addchdir_np(&actions, root.c_str());
-            char sleep[] = "sleep", seconds[] = "60";
-            char* argv[] = {sleep, seconds, nullptr};
-            ASSERT_EQ(posix_spawnp(&sleeper.pid, "sleep", &actions, nullptr, argv, environ), 0);
-            posix_spawn_file_actions_destroy(&actions);
+            sleeper.pid = test::spawnChild({"sh", "-c", "cd \"$0\" && exec sleep 60", tree.root});
+            std::error_code ec;
+            const std::string cwd = "/proc/" + std::to_string(sleeper.pid) + "/cwd";
+            ASSERT_TRUE(test::waitUntil([&] { return fs::read_symlink(cwd, ec) == tree.root; }));
         }
-        Inbox<ExplorerFileEvent> inbox;
-        InotifyExplorerWatcher watcher(root, ExplorerExclusionRules{});
-        ASSERT_TRUE(watcher.start([&](std::vector<ExplorerFileEvent> events) {
-            for (auto& e : events) inbox.add(std::move(e));
-        }));
-        watcher.waitUntilScanned();
-        c.lose(root);
-        auto events = inbox.waitFor([](const auto& all) {
+        tree.start();
+        c.lose(tree.root);
+        auto events = tree.inbox.waitFor([](const auto& all) {
             return std::any_of(all.begin(), all.end(), [](const auto& e) { return e.requiresResync; });
         });
         EXPECT_TRUE(std::any_of(events.begin(), events.end(),
-                                [&](const auto& e) { return e.requiresResync && e.path == root; }));
-        watcher.stop();
-        watcher.stop();  // harmless
+                                [&](const auto& e) { return e.requiresResync && e.path == tree.root; }));
+        tree.watcher->stop();
+        tree.watcher->stop();  // harmless
     }
 }
 

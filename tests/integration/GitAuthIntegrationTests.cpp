@@ -42,8 +42,6 @@ TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {
     rig.deps.environment = testGitEnvironment();
     rig.deps.gitHubWebHost = "127.0.0.1";  // the loopback server stands in for GitHub
     rig.start();
-    auto& events = rig.events;
-    auto& auth = rig.auth;
     auto askpassDirectoryIsEmpty = [&] {
         std::error_code ec;
         return !std::filesystem::exists(broker->tempDirectory()) || std::filesystem::is_empty(broker->tempDirectory(), ec);
@@ -70,24 +68,24 @@ TEST(GitAuthIntegration, PushOverHttpCarriesTheTokenAndNothingKeepsIt) {
     std::optional<CapturedStderr> capture(std::in_place, logPath);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        events->clear();
-        auth->token = c.storedToken ? std::optional<GitAuthToken>(GitAuthToken{*c.storedToken, "octo", std::nullopt})
+        rig.events->clear();
+        rig.auth->token = c.storedToken ? std::optional<GitAuthToken>(GitAuthToken{*c.storedToken, "octo", std::nullopt})
                                     : std::nullopt;
         rig.service->push(id);
         rig.settle();
         EXPECT_EQ(rig.only("git/result")["message"].get<std::string>().rfind(c.messagePrefix, 0), 0u);
-        EXPECT_EQ(auth->token.has_value(), c.tokenKept);
+        EXPECT_EQ(rig.auth->token.has_value(), c.tokenKept);
         EXPECT_EQ(git(serverRoot + "/repo.git", {"rev-parse", "--verify", "-q", "main"}, c.pushed ? 0 : 1).empty(),
                   !c.pushed);
         EXPECT_TRUE(askpassDirectoryIsEmpty());
         if (c.storedToken && !c.tokenKept) {
-            auto status = events->eventsOfType("github/oauth/status");
+            auto status = rig.events->eventsOfType("github/oauth/status");
             ASSERT_EQ(status.size(), 1u);
             EXPECT_EQ(status[0].payload["status"], "disconnected");
             EXPECT_EQ(status[0].payload["reason"], "tokenInvalid");
             EXPECT_EQ(status[0].payload["account"]["login"], "octo");
         }
-        for (const auto& e : events->events()) {
+        for (const auto& e : rig.events->events()) {
             EXPECT_EQ(dumpJson(e.payload).find(token), std::string::npos) << e.type;
             EXPECT_EQ(dumpJson(e.payload).find("gho_wrong"), std::string::npos) << e.type;
         }

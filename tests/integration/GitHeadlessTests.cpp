@@ -3,7 +3,6 @@
 // as its origin.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
 
@@ -15,29 +14,14 @@ using namespace velko::test;
 
 namespace {
 
-// A `git` first on PATH that records what its standard input is, swallows
-// whatever it can read from it (as a hook or an ssh prompt would) and whether
+// A `git` first on PATH that records what its standard input is and whether
 // it could open a terminal, then runs the real git.
 const char* const kProbeGit = R"SH(#!/bin/sh
 n=$$
 readlink /proc/self/fd/0 > "$VELKO_PROBE_DIR/fd0.$n"
-cat > "$VELKO_PROBE_DIR/stdin.$n"
 if (: < /dev/tty) 2>/dev/null; then echo yes > "$VELKO_PROBE_DIR/tty.$n"; fi
 exec "$VELKO_REAL_GIT" "$@"
 )SH";
-
-std::string realGitPath() {
-    std::string path = std::getenv("PATH") ? std::getenv("PATH") : "/usr/bin:/bin";
-    size_t start = 0;
-    while (start <= path.size()) {
-        size_t end = path.find(':', start);
-        if (end == std::string::npos) end = path.size();
-        std::string candidate = path.substr(start, end - start) + "/git";
-        if (access(candidate.c_str(), X_OK) == 0) return candidate;
-        start = end + 1;
-    }
-    return "/usr/bin/git";
-}
 
 }  // namespace
 
@@ -60,7 +44,7 @@ TEST(GitHeadless, CommitAndPushThroughTheProgramWithNoChildReadingItsInput) {
     GitEnvironment programEnv = testGitEnvironment();
     programEnv["PATH"] = base.file("probe-bin") + ":" + programEnv["PATH"];
     programEnv["VELKO_PROBE_DIR"] = probeDir;
-    programEnv["VELKO_REAL_GIT"] = realGitPath();
+    programEnv["VELKO_REAL_GIT"] = outputOf({"sh", "-c", "command -v git | tr -d '\\n'"});
     std::optional<HeadlessProcess> program;
     {
         std::vector<std::unique_ptr<ScopedEnv>> scoped;
@@ -89,7 +73,7 @@ TEST(GitHeadless, CommitAndPushThroughTheProgramWithNoChildReadingItsInput) {
     EXPECT_EQ(git(origin, {"rev-parse", "main"}), git(repo, {"rev-parse", "HEAD"}));
 
     // Standard input of the program is the message stream: no child saw it,
-    // none could open a terminal to prompt on, and none read a message.
+    // and none could open a terminal to prompt on.
     int children = 0;
     for (const auto& entry : std::filesystem::directory_iterator(probeDir)) {
         std::string name = entry.path().filename().string();
@@ -97,8 +81,6 @@ TEST(GitHeadless, CommitAndPushThroughTheProgramWithNoChildReadingItsInput) {
         if (name.rfind("fd0.", 0) == 0) {
             ++children;
             EXPECT_EQ(readFile(entry.path().string()), "/dev/null\n");
-        } else if (name.rfind("stdin.", 0) == 0) {
-            EXPECT_EQ(std::filesystem::file_size(entry.path()), 0u);
         } else {
             ADD_FAILURE() << "a git child could open a terminal";
         }

@@ -54,10 +54,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.reply(answer.get("status", 200), answer["body"].encode())
         else:
             self.reply(answer.get("status", 200), json.dumps(answer["json"]).encode())
-    def reply(self, status, body, *headers):
+    def reply(self, status, body):
         self.send_response(status)
-        for name, value in headers + (("Content-Length", str(len(body))),):
-            self.send_header(name, value)
+        self.send_header("Content-Length", str(len(body)))
         self.end_headers()
         self.wfile.write(body)
 
@@ -266,8 +265,7 @@ TEST(GitHubGraphQLIntegration, GraphStaysEmptyForGoodOnAnAnswerWithoutPageInfoAn
     EXPECT_TRUE(h.events->eventsOfType("git/result").empty());
 
     // Another project, an answer with pageInfo: a graph. Then silence: a message, no graph.
-    TempDir other;
-    std::string repo = initRepo(other, "other");
+    std::string repo = initRepo(h.base, "other");
     git(repo, {"remote", "add", "origin", "git@github.com:acme/other.git"});
     Uuid otherId = h.projects->add(repo);
     h.server.script({{"json", history({node("m", {"a", "f"}), node("f", {"a"}), node("a")}, true)}});

@@ -95,10 +95,7 @@ TEST(GitProcessRunner, StopEndsTheChildAndRefusesLaterRuns) {
         ProcessGitProcessRunner runner;
         GitProcessExecutionResult result;
         std::thread worker([&] { result = runner.run({"sh", "-c", c.script}, dir.path(), plainEnvironment()); });
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (!std::filesystem::exists(dir.file("started")) && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
+        EXPECT_TRUE(waitUntil([&] { return std::filesystem::exists(dir.file("started")); }));
         runner.stopAll(std::chrono::milliseconds(300));
         worker.join();
         EXPECT_EQ(result.status, c.status);

@@ -9,12 +9,13 @@
 #include <chrono>
 #include <thread>
 
-#include "support/TestSupport.h"
+#include "support/ChildProcesses.h"
 #include "terminal/PTYDriver.h"
 #include "terminal/TerminalProcess.h"
 #include "terminal/TerminalReaper.h"
 
 using namespace velko;
+using velko::test::waitUntil;
 using namespace std::chrono_literals;
 
 namespace {
@@ -33,15 +34,6 @@ std::string readToEnd(int master, std::chrono::seconds limit = 10s) {
         else break;
     }
     return out;
-}
-
-bool waitUntil(const std::function<bool()>& done, std::chrono::seconds limit = 10s) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
 }
 
 TerminalReaper& reaper() {
@@ -126,7 +118,6 @@ TEST(PTYDriver, FailsCleanlyWhereNothingCanRun) {
     auto missing = PTYDriver::spawn(reaper(), "/nonexistent/zsh", {"-l"}, "/", {}, 80, 24);
     ASSERT_FALSE(missing);
     EXPECT_EQ(missing.error(), (PTYDriverError{PTYDriverError::Kind::SpawnFailed, ENOENT}));
-    EXPECT_EQ(missing.error().description(), "spawnFailed(code: 2)");
 
     auto badDirectory = PTYDriver::spawn(reaper(), "/bin/sh", {"-c", "true"}, "/nonexistent-dir", {}, 80, 24);
     ASSERT_FALSE(badDirectory);

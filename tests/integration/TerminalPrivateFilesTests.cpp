@@ -61,9 +61,7 @@ TEST(TerminalPrivateFiles, AreTheUsersAloneWhetherNewOrFoundLooser) {
             c.write();
             EXPECT_EQ(modeOf(folder), 0700u);
             EXPECT_EQ(modeOf(file), 0600u);
-            std::ifstream in(file);
-            std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-            EXPECT_FALSE(text.empty()) << "nothing was written";
+            EXPECT_FALSE(test::readFile(file).empty()) << "nothing was written";
         }
     }
 }

@@ -3,7 +3,6 @@
 // no child of the test is left behind.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 
 #include <atomic>
@@ -13,37 +12,23 @@
 #include <mutex>
 #include <thread>
 
+#include "support/ChildProcesses.h"
 #include "terminal/TerminalProcess.h"
 #include "terminal/TerminalReaper.h"
 
 using namespace velko;
+using velko::test::waitUntil;
 using namespace std::chrono_literals;
-
-extern char** environ;
 
 namespace {
 
-// Starts `sh -c script` leading its own session, as terminal shells do.
+// Starts `sh -c script` leading its own session, as terminal shells do
+// (setsid runs it in its own process: a spawned child leads no group).
 std::shared_ptr<TerminalProcess> start(TerminalReaper& reaper, const std::string& script) {
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
-    const char* argv[] = {"/bin/sh", "-c", script.c_str(), nullptr};
-    pid_t pid = -1;
-    const int code = posix_spawn(&pid, "/bin/sh", nullptr, &attributes, const_cast<char**>(argv), environ);
-    posix_spawnattr_destroy(&attributes);
-    if (code != 0) return nullptr;
+    pid_t pid = test::spawnChild({"setsid", "/bin/sh", "-c", script});
+    if (pid <= 0) return nullptr;
     auto process = reaper.watch(pid);
     return process ? *process : nullptr;
-}
-
-bool waitUntil(const std::function<bool()>& done) {
-    const auto end = std::chrono::steady_clock::now() + 20s;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
 }
 
 // Only once the reaper has reaped everything: otherwise this would steal its exits.

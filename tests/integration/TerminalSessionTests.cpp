@@ -16,6 +16,7 @@
 #include "core/Base64.h"
 #include "core/MainQueue.h"
 #include "core/Paths.h"
+#include "support/ChildProcesses.h"
 #include "support/HoldingPage.h"
 #include "terminal/CodexShimInstaller.h"
 #include "terminal/TerminalDebugDumpStore.h"
@@ -26,6 +27,7 @@
 #include "workspace/ConfigStore.h"
 
 using namespace velko;
+using velko::test::processExists;
 using namespace std::chrono_literals;
 
 namespace {
@@ -47,11 +49,6 @@ int childProcesses() {
     return count;
 }
 
-bool processExists(int pid) {
-    struct stat info {};
-    return ::stat(("/proc/" + std::to_string(pid)).c_str(), &info) == 0;
-}
-
 class TerminalSessionTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -60,7 +57,7 @@ protected:
         ASSERT_TRUE(createDirectories(home.home() + "/bin"));
         // The user's own start-up file resets PATH, as many do; the prompt is
         // plain so the tests can find it.
-        writeZshrc("");
+        std::ofstream(zdotdir + "/.zshrc") << "PATH=\"$HOME/bin:/usr/bin:/bin\"\nPROMPT='velko%% '\nunsetopt BEEP\n";
         store = std::make_shared<ConfigStore>(home.dataDir());
         (void)store->bootstrap();
         ASSERT_TRUE(store->config().hasFeature(Feature::TerminalV2));
@@ -86,31 +83,19 @@ protected:
         queue->runUntilIdle();
     }
 
-    void writeZshrc(const std::string& extra) {
-        std::ofstream(zdotdir + "/.zshrc") << "PATH=\"$HOME/bin:/usr/bin:/bin\"\n"
-                                              "PROMPT='velko%% '\n"
-                                              "unsetopt BEEP\n"
-                                           << extra;
-    }
-
     bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds limit = kDeadline) {
-        const auto end = std::chrono::steady_clock::now() + limit;
-        for (;;) {
+        return test::waitUntil([&] {
             queue->runUntilIdle();
-            if (done()) return true;
-            if (std::chrono::steady_clock::now() > end) return false;
-            std::this_thread::sleep_for(2ms);
-        }
+            return done();
+        }, limit);
     }
 
-    void send(const std::string& type, const std::string& payload) {
-        auto json = parseJson(payload);
-        ASSERT_TRUE(json) << payload;
-        service->handleMessage(type, &*json);
+    void send(const std::string& type, const Json& payload) {
+        service->handleMessage(type, &payload);
         queue->runUntilIdle();
     }
     void type(const Uuid& id, const std::string& text) {
-        send("terminal/input", OrderedJson{{"sessionId", id.toString()}, {"data", base64Encode(text)}, {"encoding", "base64"}}.dump());
+        send("terminal/input", Json{{"sessionId", id.toString()}, {"data", base64Encode(text)}, {"encoding", "base64"}});
     }
 
     Uuid createSession() {
@@ -152,7 +137,7 @@ protected:
 // What a user types is run by the login shell, which sees the environment
 // velko promises: the terminal variables, and the shim first on PATH even
 // though the user's .zshrc reset PATH.
-TEST_F(TerminalSessionTest, RunsWhatIsTypedInTheEnvironmentVelkoPromises) {
+TEST_F(TerminalSessionTest, RunsWhatIsTypedInTheEnvironmentVelkoPromisesAndSeesResizes) {
     const char* inheritedTerm = std::getenv("TERM");
     const char* inheritedColor = std::getenv("COLORTERM");
     struct Case {
@@ -175,16 +160,11 @@ TEST_F(TerminalSessionTest, RunsWhatIsTypedInTheEnvironmentVelkoPromises) {
         at = waitForOutput(id, c.expected + "\r\n", at);
         at = waitForPrompt(id, at);
     }
-}
-
-// The shell learns of a resize by SIGWINCH and then sees the new size.
-TEST_F(TerminalSessionTest, AResizeReachesTheShellAsAWindowChange) {
-    const Uuid id = createSession();
-    size_t at = waitForPrompt(id);
+    // The shell learns of a resize by SIGWINCH and then sees the new size.
     type(id, "TRAPWINCH() { print size=$(stty size) }\r");
     at = waitForPrompt(id, at);
     for (auto [cols, rows] : {std::pair{100, 33}, {300, 90}}) {
-        send("terminal/resize", OrderedJson{{"sessionId", id.toString()}, {"cols", cols}, {"rows", rows}}.dump());
+        send("terminal/resize", Json{{"sessionId", id.toString()}, {"cols", cols}, {"rows", rows}});
         at = waitForOutput(id, "size=" + std::to_string(rows) + " " + std::to_string(cols), at);
     }
 }
@@ -207,21 +187,10 @@ TEST_F(TerminalSessionTest, CtrlCInterruptsTheForegroundJobAndTheSignalReachesTh
 
     type(id, job);
     at = waitForOutput(id, "armed\r\n", at);
-    send("terminal/signal", OrderedJson{{"sessionId", id.toString()}, {"signal", "sigint"}}.dump());
+    send("terminal/signal", Json{{"sessionId", id.toString()}, {"signal", "sigint"}});
     const size_t done = waitForOutput(id, "job-done", at);
     EXPECT_EQ(output(id).substr(at, done - at).find("job-got-int"), std::string::npos) << "the job was signalled";
     waitForOutput(id, "shell-got-int", at);
-}
-
-TEST_F(TerminalSessionTest, AShellThatExitsReportsItsCode) {
-    const Uuid id = createSession();
-    waitForPrompt(id);
-    const int shell = pid(id);
-    type(id, "exit 7\r");
-    ASSERT_TRUE(waitFor([&] { return !page->eventsOfType("terminal/exit").empty(); }));
-    EXPECT_EQ(page->eventsOfType("terminal/exit").back().payload["exitCode"], 7);
-    EXPECT_FALSE(coordinator->processID(id));
-    EXPECT_TRUE(waitFor([&] { return !processExists(shell); })) << "the shell was not reaped";
 }
 
 // The fake tool is first on the user's PATH; the shim still runs first and
@@ -260,20 +229,27 @@ TEST_F(TerminalSessionTest, TheShimWrapsTheToolInItsMarkers) {
     }
 }
 
-TEST_F(TerminalSessionTest, ClosingEndsTheShellAndReapsIt) {
-    const Uuid id = createSession();
-    waitForPrompt(id);
-    const int shell = pid(id);
-    ASSERT_GT(shell, 0);
-    send("terminal/close", OrderedJson{{"sessionId", id.toString()}}.dump());
-    auto snapshot = page->eventsOfType("terminal/snapshot").back().payload["sessions"];
-    for (const auto& entry : snapshot) EXPECT_NE(entry["id"], id.toString());
-    EXPECT_TRUE(waitFor([&] { return !processExists(shell); })) << "zsh " << shell << " is still there";
-    // Closed on request: no exit is reported, and later input goes nowhere.
-    EXPECT_TRUE(page->eventsOfType("terminal/exit").empty());
-    const size_t events = page->events().size();
-    type(id, "echo late\r");
-    EXPECT_EQ(page->events().size(), events);
+// A shell that exits reports its code; one closed on request is ended
+// without an exit report, and later input to it goes nowhere. Both are reaped.
+TEST_F(TerminalSessionTest, AnExitReportsItsCodeAClosedShellEndsQuietlyAndBothAreReaped) {
+    const Uuid exiting = createSession(), closed = createSession();
+    waitForPrompt(exiting);
+    waitForPrompt(closed);
+    const int exitingShell = pid(exiting), closedShell = pid(closed);
+    ASSERT_GT(closedShell, 0);
+    type(exiting, "exit 7\r");
+    ASSERT_TRUE(waitFor([&] { return !page->recorder.eventsOfType("terminal/exit").empty(); }));
+    EXPECT_EQ(page->recorder.eventsOfType("terminal/exit").back().payload["exitCode"], 7);
+    EXPECT_FALSE(coordinator->processID(exiting));
+    send("terminal/close", Json{{"sessionId", closed.toString()}});
+    auto snapshot = page->recorder.eventsOfType("terminal/snapshot").back().payload["sessions"];
+    for (const auto& entry : snapshot) EXPECT_NE(entry["id"], closed.toString());
+    for (int shell : {exitingShell, closedShell})
+        EXPECT_TRUE(waitFor([&] { return !processExists(shell); })) << "zsh " << shell << " was not reaped";
+    EXPECT_EQ(page->recorder.eventsOfType("terminal/exit").size(), 1u);
+    const size_t events = page->recorder.events().size();
+    type(closed, "echo late\r");
+    EXPECT_EQ(page->recorder.events().size(), events);
 }
 
 // Under a flood the output waiting for the page stays bounded, the shell is
@@ -306,13 +282,13 @@ TEST_F(TerminalSessionTest, ManySessionsLeaveNoDescriptorOrChildBehind) {
     // One session first, so lazily created resources (log file queue, shim) exist.
     const Uuid warm = createSession();
     waitForPrompt(warm);
-    send("terminal/close", OrderedJson{{"sessionId", warm.toString()}}.dump());
+    send("terminal/close", Json{{"sessionId", warm.toString()}});
     ASSERT_TRUE(waitFor([&] { return childProcesses() == 0 && coordinator->reaper()->childCount() == 0; }));
     const int descriptors = openDescriptors();
     for (int i = 0; i < 200; ++i) {
         const Uuid id = createSession();
         ASSERT_TRUE(coordinator->processID(id)) << "cycle " << i;
-        send("terminal/close", OrderedJson{{"sessionId", id.toString()}}.dump());
+        send("terminal/close", Json{{"sessionId", id.toString()}});
     }
     EXPECT_TRUE(waitFor([&] { return childProcesses() == 0; }, TerminalReaper::kAbandonGracePeriod + kDeadline))
         << childProcesses() << " children left";

@@ -46,8 +46,6 @@ public:
                 bytes += base64Decode(event.payload["chunk"].get<std::string>()).value_or("<bad base64>");
         return bytes;
     }
-    std::vector<RecordedEvent> events() const { return recorder.events(); }
-    std::vector<RecordedEvent> eventsOfType(std::string_view type) const { return recorder.eventsOfType(type); }
 
     EventRecorder recorder;
 
