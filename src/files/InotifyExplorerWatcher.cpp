@@ -34,6 +34,15 @@ std::string joinPath(const std::string& directory, std::string_view name) {
     return path;
 }
 
+// Whether the directory open at `fd` had an entry added, removed or renamed
+// at or after `since`.
+bool changedSince(int fd, const timespec& since) {
+    struct stat info {};
+    if (fstat(fd, &info) != 0) return false;
+    const timespec& changed = info.st_mtim;
+    return changed.tv_sec > since.tv_sec || (changed.tv_sec == since.tv_sec && changed.tv_nsec >= since.tv_nsec);
+}
+
 }  // namespace
 
 std::optional<ExplorerFileEvent> explorerEventFromInotify(uint32_t mask, const std::string& path, bool isRoot) {
@@ -62,6 +71,13 @@ InotifyExplorerWatcher::~InotifyExplorerWatcher() { stop(); }
 
 bool InotifyExplorerWatcher::start(Handler handler) {
     stop();
+    // File systems stamp changes with the coarse clock, and a file server with
+    // its own: a margin of a second keeps a change made just now from reading
+    // as older. A folder changed within it is listed once more, no more.
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    now.tv_sec -= 1;
+    m_changedSince = now;
     m_inotifyFd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (m_inotifyFd < 0) return false;
     m_stopFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
@@ -153,6 +169,8 @@ void InotifyExplorerWatcher::watchTree(const std::string& top, bool reportConten
         const std::string& directory = m_watches[wd] = std::move(next);
         m_watchCount = m_watches.size();
         if (!m_reader.open(AT_FDCWD, directory.c_str())) continue;
+        if (m_changedSince && changedSince(m_reader.fd(), *m_changedSince))
+            append(ExplorerFileEvent{directory, ExplorerFileItemKind::Directory, ExplorerFileChangeKind::Modified, false});
         m_reader.forEach([&](std::string_view name, unsigned char type) {
             // A save killed before its rename left this; the walk that opens
             // the project is the one moment every folder is read anyway.
@@ -272,6 +290,7 @@ void InotifyExplorerWatcher::processParentEvent(uint32_t mask, std::string_view 
 void InotifyExplorerWatcher::run() {
     prctl(PR_SET_NAME, "explorer.fsevts", 0, 0, 0);
     watchTree(m_root, false);
+    m_changedSince.reset();
     {
         std::lock_guard lock(m_scanMutex);
         m_scanned = true;

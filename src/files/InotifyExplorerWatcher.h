@@ -27,6 +27,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <ctime>
 #include <thread>
 #include <unordered_map>
 
@@ -96,6 +97,9 @@ private:
     std::unordered_map<std::string, size_t> m_pendingKeys;
     std::optional<std::chrono::steady_clock::time_point> m_deadline;
     bool m_reportedOutOfWatches = false;
+    // While the first walk runs: a folder whose entries changed after this
+    // moment changed before its watch could tell, so it is reported stale.
+    std::optional<timespec> m_changedSince;
     std::mutex m_scanMutex;
     std::condition_variable m_scanDone;
     bool m_scanned = true;  // nothing to wait for until a start
