@@ -6,6 +6,7 @@
 
 #include "git/GitTestSupport.h"
 #include "integration/GitTestRepos.h"
+#include "support/ScriptedServer.h"
 
 using namespace velko;
 using namespace velko::test;
@@ -335,18 +336,6 @@ TEST(GitServiceIntegration, FailuresAreReadTheSameUnderAGermanLocale) {
 
 namespace {
 
-// Accepts connections and never answers, as a server that has hung.
-const char* const kSilentServer = R"PY(
-import socket
-server = socket.socket()
-server.bind(("127.0.0.1", 0))
-server.listen(8)
-print(server.getsockname()[1], flush=True)
-held = []
-while True:
-    held.append(server.accept())
-)PY";
-
 // Live processes whose command line holds `text` (a zombie's is empty).
 std::vector<std::string> liveProcessesMentioning(const std::string& text) {
     std::vector<std::string> found;
@@ -362,9 +351,10 @@ std::vector<std::string> liveProcessesMentioning(const std::string& text) {
 
 TEST(GitServiceIntegration, StoppingWhileAFetchHangsOnASilentServerEndsTheFetch) {
     RealHarness h;
-    LoopbackServer server(h.base.write("silent.py", kSilentServer), {});
-    ASSERT_GT(server.port, 0);
-    const std::string url = "http://127.0.0.1:" + std::to_string(server.port) + "/hung.git";
+    ScriptedServer server;  // a server that has hung
+    ASSERT_GT(server.process.port, 0);
+    server.script("/hung.git/info/refs?service=git-upload-pack", {{"kind", "silent"}});
+    const std::string url = server.url("/hung.git");
     std::string dir = initRepo(h.base, "repo");
     commitFile(dir, "a.txt", "1\n", "init");
     git(dir, {"remote", "add", "origin", url});
