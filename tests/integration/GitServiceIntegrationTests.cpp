@@ -130,7 +130,7 @@ TEST(GitServiceIntegration, StatusWorkingTreeAndDetailOfRealRepositories) {
     }
 }
 
-TEST(GitServiceIntegration, DiffsOfModifiedBinaryUntrackedStagedAndHead) {
+TEST(GitServiceIntegration, DiffsOfTheWorkingTreeAndOfRootRenameAndMergeCommits) {
     RealHarness h;
     std::string dir = initRepo(h.base, "repo");
     commitFile(dir, "a.txt", "one\ntwo\n", "init");
@@ -175,12 +175,9 @@ TEST(GitServiceIntegration, DiffsOfModifiedBinaryUntrackedStagedAndHead) {
     h.service->fetchDiff(id, {{"", GitDiffStage::Head}});
     h.settle();
     EXPECT_EQ(summary(h.only("git/diff")["files"]), (std::vector<std::string>{".|head|0|1"}));
-    EXPECT_TRUE(h.results().empty());
-}
 
-TEST(GitServiceIntegration, CommitDiffsOfRootRenameAndMergeCommits) {
-    RealHarness h;
-    std::string dir = initRepo(h.base, "repo");
+    // Commit diffs of a root, a rename and a merge commit.
+    dir = initRepo(h.base, "history");
     commitFile(dir, "src/a/f.txt", "f\n", "root");
     std::string root = git(dir, {"rev-parse", "HEAD"}).substr(0, 40);
     git(dir, {"mv", "src/a", "src/b"});
@@ -192,8 +189,7 @@ TEST(GitServiceIntegration, CommitDiffsOfRootRenameAndMergeCommits) {
     commitFile(dir, "main.txt", "m\n", "main");
     git(dir, {"merge", "-q", "--no-edit", "side"});
     std::string merge = git(dir, {"rev-parse", "HEAD"}).substr(0, 40);
-    Uuid id = h.projects->add(dir);
-
+    id = h.projects->add(dir);
     h.service->fetchCommitDiff(id, root, std::string("src/a/f.txt"));
     h.service->fetchCommitDiff(id, move, std::nullopt);
     h.service->fetchCommitDiff(id, merge, std::string("side.txt"));
