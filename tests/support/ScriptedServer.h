@@ -46,8 +46,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.end_headers()
             for _ in range(1600):
                 self.wfile.write(b"[" * 65536)
-        elif kind == "nested":
-            self.reply(200, b"[" * 100000)
         elif kind == "raw":
             self.reply(answer.get("status", 200), answer["body"].encode())
         else:
@@ -75,7 +73,7 @@ struct ScriptedServer {
 
     std::string url(const std::string& path = "") const { return process.url(path); }
     // `answer`: {"json": …} or {"kind": "raw", "body": …}, with an optional
-    // "status"; or {"kind": "silent" | "big" | "nested"}.
+    // "status"; or {"kind": "silent" | "big"}.
     void script(const std::string& path, Json answer, bool keep = false) {
         std::string name;
         char hex[16];
