@@ -1,50 +1,20 @@
 // The languages provider over the real HTTP client against a loopback server
 // standing in for the GitHub API: the server answers by the repository's
-// owner, and only to the right headers. The token reaches the server and
+// owner, and is sent the right headers. The token reaches the server and
 // nothing else: not a log line, even when the server echoes it.
 #include <gtest/gtest.h>
-#include <algorithm>
+#include <tuple>
 
 #include "dashboard/DashboardLanguagesProvider.h"
 #include "integration/GitTestRepos.h"
 #include "platform/http/CurlHttpClient.h"
+#include "support/ScriptedServer.h"
 
 using namespace velko;
 
 namespace {
 
 const std::string kToken = "gho_velkoDashboardToken42";
-const char* const kServer = R"PY(
-import http.server, sys
-log, token = open(sys.argv[1], "a"), "gho_velkoDashboardToken42"
-answers = {"ok": (200, b'{"Swift": 100, "Shell": 20.0}'), "unauthorized": (401, b"{}"), "forbidden": (403, b"{}"),
-           "missing": (404, b"{}"), "broken": (500, ("token %s rejected\n%s" % (token, "x" * 1000)).encode()),
-           "list": (200, b"[1, 2]")}
-class Handler(http.server.BaseHTTPRequestHandler):
-    protocol_version = "HTTP/1.1"
-    def log_message(self, *args):
-        pass
-    def do_GET(self):
-        log.write(self.path + "\n"); log.flush()
-        parts = self.path.split("/")
-        good = len(parts) == 5 and parts[1] == "repos" and parts[4] == "languages" \
-            and self.headers["Authorization"] == "Bearer " + token \
-            and self.headers["Accept"] == "application/vnd.github+json"
-        status, body = answers.get(parts[2], (400, b"")) if good else (400, b"")
-        self.send_response(status)
-        self.send_header("Content-Length", str(len(body)))
-        self.end_headers()
-        self.wfile.write(body)
-server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-print(server.server_address[1], flush=True)
-server.serve_forever()
-)PY";
-
-long lines(const std::string& path) {
-    std::string text = test::readFile(path);
-    return std::count(text.begin(), text.end(), '\n');
-}
-
 struct FixedToken final : GitAuthProviding {
     std::optional<GitAuthToken> loadToken() override {
         return token.empty() ? std::nullopt : std::optional(GitAuthToken{token, std::nullopt, std::nullopt});
@@ -67,15 +37,21 @@ struct RemoteByDirectory final : GitProcessRunning {
 
 TEST(DashboardLanguagesProvider, AnswersByTheServersStatusAndSendsTheTokenNowhereElse) {
     test::TempDir dir;
-    const std::string requests = dir.file("requests.log");
-    test::LoopbackServer server(dir.write("server.py", kServer), {requests});
-    ASSERT_GT(server.port, 0);
+    test::ScriptedServer server;
+    ASSERT_GT(server.process.port, 0);
+    const std::vector<std::tuple<const char*, int, std::string>> answers{
+        {"ok", 200, R"({"Swift": 100, "Shell": 20.0})"}, {"unauthorized", 401, "{}"}, {"forbidden", 403, "{}"},
+        {"missing", 404, "{}"}, {"broken", 500, "token " + kToken + " rejected\n" + std::string(1000, 'x')},
+        {"list", 200, "[1, 2]"}};
+    for (const auto& [owner, status, body] : answers)
+        server.script("/repos/" + std::string(owner) + "/repo/languages",
+                      {{"kind", "raw"}, {"status", status}, {"body", body}}, true);
     auto auth = std::make_shared<FixedToken>();
     DashboardLanguagesProvider provider({
         .authProvider = auth,
         .processRunner = std::make_shared<RemoteByDirectory>(),
         .session = std::make_shared<CurlHttpClient>(),
-        .endpoints = GitHubEndpoints("https://github.com", "http://127.0.0.1:" + std::to_string(server.port)),
+        .endpoints = GitHubEndpoints("https://github.com", server.url()),
     });
     using Kind = DashboardLanguagesError::Kind;
     struct Case {
@@ -83,7 +59,7 @@ TEST(DashboardLanguagesProvider, AnswersByTheServersStatusAndSendsTheTokenNowher
         bool withToken;
         std::optional<LanguageBytes> bytes;  // the answer when it is no error
         std::optional<Kind> error;
-        long requests;
+        size_t requests;
         const char* logged;  // a warning the log must hold
     };
     const Case cases[] = {
@@ -100,14 +76,19 @@ TEST(DashboardLanguagesProvider, AnswersByTheServersStatusAndSendsTheTokenNowher
         SCOPED_TRACE(std::string(c.owner) + (c.withToken ? "" : " without a token"));
         auth->token = c.withToken ? kToken : "";
         ProjectMetadata project{Uuid::random(), c.owner, dir.file(c.owner), std::nullopt, {}};
-        long before = lines(requests);
+        size_t before = server.requests().size();
         std::optional<LanguagesAnswer> answer;
         {
             test::CapturedStderr captured(dir.file("stderr.txt"));  // where GLib's log lines go
             answer = provider.fetchLanguages(project);
         }
         std::string log = test::readFile(dir.file("stderr.txt"));
-        EXPECT_EQ(lines(requests) - before, c.requests);
+        auto requests = server.requests();
+        EXPECT_EQ(requests.size() - before, c.requests);
+        for (size_t i = before; i < requests.size(); ++i) {
+            EXPECT_EQ(requests[i]["headers"]["Authorization"], "Bearer " + kToken);
+            EXPECT_EQ(requests[i]["headers"]["Accept"], "application/vnd.github+json");
+        }
         EXPECT_EQ(log.find(kToken), std::string::npos) << log;
         EXPECT_NE(log.find(c.logged), std::string::npos) << log;
         ASSERT_TRUE(answer);

@@ -6,6 +6,7 @@
 
 #include "git/GitTestSupport.h"
 #include "integration/GitTestRepos.h"
+#include "support/ScriptedServer.h"
 
 using namespace velko;
 using namespace velko::test;
@@ -129,7 +130,7 @@ TEST(GitServiceIntegration, StatusWorkingTreeAndDetailOfRealRepositories) {
     }
 }
 
-TEST(GitServiceIntegration, DiffsOfModifiedBinaryUntrackedStagedAndHead) {
+TEST(GitServiceIntegration, DiffsOfTheWorkingTreeAndOfRootRenameAndMergeCommits) {
     RealHarness h;
     std::string dir = initRepo(h.base, "repo");
     commitFile(dir, "a.txt", "one\ntwo\n", "init");
@@ -174,12 +175,9 @@ TEST(GitServiceIntegration, DiffsOfModifiedBinaryUntrackedStagedAndHead) {
     h.service->fetchDiff(id, {{"", GitDiffStage::Head}});
     h.settle();
     EXPECT_EQ(summary(h.only("git/diff")["files"]), (std::vector<std::string>{".|head|0|1"}));
-    EXPECT_TRUE(h.results().empty());
-}
 
-TEST(GitServiceIntegration, CommitDiffsOfRootRenameAndMergeCommits) {
-    RealHarness h;
-    std::string dir = initRepo(h.base, "repo");
+    // Commit diffs of a root, a rename and a merge commit.
+    dir = initRepo(h.base, "history");
     commitFile(dir, "src/a/f.txt", "f\n", "root");
     std::string root = git(dir, {"rev-parse", "HEAD"}).substr(0, 40);
     git(dir, {"mv", "src/a", "src/b"});
@@ -191,8 +189,7 @@ TEST(GitServiceIntegration, CommitDiffsOfRootRenameAndMergeCommits) {
     commitFile(dir, "main.txt", "m\n", "main");
     git(dir, {"merge", "-q", "--no-edit", "side"});
     std::string merge = git(dir, {"rev-parse", "HEAD"}).substr(0, 40);
-    Uuid id = h.projects->add(dir);
-
+    id = h.projects->add(dir);
     h.service->fetchCommitDiff(id, root, std::string("src/a/f.txt"));
     h.service->fetchCommitDiff(id, move, std::nullopt);
     h.service->fetchCommitDiff(id, merge, std::string("side.txt"));
@@ -335,18 +332,6 @@ TEST(GitServiceIntegration, FailuresAreReadTheSameUnderAGermanLocale) {
 
 namespace {
 
-// Accepts connections and never answers, as a server that has hung.
-const char* const kSilentServer = R"PY(
-import socket
-server = socket.socket()
-server.bind(("127.0.0.1", 0))
-server.listen(8)
-print(server.getsockname()[1], flush=True)
-held = []
-while True:
-    held.append(server.accept())
-)PY";
-
 // Live processes whose command line holds `text` (a zombie's is empty).
 std::vector<std::string> liveProcessesMentioning(const std::string& text) {
     std::vector<std::string> found;
@@ -362,9 +347,10 @@ std::vector<std::string> liveProcessesMentioning(const std::string& text) {
 
 TEST(GitServiceIntegration, StoppingWhileAFetchHangsOnASilentServerEndsTheFetch) {
     RealHarness h;
-    LoopbackServer server(h.base.write("silent.py", kSilentServer), {});
-    ASSERT_GT(server.port, 0);
-    const std::string url = "http://127.0.0.1:" + std::to_string(server.port) + "/hung.git";
+    ScriptedServer server;  // a server that has hung
+    ASSERT_GT(server.process.port, 0);
+    server.script("/hung.git/info/refs?service=git-upload-pack", {{"kind", "silent"}});
+    const std::string url = server.url("/hung.git");
     std::string dir = initRepo(h.base, "repo");
     commitFile(dir, "a.txt", "1\n", "init");
     git(dir, {"remote", "add", "origin", url});

@@ -6,37 +6,19 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "core/Base64.h"
 #include "core/MainQueue.h"
 #include "integration/GitTestRepos.h"
 #include "platform/http/CurlHttpClient.h"
+#include "support/ScriptedServer.h"
 #include "updater/Updater.h"
 
 using namespace velko;
 
 namespace {
-
-// Python's file server on a free loopback port, each request's path a line in a log.
-const char* const kServer = R"PY(
-import functools, http.server, sys
-log = open(sys.argv[2], "a")
-class Handler(http.server.SimpleHTTPRequestHandler):
-    def log_message(self, *args):
-        log.write(self.path + "\n"); log.flush()
-handler = functools.partial(Handler, directory=sys.argv[1])
-server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler)
-print(server.server_address[1], flush=True)
-server.serve_forever()
-)PY";
-
-size_t requestsFor(const std::string& log, const std::string& path) {
-    std::string text = test::readFile(log);
-    size_t count = 0;
-    for (size_t at = 0; (at = text.find(path + "\n", at)) != std::string::npos; at += path.size()) ++count;
-    return count;
-}
 
 struct KeyPair {
     KeyPair() : key(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"), &EVP_PKEY_free) {}
@@ -78,11 +60,8 @@ struct RecordingPresenter final : UpdatePresenting {
 }  // namespace
 
 TEST(Updater, OnlyASignedNewerFeedBecomesAnOfferAndAProbeShowsItThroughOneVisibleCheck) {
-    test::TempDir dir;
-    std::filesystem::create_directories(dir.file("www"));
-    const std::string log = dir.file("requests.log");
-    test::LoopbackServer server(dir.write("server.py", kServer), {dir.file("www"), log});
-    ASSERT_GT(server.port, 0);
+    test::ScriptedServer server;
+    ASSERT_GT(server.process.port, 0);
     KeyPair shipped, other;
     auto http = std::make_shared<CurlHttpClient>();
     const std::string newer = feed("0.2.0");
@@ -96,7 +75,7 @@ TEST(Updater, OnlyASignedNewerFeedBecomesAnOfferAndAProbeShowsItThroughOneVisibl
         std::optional<std::string> signature;  // nothing: no .sig file
         bool probe;                            // the launch probe instead of the menu's check
         std::vector<std::string> shown;
-        size_t feedFetches;
+        long feedFetches;
     };
     const Case cases[] = {
         {"signed and newer", newer, shipped.sign(newer), false, {offer}, 1},
@@ -110,13 +89,13 @@ TEST(Updater, OnlyASignedNewerFeedBecomesAnOfferAndAProbeShowsItThroughOneVisibl
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         std::string name = "/feed" + std::to_string(n++) + ".xml";
-        dir.write("www" + name, c.feed);
-        if (c.signature) dir.write("www" + name + ".sig", *c.signature);
+        server.script(name, {{"kind", "raw"}, {"body", c.feed}}, true);
+        if (c.signature) server.script(name + ".sig", {{"kind", "raw"}, {"body", *c.signature}}, true);
         auto main = std::make_shared<ManualQueue>(), queue = std::make_shared<ManualQueue>();
         setMainQueue(main);
         auto presenter = std::make_shared<RecordingPresenter>();
         auto updater = std::make_shared<Updater>(Updater::Dependencies{
-            .settings = {"http://127.0.0.1:" + std::to_string(server.port) + name, shipped.publicKey()},
+            .settings = {server.url(name), shipped.publicKey()},
             .http = http,
             .presenter = presenter,
             .currentVersion = "0.1.0",
@@ -130,7 +109,9 @@ TEST(Updater, OnlyASignedNewerFeedBecomesAnOfferAndAProbeShowsItThroughOneVisibl
         while (queue->runUntilIdle() + main->runUntilIdle() > 0) {
         }
         EXPECT_EQ(presenter->shown, c.shown);
-        EXPECT_EQ(requestsFor(log, name), c.feedFetches);
+        auto requests = server.requests();
+        EXPECT_EQ(std::count_if(requests.begin(), requests.end(), [&](const Json& r) { return r["path"] == name; }),
+                  c.feedFetches);
         // The probe comes back a day later.
         EXPECT_EQ(queue->pendingTimers(), c.probe ? 1u : 0u);
     }
