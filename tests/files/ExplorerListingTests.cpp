@@ -58,21 +58,11 @@ TEST(ExplorerExclusionRules, NamesExcludeAtEveryDepthAndPathsOnlyTheirSubtree) {
 
 TEST(ExplorerListing, ListsOneLevelFoldersFirstCaseInsensitivelyWithExclusionsAndErrors) {
     test::TempDir root;
-    root.write("B", "");
-    root.write("a", "");
-    root.write("C", "");
-    root.write("z/inner.txt", "");
-    root.write(".hidden", "");
-    root.write(".DS_Store", "");
-    root.write(".git/HEAD", "");
-    root.write("node_modules/x/y.js", "");
-    root.write("dist/out.js", "");
-    root.write("src/node_modules/m.js", "");
-    root.write("src/main.cpp", "");
-    root.write("src/Zeta/q", "");
-    root.write("src/alpha/q", "");
-    root.write("accents/Éz.txt", "");  // folded, it comes after éa.txt
-    root.write("accents/éa.txt", "");
+    // "accents/Éz.txt" folded comes after "accents/éa.txt".
+    for (const char* file : {"B", "a", "C", "z/inner.txt", ".hidden", ".DS_Store", ".git/HEAD", "node_modules/x/y.js",
+                             "dist/out.js", "src/node_modules/m.js", "src/main.cpp", "src/Zeta/q", "src/alpha/q",
+                             "accents/Éz.txt", "accents/éa.txt"})
+        root.write(file, "");
     test::TempDir outside;
     outside.write("o.txt", "");
     fs::create_symlink(root.file("src"), root.file("link-in"));
@@ -87,16 +77,16 @@ TEST(ExplorerListing, ListsOneLevelFoldersFirstCaseInsensitivelyWithExclusionsAn
     ASSERT_EQ(snapshots.size(), requested.size());
 
     using List = std::vector<std::string>;
+    const List top = {"accents:accents:folder", "src:src:folder", "z:z:folder", ".hidden:.hidden:file",
+                      "a:a:file", "B:B:file", "C:C:file"};
+    const List src = {"alpha:src/alpha:folder", "main.cpp:src/main.cpp:file"};
     const List expected[] = {
-        {"accents:accents:folder", "src:src:folder", "z:z:folder", ".hidden:.hidden:file", "a:a:file", "B:B:file",
-         "C:C:file"},
-        {"alpha:src/alpha:folder", "main.cpp:src/main.cpp:file"},
-        {"alpha:src/alpha:folder", "main.cpp:src/main.cpp:file"},
-        // Through a link inside the project the entries carry the target's paths.
-        {"alpha:src/alpha:folder", "main.cpp:src/main.cpp:file"},
+        top,
+        src,
+        src,
+        src,  // through a link inside the project the entries carry the target's paths
         {"error:notFound@link-out"},
-        {"accents:accents:folder", "src:src:folder", "z:z:folder", ".hidden:.hidden:file", "a:a:file", "B:B:file",
-         "C:C:file"},
+        top,
         {"error:notFound@a"},
         {"error:notFound@missing"},
         {"error:invalidPath@/abs"},

@@ -46,6 +46,8 @@ TEST(GitService, ActionsAnswerWithTheirMessages) {
         V results;
         V mustRun;
         V mustNotRun;
+        const char* event = nullptr;  // must come once, with these members ("@" is the project's id)
+        Json members = Json::object();
     };
     const Case cases[] = {
         {"blank message is refused without git", "", false, {},
@@ -76,6 +78,27 @@ TEST(GitService, ActionsAnswerWithTheirMessages) {
           {"config --get remote.pushDefault", {0, "up\n", ""}}},
          [](GitService& s, const Uuid& id) { s.push(id); },
          V{"ok: Push が完了しました"}, V{"config --get remote.pushDefault", "push"}, V{}},
+        {"status of the active project when git cannot start", "", false,
+         {{"status --porcelain --branch --untracked-files=all", {-1, "", "No such file or directory"}}},
+         [](GitService& s, const Uuid&) { s.refreshStatus(std::nullopt); }, V{"fail: No such file or directory"},
+         V{}, V{}, "git/status", {{"projectId", "@"}, {"branch", "--"}}},
+        {"untracked diff git cannot make is a failure and no file", "", false,
+         {{"ls-files --error-unmatch -- n.txt", {1, "", "error: pathspec 'n.txt' did not match"}},
+          {"diff --no-index --numstat /dev/null -- n.txt", {128, "", "fatal: bad"}}},
+         [](GitService& s, const Uuid& id) { s.fetchDiff(id, {{"n.txt", GitDiffStage::Unstaged}}); },
+         V{"fail: fatal: bad"}, V{}, V{}, "git/diff", {{"files", Json::array()}}},
+        {"a commit's file with nothing to show still answers for that file", "", false,
+         {{"rev-list --parents -n 1 c1", {0, "c1 p\n", ""}}},
+         [](GitService& s, const Uuid& id) { s.fetchCommitDiff(id, "c1", std::string("src/{a => b}/f")); }, V{},
+         V{}, V{}, "git/commit/diff",
+         {{"files", Json::array({{{"commit", "c1"}, {"path", "src/b/f"}, {"additions", 0}, {"deletions", 0},
+                                  {"isBinary", false}, {"patch", ""}, {"resolved", true}}})}}},
+        {"tracking whose counts fail shows zeros", remote("../o.git"), false,
+         {{"rev-parse --abbrev-ref HEAD", {0, "main", ""}},
+          {"rev-parse --abbrev-ref --symbolic-full-name @{u}", {0, "origin/main", ""}},
+          {"rev-list --left-right --count @{u}...HEAD", {128, "", "x"}}},
+         [](GitService& s, const Uuid& id) { s.fetchRemoteTracking(id); }, V{}, V{}, V{}, "git/remote/tracking",
+         {{"projectId", "@"}, {"branch", "main"}, {"remote", "origin/main"}, {"ahead", 0}, {"behind", 0}}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -90,6 +113,10 @@ TEST(GitService, ActionsAnswerWithTheirMessages) {
         for (const auto& command : c.mustNotRun) EXPECT_FALSE(contains(commands, command)) << command;
         EXPECT_EQ(h.auth->deletions, 0);
         for (const auto& call : h.runner->calls()) EXPECT_FALSE(call.environment.count("GIT_ASKPASS"));
+        if (!c.event) continue;
+        Json event = h.only(c.event);
+        for (const auto& [key, value] : c.members.items())
+            EXPECT_EQ(event[key], value == "@" ? Json(h.projectId.toString()) : value) << key;
     }
 }
 
@@ -141,18 +168,6 @@ TEST(GitService, RefusedTokenIsDeletedAndTheAccountShownDisconnected) {
     EXPECT_TRUE(h.events->eventsOfType("git/status").empty());
 }
 
-// A repository that is no repository is the integration tests'; here git itself cannot start.
-TEST(GitService, StatusOfTheActiveProjectAnswersWhenGitCannotRun) {
-    Harness h;
-    h.runner->on("status --porcelain --branch --untracked-files=all", {-1, "", "No such file or directory"});
-    h.service->refreshStatus(std::nullopt);
-    h.settle();
-    EXPECT_EQ(h.results(), std::vector<std::string>{"fail: No such file or directory"});
-    Json status = h.only("git/status");
-    EXPECT_EQ(status["projectId"], h.projectId.toString());
-    EXPECT_EQ(status["branch"], "--");
-}
-
 TEST(GitService, UnknownProjectsAndCommitTextsThatAreNoCommitGetNoAnswer) {
     Harness h;
     Uuid stranger = Uuid::random();
@@ -177,40 +192,6 @@ TEST(GitService, BarrierArrivesBehindEarlierRefreshes) {
     EXPECT_EQ(types, (std::vector<std::string>{"git/status", "git/status", "git/status", "git/refresh/barrier"}));
     EXPECT_EQ(h.events->events().back().payload,
               (Json{{"projectId", h.projectId.toString()}, {"requestId", "req-1"}}));
-}
-
-TEST(GitService, UntrackedDiffThatGitCannotMakeIsAFailureAndNoFile) {
-    Harness h;
-    h.runner->on("ls-files --error-unmatch -- n.txt", {1, "", "error: pathspec 'n.txt' did not match"});
-    h.runner->on("diff --no-index --numstat /dev/null -- n.txt", {128, "", "fatal: bad"});
-    h.service->fetchDiff(h.projectId, {{"n.txt", GitDiffStage::Unstaged}});
-    h.settle();
-    EXPECT_TRUE(h.only("git/diff")["files"].empty());
-    EXPECT_EQ(h.results(), std::vector<std::string>{"fail: fatal: bad"});
-}
-
-TEST(GitService, CommitFileWithNothingToShowStillAnswersForThatFile) {
-    Harness h;
-    h.runner->on("rev-list --parents -n 1 c1", {0, "c1 p\n", ""});
-    h.service->fetchCommitDiff(h.projectId, "c1", std::string("src/{a => b}/f"));
-    h.settle();
-    auto diffs = h.events->eventsOfType("git/commit/diff");
-    ASSERT_EQ(diffs.size(), 1u);
-    EXPECT_EQ(diffs[0].payload["files"], (Json::array({{{"commit", "c1"}, {"path", "src/b/f"}, {"additions", 0},
-                                                         {"deletions", 0}, {"isBinary", false}, {"patch", ""},
-                                                         {"resolved", true}}})));
-}
-
-TEST(GitService, RemoteTrackingWhoseCountsFailShowsZeros) {
-    Harness h(remote("../o.git"));
-    h.runner->on("rev-parse --abbrev-ref HEAD", {0, "main", ""});
-    h.runner->on("rev-parse --abbrev-ref --symbolic-full-name @{u}", {0, "origin/main", ""});
-    h.runner->on("rev-list --left-right --count @{u}...HEAD", {128, "", "x"});
-    h.service->fetchRemoteTracking(h.projectId);
-    h.settle();
-    EXPECT_EQ(h.only("git/remote/tracking"), (Json{{"projectId", h.projectId.toString()}, {"branch", "main"},
-                                                   {"remote", "origin/main"}, {"ahead", 0}, {"behind", 0}}));
-    EXPECT_TRUE(h.results().empty());
 }
 
 TEST(GitService, SshRemotesFailInsteadOfPromptingUnlessTheUserChoseTheirSsh) {

@@ -150,9 +150,7 @@ TEST(CurlHttpClient, EveryExchangeEndsInItsResponseOrErrorAndCancelAllEndsTheOne
             const std::string* location = result->value().header("location");
             EXPECT_EQ(location ? *location : "", c.location);
         }
-        if (!c.neverReached.empty()) {
-            EXPECT_FALSE(server.saw(c.neverReached));
-        }
+        EXPECT_FALSE(!c.neverReached.empty() && server.saw(c.neverReached)) << c.neverReached;
     }
 
     // Quitting: cancelAll ends a transfer in flight and refuses new ones.

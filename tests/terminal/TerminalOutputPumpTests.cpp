@@ -84,10 +84,8 @@ TEST(TerminalOutputPump, FinishReadsWhatIsLeftAndReturnsWhileAWriterKeepsWriting
             pump.start();
             pump.finish();
         }
-        EXPECT_EQ(page->output().substr(0, 10), "last words");
-        if (!endless) {
-            EXPECT_EQ(page->output(), "last words");
-        }
+        // Behind an endless writer more may follow; otherwise nothing does.
+        EXPECT_EQ(endless ? page->output().substr(0, 10) : page->output(), "last words");
         writing = false;
         writer.join();
         ::close(fds[1]);
