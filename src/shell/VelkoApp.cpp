@@ -240,7 +240,10 @@ void VelkoApp::setInputSources(std::shared_ptr<InputSourceServicing> sources) {
     m_commandCenter->setNativeKeyHandler(m_nativeTerminalInput);
 }
 
-VelkoApp::~VelkoApp() = default;
+VelkoApp::~VelkoApp() {
+    // A service given up at exit may still hold the store: its saves land now.
+    if (m_configStore) m_configStore->waitForSaves();
+}
 
 void VelkoApp::contentDidAppear() { m_contentView->bootstrap(); }
 

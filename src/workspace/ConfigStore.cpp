@@ -10,8 +10,12 @@
 #include <map>
 #include <unordered_set>
 
+#include <condition_variable>
+#include <mutex>
+
 #include "core/Log.h"
 #include "core/Paths.h"
+#include "core/SerialQueue.h"
 
 namespace velko {
 
@@ -40,11 +44,27 @@ std::string abbreviateHome(const std::string& canonical, const std::string& home
 
 }  // namespace
 
-ConfigStore::ConfigStore(std::optional<std::string> storageDirectory) {
+// The text waiting for the writer, and how many saves are not done yet.
+struct ConfigStore::Saves {
+    std::mutex mutex;
+    std::condition_variable done;
+    std::optional<std::string> text;
+    int unfinished = 0;
+};
+
+ConfigStore::ConfigStore(std::optional<std::string> storageDirectory)
+    : m_saves(std::make_shared<Saves>()), m_writer(std::make_unique<SerialQueue>("app.velko.workspace.config")) {
     m_directory = storageDirectory ? *storageDirectory : dataDirectory();
     m_filePath = m_directory + "/config.json";
     createDirectories(m_directory);
     m_config = sampleConfiguration(homeDirectory());
+}
+
+ConfigStore::~ConfigStore() { waitForSaves(); }
+
+void ConfigStore::waitForSaves() {
+    std::unique_lock lock(m_saves->mutex);
+    m_saves->done.wait(lock, [&] { return m_saves->unfinished == 0; });
 }
 
 AppConfig ConfigStore::sampleConfiguration(const std::string& homePath) {
@@ -101,24 +121,54 @@ Status<ConfigStoreError> ConfigStore::bootstrap() {
     return persist();
 }
 
-Status<ConfigStoreError> ConfigStore::persist() {
-    createDirectories(m_directory);
-    if (m_keepBadFileAside) {
-        // The user's projects are never silently lost: the unreadable file moves aside once.
-        std::string aside = m_filePath + ".bad";
-        if (rename(m_filePath.c_str(), aside.c_str()) == 0) {
-            m_keepBadFileAside = false;
-            logger().notice("unreadable configuration kept at " + aside);
-        } else if (errno == ENOENT) {
-            m_keepBadFileAside = false;
-        }
+void ConfigStore::keepBadFileAside() {
+    if (!m_keepBadFileAside) return;
+    // The user's projects are never silently lost: the unreadable file moves aside once.
+    std::string aside = m_filePath + ".bad";
+    if (rename(m_filePath.c_str(), aside.c_str()) == 0) {
+        m_keepBadFileAside = false;
+        logger().notice("unreadable configuration kept at " + aside);
+    } else if (errno == ENOENT) {
+        m_keepBadFileAside = false;
     }
+}
+
+Status<ConfigStoreError> ConfigStore::persist() {
+    waitForSaves();  // a queued save must not land after this one
+    createDirectories(m_directory);
+    keepBadFileAside();
     std::string text = dumpJson(encodeAppConfig(m_config));
     if (!writeFileAtomically(m_filePath, text, 0600)) {
         logger().error("configuration could not be saved: " + std::string(std::strerror(errno)));
         return fail(ConfigStoreError::WriteFailed);
     }
     return Ok{};
+}
+
+void ConfigStore::persistInBackground() {
+    keepBadFileAside();  // rare, and it must come before the save replaces the file
+    std::string text = dumpJson(encodeAppConfig(m_config));
+    {
+        std::lock_guard lock(m_saves->mutex);
+        const bool queued = m_saves->text.has_value();
+        m_saves->text = std::move(text);
+        if (queued) return;  // the save already queued takes the newer text
+        ++m_saves->unfinished;
+    }
+    m_writer->post([saves = m_saves, directory = m_directory, path = m_filePath] {
+        std::string text;
+        {
+            std::lock_guard lock(saves->mutex);
+            text = std::move(*saves->text);
+            saves->text.reset();
+        }
+        createDirectories(directory);
+        if (!writeFileAtomically(path, text, 0600))
+            logger().error("configuration could not be saved: " + std::string(std::strerror(errno)));
+        std::lock_guard lock(saves->mutex);
+        --saves->unfinished;
+        saves->done.notify_all();
+    });
 }
 
 template <typename F>
@@ -137,7 +187,7 @@ void ConfigStore::mirrorResumeAndPersist() {
     if (!m_config.projects.empty()) {
         mutate([](AppConfig& c) { c.resumeProjects = c.projects; });
     }
-    (void)persist();  // best effort: memory stays authoritative
+    persistInBackground();  // best effort: memory stays authoritative
 }
 
 std::optional<ProjectMetadata> ConfigStore::project(const Uuid& id) const {

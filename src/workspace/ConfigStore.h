@@ -6,8 +6,11 @@
 // thread of the change (up to three publications per operation: the raw
 // change, the normalised value, the mirrored resume list). Saving is best
 // effort: a failed save is logged and the value in memory stays authoritative.
-// The file is written atomically; a file that fails to decode is kept aside as
-// "config.json.bad" before the first save replaces it.
+// The file is written atomically on a writer thread of the store's own, so
+// that the main thread never waits for the disk (a save's syncs took longer
+// than starting a shell); saves queued behind a running one collapse into
+// the newest. A file that fails to decode is kept aside as "config.json.bad"
+// before the first save replaces it.
 
 #include <functional>
 #include <memory>
@@ -19,6 +22,8 @@
 #include "workspace/Models.h"
 
 namespace velko {
+
+class SerialQueue;
 
 // Read access to the projects, for services that must not write the store.
 // Implementations are touched on the main thread only.
@@ -41,6 +46,7 @@ public:
 
     // No directory: $XDG_DATA_HOME/velko. A given directory is used as it is.
     explicit ConfigStore(std::optional<std::string> storageDirectory = std::nullopt);
+    ~ConfigStore() override;  // finishes the saves under way
 
     const AppConfig& config() const override { return m_config; }
     const std::string& fileURL() const { return m_filePath; }
@@ -50,6 +56,8 @@ public:
     void unsubscribe(size_t token);
 
     Status<ConfigStoreError> bootstrap();
+    // Blocks until every change made so far is on disk (or failed to be).
+    void waitForSaves();
 
     std::optional<ProjectMetadata> project(const Uuid& id) const override;
     void setActiveProject(const Uuid& id);
@@ -94,6 +102,8 @@ private:
     void update(bool ensureDefaults, F&& change);
     void mirrorResumeAndPersist();
     Status<ConfigStoreError> persist();
+    void persistInBackground();
+    void keepBadFileAside();
     void ensureInitialCLISession(const Uuid& projectId, AppConfig& config) const;
 
     std::string m_directory;
@@ -104,6 +114,9 @@ private:
     bool m_savePending = false;
     std::vector<std::pair<size_t, Subscriber>> m_subscribers;
     size_t m_nextToken = 1;
+    struct Saves;
+    std::shared_ptr<Saves> m_saves;  // shared with the writer's tasks
+    std::unique_ptr<SerialQueue> m_writer;
 };
 
 }  // namespace velko

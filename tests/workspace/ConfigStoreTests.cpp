@@ -45,6 +45,7 @@ TEST_F(StoreFixture, FirstStartWritesAnEmptyWorkspaceAndASecondStoreReadsWhatThe
 
     auto opened = store->openProjects({folder("code/one"), folder("code/two")});
     ASSERT_EQ(opened.size(), 2u);
+    store->waitForSaves();  // saves land on the store's writer thread
     auto again = bootstrapped();
     EXPECT_EQ(again->config().projects, store->config().projects);
     EXPECT_EQ(again->config().activeProjectID, opened[0].id);
@@ -124,6 +125,7 @@ TEST_F(StoreFixture, ClosingAndResumingFollowTheResumeList) {
     EXPECT_EQ(active, opened[0].id);
     EXPECT_EQ(store->config().projects, store->config().resumeProjects);
     EXPECT_TRUE(store->config().cliSessions.empty()) << "resume brings projects back, not sessions";
+    store->waitForSaves();
     EXPECT_EQ(bootstrapped()->config().projects.size(), 1u);
 }
 
@@ -176,7 +178,10 @@ TEST_F(StoreFixture, SessionNumbersFollowTheCountPerProject) {
 TEST_F(StoreFixture, ADeferredSaveHappensOnceWhenTheLastDeferralEnds) {
     auto store = bootstrapped();
     auto p = store->openProjects({folder("a")});
-    auto saved = [&] { return test::readFile(store->fileURL()); };
+    auto saved = [&] {
+        store->waitForSaves();
+        return test::readFile(store->fileURL());
+    };
     CLISessionConfig first, second;
     {
         ConfigStore::SaveDeferral outer(*store);
@@ -216,6 +221,7 @@ TEST_F(StoreFixture, CorruptFileKeepsSamplesInMemoryAndIsKeptAsideOnTheNextSave)
     EXPECT_EQ(test::readFile(storage + "/config.json"), corrupt) << "nothing is written before a change";
 
     store.openProjects({folder("a")});
+    store.waitForSaves();
     EXPECT_EQ(test::readFile(storage + "/config.json.bad"), corrupt);
     auto saved = parseJson(test::readFile(storage + "/config.json"));
     ASSERT_TRUE(saved);
