@@ -15,10 +15,11 @@ using namespace velko::test;
 namespace {
 
 // A `git` first on PATH that records what its standard input is and whether
-// it could open a terminal, then runs the real git.
+// it could open a terminal, then runs the real git. A record appears whole
+// (renamed into place): a status refresh may still run while the test looks.
 const char* const kProbeGit = R"SH(#!/bin/sh
 n=$$
-readlink /proc/self/fd/0 > "$VELKO_PROBE_DIR/fd0.$n"
+readlink /proc/self/fd/0 > "$VELKO_PROBE_DIR.fd0.$n" && mv "$VELKO_PROBE_DIR.fd0.$n" "$VELKO_PROBE_DIR/fd0.$n"
 if (: < /dev/tty) 2>/dev/null; then echo yes > "$VELKO_PROBE_DIR/tty.$n"; fi
 exec "$VELKO_REAL_GIT" "$@"
 )SH";
