@@ -1,6 +1,9 @@
 // The explorer's monitoring on real folders, real inotify and a real git.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
@@ -119,6 +122,26 @@ TEST(ExplorerWatcher, ReportsFileAndFolderChangesAnywhereInTheTree) {
         auto events = tree.inbox.waitFor([&](const auto& all) { return hasEvent(all, tree.abs(c.path), c.change); });
         EXPECT_TRUE(hasEvent(events, tree.abs(c.path), c.change)) << "events seen: " << events.size();
     }
+}
+
+// A file made in a folder after the start but before the first walk watched
+// it has no event to tell it. The walk cannot be held at that moment, so the
+// folder's change is dated after the start instead, as the walk would find it.
+TEST(ExplorerWatcher, AFolderChangedBeforeTheFirstWalkWatchedItIsReportedStale) {
+    WatchedTree tree;
+    tree.dir.write("project/late/file.txt", "x");
+    tree.dir.write("project/quiet/file.txt", "x");
+    auto dateFolder = [&](const std::string& path, time_t when) {
+        const timespec times[2] = {{0, UTIME_OMIT}, {when, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    };
+    dateFolder(tree.root, time(nullptr) - 3600);
+    dateFolder(tree.abs("quiet"), time(nullptr) - 3600);
+    dateFolder(tree.abs("late"), time(nullptr) + 60);
+    tree.start();
+    auto events = tree.inbox.waitFor([&](const auto& all) { return !all.empty(); });
+    EXPECT_TRUE(hasEvent(events, tree.abs("late"), ExplorerFileChangeKind::Modified));
+    EXPECT_EQ(events.size(), 1u) << "folders unchanged since the start stay quiet";
 }
 
 TEST(ExplorerWatcher, LosingTheRootAsksForAResync) {
