@@ -106,14 +106,11 @@ TEST(NativeTerminalInput, CompositionFollowsASCIICapabilityThenTypeThenModeID) {
 }
 
 TEST(NativeTerminalInput, SourcesForEachModeAreChosenInOrder) {
-    auto disabled = layout("disabled-us");
-    disabled.isEnabled = false;
-    auto unselectable = layout("unselectable-us");
-    unselectable.isSelectCapable = std::nullopt;
-    auto unknownEnabled = layout("de");
-    unknownEnabled.isEnabled = std::nullopt;
-    auto japaneseLayout = layout("jp-layout");
-    japaneseLayout.isASCIICapable = std::nullopt;
+    // Fields: id, enabled, selectable, ASCII-capable, then the input method's type and mode.
+    const InputSourceInfo disabled{"disabled-us", false, true, true, std::nullopt, std::nullopt},
+        unselectable{"unselectable-us", true, std::nullopt, true, std::nullopt, std::nullopt},
+        unknownEnabled{"de", std::nullopt, true, true, std::nullopt, std::nullopt},
+        japaneseLayout{"jp-layout", true, true, std::nullopt, std::nullopt, std::nullopt};
 
     struct Case {
         const char* name;

@@ -137,10 +137,7 @@ TEST(GestureBridge, LocationIsInTheViewAndNormalised) {
         ASSERT_EQ(f.recorder->events.size(), c.expected ? 1u : 0u);
         if (!c.expected) continue;
         const auto& e = f.recorder->events[0];
-        EXPECT_DOUBLE_EQ(e.locationX, (*c.expected)[0]);
-        EXPECT_DOUBLE_EQ(e.locationY, (*c.expected)[1]);
-        EXPECT_DOUBLE_EQ(e.normalizedX, (*c.expected)[2]);
-        EXPECT_DOUBLE_EQ(e.normalizedY, (*c.expected)[3]);
+        EXPECT_EQ((std::array{e.locationX, e.locationY, e.normalizedX, e.normalizedY}), *c.expected);
         EXPECT_EQ(e.scaleFactor, 2);
         EXPECT_EQ(e.timestamp, f.now);
     }
