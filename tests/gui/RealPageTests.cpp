@@ -30,17 +30,13 @@ using test::screenCentre;
 
 namespace {
 
-class ChosenFolders final : public FolderPicking {
-public:
-    explicit ChosenFolders(std::vector<std::string> folders) : m_folders(std::move(folders)) {}
+struct ChosenFolders final : FolderPicking {
     void pickFolders(std::function<void(std::vector<std::string>)> completion) override {
         ++shown;
-        completion(m_folders);
+        completion(folders);
     }
+    std::vector<std::string> folders;
     int shown = 0;
-
-private:
-    std::vector<std::string> m_folders;
 };
 
 bool run(const std::string& command) {
@@ -131,7 +127,8 @@ void openProjectAndType(KeyPath path, const std::string& screenshot) {
     DesktopWindow::Options options;
     options.resourceDirectory = resources;
     auto window = DesktopWindow::create(*app, nullptr, options);
-    auto picker = std::make_shared<ChosenFolders>(std::vector<std::string>{project});
+    auto picker = std::make_shared<ChosenFolders>();
+    picker->folders = {project};
     app->bridge().setFolderPicker(picker);
     window->present();
     GtkWidget* view = window->webView();
