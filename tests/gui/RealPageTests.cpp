@@ -6,7 +6,6 @@
 // typed key by key until the shell's answer is on screen.
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
-#include <sys/wait.h>
 #include <webkit/webkit.h>
 
 #include <cstdlib>
@@ -39,11 +38,6 @@ struct ChosenFolders final : FolderPicking {
     int shown = 0;
 };
 
-bool run(const std::string& command) {
-    int status = std::system(command.c_str());
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
 // A small repository with one commit and one change, so that the explorer
 // and the git panel have something to show.
 void makeProject(const std::string& folder) {
@@ -51,7 +45,8 @@ void makeProject(const std::string& folder) {
     ASSERT_TRUE(writeFileAtomically(folder + "/README.md", "# demo\n"));
     ASSERT_TRUE(writeFileAtomically(folder + "/src/main.cpp", "int main() { return 0; }\n"));
     std::string git = "git -C '" + folder + "' -c user.name=velko -c user.email=velko@example.invalid ";
-    ASSERT_TRUE(run(git + "init -q -b main && " + git + "add -A && " + git + "commit -q -m 'Start the demo'"));
+    std::string start = git + "init -q -b main && " + git + "add -A && " + git + "commit -q -m 'Start the demo'";
+    ASSERT_EQ(std::system(start.c_str()), 0);
     ASSERT_TRUE(writeFileAtomically(folder + "/README.md", "# demo\n\nChanged.\n"));
 }
 

@@ -86,16 +86,6 @@ TEST_F(StoreFixture, OpeningFoldersDeduplicatesAndAbbreviatesTheHomeDirectory) {
     EXPECT_EQ(store->config().activeProjectID, more[0].id) << "the first selected folder becomes active";
 }
 
-TEST_F(StoreFixture, OpeningWhileOnlySamplesAreInMemoryReplacesThem) {
-    ConfigStore store(storage);  // never bootstrapped: the samples
-    ASSERT_EQ(store.config().projects.size(), 3u);
-    auto opened = store.openProjects({folder("Projects/velko/app")});
-    ASSERT_EQ(opened.size(), 1u);
-    EXPECT_NE(opened[0].id, ProjectMetadata::samples()[0].id) << "a sample's path still makes a new project";
-    EXPECT_EQ(names(store.config().projects), std::vector<std::string>{"app"});
-    EXPECT_EQ(store.config().cliSessions.size(), 1u);
-}
-
 TEST_F(StoreFixture, ClosingAndResumingFollowTheResumeList) {
     auto store = bootstrapped();
     int publications = 0;
@@ -199,7 +189,7 @@ TEST_F(StoreFixture, EveryChangePublishesInOrderRawThenNormalisedThenMirrored) {
     EXPECT_EQ(seenByFirst.size(), 3u) << "an unknown id changes nothing";
 }
 
-TEST_F(StoreFixture, CorruptFileKeepsSamplesInMemoryAndIsKeptAsideOnTheNextSave) {
+TEST_F(StoreFixture, CorruptFileKeepsSamplesInMemoryUntilAFolderReplacesThemAndIsKeptAside) {
     createDirectories(storage);
     std::string corrupt = "{\"projects\": [ {\"id\": 12} ]}";
     ASSERT_TRUE(writeFileAtomically(storage + "/config.json", corrupt));
@@ -208,7 +198,10 @@ TEST_F(StoreFixture, CorruptFileKeepsSamplesInMemoryAndIsKeptAsideOnTheNextSave)
     EXPECT_EQ(store.config().projects.size(), 3u) << "the samples stay visible";
     EXPECT_EQ(test::readFile(storage + "/config.json"), corrupt) << "nothing is written before a change";
 
-    store.openProjects({folder("a")});
+    auto opened = store.openProjects({folder("Projects/velko/app")});
+    EXPECT_NE(opened.at(0).id, ProjectMetadata::samples()[0].id) << "a sample's path still makes a new project";
+    EXPECT_EQ(names(store.config().projects), std::vector<std::string>{"app"});
+    EXPECT_EQ(store.config().cliSessions.size(), 1u);
     EXPECT_EQ(test::readFile(storage + "/config.json.bad"), corrupt);
     auto saved = parseJson(test::readFile(storage + "/config.json"));
     ASSERT_TRUE(saved);
