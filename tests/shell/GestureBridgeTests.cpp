@@ -11,8 +11,7 @@ namespace {
 
 int kWindow, kOtherWindow;  // identities only
 
-class FakeView final : public GestureViewing {
-public:
+struct FakeView final : GestureViewing {
     const void* window() const override { return inWindow ? &kWindow : nullptr; }
     double originX() const override { return 100; }
     double originY() const override { return 50; }
@@ -34,8 +33,7 @@ public:
     std::function<void(const MagnifyEvent&)> monitor;
 };
 
-class Recorder final : public GestureBridgeDelegate {
-public:
+struct Recorder final : GestureBridgeDelegate {
     void gestureBridgeDidDetect(const ColumnPinchEvent& event) override { events.push_back(event); }
     std::vector<ColumnPinchEvent> events;
 };
