@@ -77,8 +77,7 @@ protected:
 
     void writeConfiguration() {
         AppConfig config;
-        projectFolders.emplace_back(home.home() + "/first");
-        projectFolders.emplace_back(home.home() + "/second");
+        projectFolders = {home.home() + "/first", home.home() + "/second"};
         for (const auto& folder : projectFolders) createDirectories(folder);
         config.projects.push_back(ProjectMetadata{*Uuid::parse(kFirstId), kTrickyName, projectFolders[0], {}, {}});
         config.projects.push_back(ProjectMetadata{*Uuid::parse(kSecondId), "second", projectFolders[1], {}, {}});

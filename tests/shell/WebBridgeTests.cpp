@@ -10,19 +10,14 @@ using namespace velko;
 namespace {
 
 struct BridgeFixture : ::testing::Test {
-    void SetUp() override {
-        main = std::make_shared<ManualQueue>();
-        setMainQueue(main);
-        bridge = std::make_shared<WebBridge>();
-        view = std::make_shared<test::ScriptRecorder>();
-    }
+    void SetUp() override { setMainQueue(main); }
     void attachReadyView() {
         bridge->setWebView(view);
         bridge->notifyWebViewDidFinishNavigation();
     }
-    std::shared_ptr<ManualQueue> main;
-    std::shared_ptr<WebBridge> bridge;
-    std::shared_ptr<test::ScriptRecorder> view;
+    std::shared_ptr<ManualQueue> main = std::make_shared<ManualQueue>();
+    std::shared_ptr<WebBridge> bridge = std::make_shared<WebBridge>();
+    std::shared_ptr<test::ScriptRecorder> view = std::make_shared<test::ScriptRecorder>();
 };
 
 }  // namespace
