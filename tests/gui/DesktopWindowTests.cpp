@@ -43,19 +43,15 @@ const std::string kTrickyName = "it's \"velko\" \\ \\' \\\" a\nb\r\n\u2028\u2029
 const char* kFirstId = "A1B2C3D4-0000-4000-8000-000000000001";
 const char* kSecondId = "A1B2C3D4-0000-4000-8000-000000000002";
 
-std::vector<Json> receivedEvents(GtkWidget* view) {
+// The events the page has received, in order; only those of `type` when one is given.
+std::vector<Json> receivedEvents(GtkWidget* view, const std::string& type = "") {
     std::vector<Json> events;
     auto list = parseJson(evaluate(view, "window.__received || []"));
     if (!list || !list->is_array()) return events;
     for (const auto& text : *list)
-        if (auto event = parseJson(text.get<std::string>())) events.push_back(*event);
+        if (auto event = parseJson(text.get<std::string>()); event && (type.empty() || event->value("type", "") == type))
+            events.push_back(*event);
     return events;
-}
-
-size_t countOfType(const std::vector<Json>& events, const std::string& type) {
-    return static_cast<size_t>(std::count_if(events.begin(), events.end(), [&](const Json& e) {
-        return e.value("type", "") == type;
-    }));
 }
 
 class DesktopWindowTest : public ::testing::Test {
@@ -81,8 +77,7 @@ protected:
 
     void writeConfiguration() {
         AppConfig config;
-        projectFolders.emplace_back(home.home() + "/first");
-        projectFolders.emplace_back(home.home() + "/second");
+        projectFolders = {home.home() + "/first", home.home() + "/second"};
         for (const auto& folder : projectFolders) createDirectories(folder);
         config.projects.push_back(ProjectMetadata{*Uuid::parse(kFirstId), kTrickyName, projectFolders[0], {}, {}});
         config.projects.push_back(ProjectMetadata{*Uuid::parse(kSecondId), "second", projectFolders[1], {}, {}});
@@ -93,7 +88,7 @@ protected:
 
     // The page has asked for the configuration and got it.
     bool waitForPage() {
-        return pumpUntil([&] { return countOfType(receivedEvents(webView()), "app/config") >= 2; });
+        return pumpUntil([&] { return receivedEvents(webView(), "app/config").size() >= 2; });
     }
 
     GtkWidget* webView() const { return window->webView(); }
@@ -127,8 +122,8 @@ TEST_F(DesktopWindowTest, EventsQueuedBeforeLoadArriveInOrderAndByteForByte) {
     // Page -> bridge -> page: the page asks again and gets the snapshot.
     evaluate(webView(), "window.__received.length = 0, "
                         "window.webkit.messageHandlers.velko.postMessage({type: 'app/config/request'})");
-    ASSERT_TRUE(pumpUntil([&] { return countOfType(receivedEvents(webView()), "app/config") == 1; }));
-    auto answer = receivedEvents(webView());
+    ASSERT_TRUE(pumpUntil([&] { return receivedEvents(webView(), "app/config").size() == 1; }));
+    auto answer = receivedEvents(webView(), "app/config");
     EXPECT_EQ(answer[0]["payload"]["projects"][0].value("name", ""), kTrickyName);
     EXPECT_EQ(answer[0]["payload"].value("activeProjectId", ""), kFirstId);
 
@@ -147,7 +142,7 @@ TEST_F(DesktopWindowTest, EventsQueuedBeforeLoadArriveInOrderAndByteForByte) {
 
 TEST_F(DesktopWindowTest, KeysAndDropsReachThePageAndACrashedPageComesBackOnReload) {
     ASSERT_TRUE(waitForPage());
-    auto activations = [&] { return countOfType(receivedEvents(webView()), "project/activate"); };
+    auto activations = [&] { return receivedEvents(webView(), "project/activate").size(); };
     size_t before = activations();
 
     // The chord from the keyboard, through the X server and the window's key controller.
@@ -156,10 +151,7 @@ TEST_F(DesktopWindowTest, KeysAndDropsReachThePageAndACrashedPageComesBackOnRelo
     ASSERT_TRUE(pumpUntil([&] { return gtk_window_is_active(GTK_WINDOW(window->window())); }, std::chrono::seconds(10)));
     ASSERT_TRUE(test::pressRealChord({XK_Control_L, XK_Alt_L, XK_Right}));
     ASSERT_TRUE(pumpUntil([&] { return activations() == before + 1; }));
-    auto events = receivedEvents(webView());
-    auto last = std::find_if(events.rbegin(), events.rend(),
-                             [](const Json& e) { return e.value("type", "") == "project/activate"; });
-    EXPECT_EQ((*last)["payload"].value("id", ""), kSecondId);
+    EXPECT_EQ(receivedEvents(webView(), "project/activate").back()["payload"].value("id", ""), kSecondId);
 
     EXPECT_TRUE(window->handleKeyPress(GDK_KEY_Left, GDK_CONTROL_MASK | GDK_ALT_MASK));
     ASSERT_TRUE(pumpUntil([&] { return activations() == before + 2; }));
@@ -198,8 +190,8 @@ TEST_F(DesktopWindowTest, KeysAndDropsReachThePageAndACrashedPageComesBackOnRelo
     app->bridge().dispatchEvent("test/while-crashed", OrderedJson{{"n", 1}});
     EXPECT_TRUE(window->handleKeyPress(GDK_KEY_R, GDK_CONTROL_MASK | GDK_SHIFT_MASK));
     ASSERT_TRUE(pumpUntil([&] {
-        auto events = receivedEvents(webView());
-        return countOfType(events, "test/while-crashed") == 1 && countOfType(events, "app/config") >= 1;
+        return receivedEvents(webView(), "test/while-crashed").size() == 1 &&
+               !receivedEvents(webView(), "app/config").empty();
     }));
 }
 

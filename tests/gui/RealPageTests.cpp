@@ -6,7 +6,6 @@
 // typed key by key until the shell's answer is on screen.
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
-#include <sys/wait.h>
 #include <webkit/webkit.h>
 
 #include <cstdlib>
@@ -30,23 +29,14 @@ using test::screenCentre;
 
 namespace {
 
-class ChosenFolders final : public FolderPicking {
-public:
-    explicit ChosenFolders(std::vector<std::string> folders) : m_folders(std::move(folders)) {}
+struct ChosenFolders final : FolderPicking {
     void pickFolders(std::function<void(std::vector<std::string>)> completion) override {
         ++shown;
-        completion(m_folders);
+        completion(folders);
     }
+    std::vector<std::string> folders;
     int shown = 0;
-
-private:
-    std::vector<std::string> m_folders;
 };
-
-bool run(const std::string& command) {
-    int status = std::system(command.c_str());
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
 
 // A small repository with one commit and one change, so that the explorer
 // and the git panel have something to show.
@@ -55,7 +45,8 @@ void makeProject(const std::string& folder) {
     ASSERT_TRUE(writeFileAtomically(folder + "/README.md", "# demo\n"));
     ASSERT_TRUE(writeFileAtomically(folder + "/src/main.cpp", "int main() { return 0; }\n"));
     std::string git = "git -C '" + folder + "' -c user.name=velko -c user.email=velko@example.invalid ";
-    ASSERT_TRUE(run(git + "init -q -b main && " + git + "add -A && " + git + "commit -q -m 'Start the demo'"));
+    std::string start = git + "init -q -b main && " + git + "add -A && " + git + "commit -q -m 'Start the demo'";
+    ASSERT_EQ(std::system(start.c_str()), 0);
     ASSERT_TRUE(writeFileAtomically(folder + "/README.md", "# demo\n\nChanged.\n"));
 }
 
@@ -131,7 +122,8 @@ void openProjectAndType(KeyPath path, const std::string& screenshot) {
     DesktopWindow::Options options;
     options.resourceDirectory = resources;
     auto window = DesktopWindow::create(*app, nullptr, options);
-    auto picker = std::make_shared<ChosenFolders>(std::vector<std::string>{project});
+    auto picker = std::make_shared<ChosenFolders>();
+    picker->folders = {project};
     app->bridge().setFolderPicker(picker);
     window->present();
     GtkWidget* view = window->webView();

@@ -29,15 +29,6 @@ size_t processesOf(const std::string& path) {
     return count;
 }
 
-bool waitUntil(const std::function<bool()>& done) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        usleep(100000);
-    }
-    return true;
-}
-
 }  // namespace
 
 TEST(SignInHandOff, ASecondVelkoForwardsTheRedirectToTheFirstAndExits) {
@@ -67,10 +58,11 @@ TEST(SignInHandOff, ASecondVelkoForwardsTheRedirectToTheFirstAndExits) {
     pid_t first = spawnChild({program});
     ASSERT_GT(first, 0);
     std::string log = cacheDirectory() + "/security-events.log";
-    bool signedIn = waitUntil([&] { return readFile(log).find("\"oauthSuccess\"") != std::string::npos; });
+    const auto minute = std::chrono::seconds(60);
+    bool signedIn = waitUntil([&] { return readFile(log).find("\"oauthSuccess\"") != std::string::npos; }, minute);
     EXPECT_TRUE(signedIn) << readFile(log) << readFile(cacheDirectory() + "/velko-webview.log");
     // The second one, started by the link, forwarded it and is gone; the first runs on.
-    EXPECT_TRUE(waitUntil([&] { return processesOf(program) == 1; }));
+    EXPECT_TRUE(waitUntil([&] { return processesOf(program) == 1; }, minute));
 
     EXPECT_EQ(keyringItems("app.velko.github.oauth"), 1u) << "no token stored";
 

@@ -1,27 +1,15 @@
 #!/usr/bin/env bash
 # Runs one gui test program on a virtual display. Exit 77 (reported by CTest
-# as "Skipped") when there is neither a display nor Xvfb.
-#
-# The environment a headless machine needs, documented here rather than built
-# into velko:
-#   Xvfb -displayfd 3 -screen 0 1600x1000x24    a private X display per run
-#   GDK_BACKEND=x11                             Xvfb is an X server
-#   WEBKIT_DISABLE_SANDBOX_THIS_IS_DANGEROUS=1  the web process sandbox
-#                                               (bubblewrap) cannot start as
-#                                               root inside a container
-#   LIBGL_ALWAYS_SOFTWARE=1                     no GPU: Mesa's software renderer
-#   DBUS_SESSION_BUS_ADDRESS=disabled:          no session bus, so the program
-#                                               runs as its own instance and
-#                                               never forwards to another velko
-#   GSETTINGS_BACKEND=memory, NO_AT_BRIDGE=1    no dconf or accessibility bus
+# as "Skipped") when there is neither a display nor Xvfb. The environment a
+# headless machine needs is set here rather than built into velko.
 set -uo pipefail
 
-export GDK_BACKEND=x11
-export WEBKIT_DISABLE_SANDBOX_THIS_IS_DANGEROUS=1
-export LIBGL_ALWAYS_SOFTWARE=1
-export DBUS_SESSION_BUS_ADDRESS=disabled:
-export GSETTINGS_BACKEND=memory
-export NO_AT_BRIDGE=1
+export GDK_BACKEND=x11                            # Xvfb is an X server
+export WEBKIT_DISABLE_SANDBOX_THIS_IS_DANGEROUS=1 # bubblewrap cannot start as root in a container
+export LIBGL_ALWAYS_SOFTWARE=1                    # no GPU: Mesa's software renderer
+export DBUS_SESSION_BUS_ADDRESS=disabled:         # its own instance, never forwarding to another velko
+export GSETTINGS_BACKEND=memory                   # no dconf
+export NO_AT_BRIDGE=1                             # no accessibility bus
 
 if [ -n "${VELKO_GUI_USE_DISPLAY:-}" ] && [ -n "${DISPLAY:-}" ]; then
   exec "$@"
@@ -55,6 +43,4 @@ if [ -z "$number" ]; then
   exit 1
 fi
 export DISPLAY=":$number"
-"$@"
-status=$?
-exit "$status"
+"$@"  # its status is the script's: the clean-up on exit keeps it

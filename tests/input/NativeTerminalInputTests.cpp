@@ -12,8 +12,7 @@ constexpr uint32_t kShift = kModifierShift, kCtrl = kModifierControl, kAlt = kMo
                    kSuper = kModifierSuper;
 const Uuid kSession = *Uuid::parse("0F0E0D0C-0000-4000-8000-00000000000A");
 
-class FakeSources final : public InputSourceServicing {
-public:
+struct FakeSources final : InputSourceServicing {
     std::optional<InputSourceInfo> current, currentASCII, japanese;
     std::optional<std::vector<InputSourceInfo>> all = std::vector<InputSourceInfo>{};
     bool selectAnswers = true;
@@ -31,8 +30,7 @@ public:
     }
 };
 
-class FakeTarget final : public NativeTerminalTarget {
-public:
+struct FakeTarget final : NativeTerminalTarget {
     std::optional<Uuid> active;
     std::vector<std::pair<Uuid, std::string>> writes;
     std::optional<Uuid> activeInputSessionID() const override { return active; }
@@ -106,14 +104,11 @@ TEST(NativeTerminalInput, CompositionFollowsASCIICapabilityThenTypeThenModeID) {
 }
 
 TEST(NativeTerminalInput, SourcesForEachModeAreChosenInOrder) {
-    auto disabled = layout("disabled-us");
-    disabled.isEnabled = false;
-    auto unselectable = layout("unselectable-us");
-    unselectable.isSelectCapable = std::nullopt;
-    auto unknownEnabled = layout("de");
-    unknownEnabled.isEnabled = std::nullopt;
-    auto japaneseLayout = layout("jp-layout");
-    japaneseLayout.isASCIICapable = std::nullopt;
+    // Fields: id, enabled, selectable, ASCII-capable, then the input method's type and mode.
+    const InputSourceInfo disabled{"disabled-us", false, true, true, std::nullopt, std::nullopt},
+        unselectable{"unselectable-us", true, std::nullopt, true, std::nullopt, std::nullopt},
+        unknownEnabled{"de", std::nullopt, true, true, std::nullopt, std::nullopt},
+        japaneseLayout{"jp-layout", true, true, std::nullopt, std::nullopt, std::nullopt};
 
     struct Case {
         const char* name;

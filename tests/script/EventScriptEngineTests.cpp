@@ -60,12 +60,24 @@ struct ScriptFixture : ::testing::Test {
 }  // namespace
 
 TEST_F(ScriptFixture, HostileTextArrivesInThePageByteForByte) {
+    // Long enough for the vector scan, with quotes and backslashes on and
+    // across its 16-byte steps.
+    std::string longText(70, 'x');
+    for (size_t at : {0, 15, 16, 17, 33, 50, 69}) longText[at] = at % 2 ? '\'' : '\\';
     const std::string texts[] = {
         "it's", "'); alert(1); ('", "back\\slash", "\\'", "\\\\''\\", "line\nbreak\r\n", "tab\tquote\"",
         "\xE2\x80\xA8 and \xE2\x80\xA9", "emoji \xF0\x9F\x98\x80", std::string("nul\0byte", 8), "</script>",
-        "\\u0041 not an escape", "日本語のテキスト",
+        "\\u0041 not an escape", "日本語のテキスト", longText,
     };
     for (const auto& text : texts) bridge->dispatchEvent("text", OrderedJson{{"text", text}});
+    // The headless program reads the same scripts back without an engine.
+    ASSERT_EQ(view->scripts.size(), std::size(texts));
+    for (size_t i = 0; i < std::size(texts); ++i) {
+        auto envelope = envelopeFromEventScript(view->scripts[i]);
+        ASSERT_TRUE(envelope.has_value()) << i;
+        EXPECT_EQ(Json::parse(*envelope)["payload"]["text"], texts[i]) << i;
+    }
+    EXPECT_FALSE(envelopeFromEventScript("alert(1)"));
     runScripts();
     ASSERT_EQ(engine.number("window.__velkoEventHistory.length"), static_cast<int>(std::size(texts)));
     for (size_t i = 0; i < std::size(texts); ++i) {

@@ -60,7 +60,6 @@ TEST(DashboardMessages, PayloadsReachTheControllerStrictlyTyped) {
 
 TEST(DashboardMessages, TheControllersAnswersBecomeTheThreeEvents) {
     test::BridgeHarness h;
-    h.clear();
     DashboardSnapshot snapshot;
     snapshot.generatedAt = std::chrono::sys_days(std::chrono::year{2024} / 3 / 31);
     snapshot.last30DayDeltaPercent = 150;

@@ -11,8 +11,7 @@ namespace {
 
 int kWindow, kOtherWindow;  // identities only
 
-class FakeView final : public GestureViewing {
-public:
+struct FakeView final : GestureViewing {
     const void* window() const override { return inWindow ? &kWindow : nullptr; }
     double originX() const override { return 100; }
     double originY() const override { return 50; }
@@ -34,8 +33,7 @@ public:
     std::function<void(const MagnifyEvent&)> monitor;
 };
 
-class Recorder final : public GestureBridgeDelegate {
-public:
+struct Recorder final : GestureBridgeDelegate {
     void gestureBridgeDidDetect(const ColumnPinchEvent& event) override { events.push_back(event); }
     std::vector<ColumnPinchEvent> events;
 };
@@ -137,10 +135,7 @@ TEST(GestureBridge, LocationIsInTheViewAndNormalised) {
         ASSERT_EQ(f.recorder->events.size(), c.expected ? 1u : 0u);
         if (!c.expected) continue;
         const auto& e = f.recorder->events[0];
-        EXPECT_DOUBLE_EQ(e.locationX, (*c.expected)[0]);
-        EXPECT_DOUBLE_EQ(e.locationY, (*c.expected)[1]);
-        EXPECT_DOUBLE_EQ(e.normalizedX, (*c.expected)[2]);
-        EXPECT_DOUBLE_EQ(e.normalizedY, (*c.expected)[3]);
+        EXPECT_EQ((std::array{e.locationX, e.locationY, e.normalizedX, e.normalizedY}), *c.expected);
         EXPECT_EQ(e.scaleFactor, 2);
         EXPECT_EQ(e.timestamp, f.now);
     }

@@ -37,8 +37,7 @@ TEST(KeyCommand, DropScriptCarriesStandardisedAbsolutePathsInOrder) {
 
 namespace {
 
-class FakeMonitoring final : public EventMonitoring {
-public:
+struct FakeMonitoring final : EventMonitoring {
     std::optional<MonitorHandle> installKeyDownMonitor(std::function<bool(const KeyPress&)> handler) override {
         keys.push_back(std::move(handler));
         return static_cast<int>(keys.size() + swipes.size());
@@ -53,8 +52,7 @@ public:
     std::vector<int> removed;
 };
 
-class FakeNativeKeys final : public NativeKeyHandling {
-public:
+struct FakeNativeKeys final : NativeKeyHandling {
     bool handleNativeKeyDown(const KeyPress& press) override {
         seen.push_back(press.keyval);
         return press.keyval == consumes;

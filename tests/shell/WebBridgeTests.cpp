@@ -10,19 +10,14 @@ using namespace velko;
 namespace {
 
 struct BridgeFixture : ::testing::Test {
-    void SetUp() override {
-        main = std::make_shared<ManualQueue>();
-        setMainQueue(main);
-        bridge = std::make_shared<WebBridge>();
-        view = std::make_shared<test::ScriptRecorder>();
-    }
+    void SetUp() override { setMainQueue(main); }
     void attachReadyView() {
         bridge->setWebView(view);
         bridge->notifyWebViewDidFinishNavigation();
     }
-    std::shared_ptr<ManualQueue> main;
-    std::shared_ptr<WebBridge> bridge;
-    std::shared_ptr<test::ScriptRecorder> view;
+    std::shared_ptr<ManualQueue> main = std::make_shared<ManualQueue>();
+    std::shared_ptr<WebBridge> bridge = std::make_shared<WebBridge>();
+    std::shared_ptr<test::ScriptRecorder> view = std::make_shared<test::ScriptRecorder>();
 };
 
 }  // namespace
@@ -119,29 +114,8 @@ TEST_F(BridgeFixture, ObserverSeesEveryPayloadAndDeliveryCallbacksRunOnceDeliver
     main->runUntilIdle();
     EXPECT_EQ(delivered, 1);
     bridge->dispatchEvent("x", OrderedJson{{"a", "b"}});
-    ASSERT_EQ(observed.size(), 2u);
-    EXPECT_EQ(observed[0], (std::pair<std::string, std::string>{"terminal/output", R"({"chunk":"aGk="})"}));
-    EXPECT_EQ(observed[1], (std::pair<std::string, std::string>{"x", R"({"a":"b"})"}));
-}
-
-TEST(EventScript, EscapingRoundTripsThroughTheHeadlessDecoder) {
-    const std::string texts[] = {
-        R"({"a":"it's"})", R"({"a":"back\\slash"})", "{\"a\":\"line\\nbreak\"}", R"({"a":"\\'mixed\\\\'"})",
-        "{\"a\":\"\xE2\x80\xA8\xE2\x80\xA9\"}", "",
-    };
-    for (const auto& text : texts) {
-        SCOPED_TRACE(text);
-        std::string script = buildEventScript(text);
-        EXPECT_EQ(envelopeFromEventScript(script), text);
-    }
-    // Long enough for the vector scan, with quotes and backslashes on and
-    // across its 16-byte steps.
-    std::string longText(70, 'x'), expected;
-    for (size_t at : {0, 15, 16, 17, 33, 50, 69}) longText[at] = at % 2 ? '\'' : '\\';
-    for (char c : longText) expected += (c == '\'' || c == '\\') ? std::string{'\\', c} : std::string{c};
-    for (const auto& [text, escaped] : {std::pair<std::string, std::string>{R"(a\'b)", R"(a\\\'b)"}, {longText, expected}})
-        EXPECT_EQ(escapeForScriptLiteral(text), escaped);
-    EXPECT_FALSE(envelopeFromEventScript("alert(1)"));
+    EXPECT_EQ(observed, (std::vector<std::pair<std::string, std::string>>{{"terminal/output", R"({"chunk":"aGk="})"},
+                                                                           {"x", R"({"a":"b"})"}}));
 }
 
 namespace {

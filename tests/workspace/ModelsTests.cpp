@@ -94,9 +94,7 @@ TEST(AppConfigDecoding, EncodingRoundTripsAndLeavesOutEmptyOptionalKeys) {
     ASSERT_TRUE(decoded.ok());
     EXPECT_EQ(decoded.value(), config);
 
-    AppConfig empty;
-    empty.activeProjectID.reset();
-    auto emptyJson = encodeAppConfig(empty);
+    auto emptyJson = encodeAppConfig(AppConfig{});
     EXPECT_TRUE(emptyJson["activeProjectID"].is_null());
     EXPECT_FALSE(emptyJson.contains("features"));
 }
