@@ -163,7 +163,7 @@ public:
 // median of their ratios holds still while other processes come and go.
 // velko's own CPU per MiB (every thread of the process) is printed beside it.
 void BM_OutputPath(benchmark::State& state) {
-    constexpr size_t kInputBytes = 2 << 20;
+    constexpr size_t kInputBytes = 8 << 20;
     constexpr double kInputMiB = kInputBytes / kMiB;
     const std::string input = writeInput("output.txt", escapeHeavy(kInputBytes));
     bench::SideBySide figure(state, {"terminal output path / PTY counting loop (speed)",
