@@ -452,6 +452,7 @@ void BM_SessionStart(benchmark::State& state) {
         // The session winds down on velko's threads; its CPU must not land
         // in the next turn, the bare shell's.
         for (int i = 0; i < 5000 && pid > 0 && ::kill(pid, 0) == 0; ++i) ::usleep(1000);
+        terminals.store->waitForSaves();  // the close's save, on the store's writer thread
         return started ? seconds : -1;
     };
     for (auto _ : state) {

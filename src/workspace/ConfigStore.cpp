@@ -10,6 +10,7 @@
 #include <map>
 #include <unordered_set>
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
@@ -20,6 +21,8 @@
 namespace velko {
 
 namespace {
+
+constexpr std::chrono::milliseconds kSaveDelay{100};
 
 const Logger& logger() {
     static const Logger log("app.velko.workspace", "config");
@@ -45,17 +48,43 @@ std::string abbreviateHome(const std::string& canonical, const std::string& home
 }  // namespace
 
 // The text waiting for the writer, and how many saves are not done yet.
+// The newest text not yet written, and whether a write is under way. The
+// writer thread and waitForSaves() each write only while no write is under
+// way, so an older text never lands after a newer one.
 struct ConfigStore::Saves {
+    std::string path;
+    std::string directory;
     std::mutex mutex;
-    std::condition_variable done;
+    std::condition_variable idle;
     std::optional<std::string> text;
-    int unfinished = 0;
+    bool writing = false;
+
+    // Writes the newest text, if one is still waiting.
+    void writeNewest() {
+        std::string newest;
+        {
+            std::unique_lock lock(mutex);
+            idle.wait(lock, [&] { return !writing; });
+            if (!text) return;
+            newest = std::move(*text);
+            text.reset();
+            writing = true;
+        }
+        createDirectories(directory);
+        if (!writeFileAtomically(path, newest, 0600))
+            logger().error("configuration could not be saved: " + std::string(std::strerror(errno)));
+        std::lock_guard lock(mutex);
+        writing = false;
+        idle.notify_all();
+    }
 };
 
 ConfigStore::ConfigStore(std::optional<std::string> storageDirectory)
     : m_saves(std::make_shared<Saves>()), m_writer(std::make_unique<SerialQueue>("app.velko.workspace.config")) {
     m_directory = storageDirectory ? *storageDirectory : dataDirectory();
     m_filePath = m_directory + "/config.json";
+    m_saves->path = m_filePath;
+    m_saves->directory = m_directory;
     createDirectories(m_directory);
     m_config = sampleConfiguration(homeDirectory());
 }
@@ -63,8 +92,9 @@ ConfigStore::ConfigStore(std::optional<std::string> storageDirectory)
 ConfigStore::~ConfigStore() { waitForSaves(); }
 
 void ConfigStore::waitForSaves() {
+    m_saves->writeNewest();  // what waits for its delay is written now
     std::unique_lock lock(m_saves->mutex);
-    m_saves->done.wait(lock, [&] { return m_saves->unfinished == 0; });
+    m_saves->idle.wait(lock, [&] { return !m_saves->writing; });
 }
 
 AppConfig ConfigStore::sampleConfiguration(const std::string& homePath) {
@@ -150,25 +180,13 @@ void ConfigStore::persistInBackground() {
     std::string text = dumpJson(encodeAppConfig(m_config));
     {
         std::lock_guard lock(m_saves->mutex);
-        const bool queued = m_saves->text.has_value();
+        const bool waiting = m_saves->text.has_value();
         m_saves->text = std::move(text);
-        if (queued) return;  // the save already queued takes the newer text
-        ++m_saves->unfinished;
+        if (waiting) return;  // the save already waiting takes the newer text
     }
-    m_writer->post([saves = m_saves, directory = m_directory, path = m_filePath] {
-        std::string text;
-        {
-            std::lock_guard lock(saves->mutex);
-            text = std::move(*saves->text);
-            saves->text.reset();
-        }
-        createDirectories(directory);
-        if (!writeFileAtomically(path, text, 0600))
-            logger().error("configuration could not be saved: " + std::string(std::strerror(errno)));
-        std::lock_guard lock(saves->mutex);
-        --saves->unfinished;
-        saves->done.notify_all();
-    });
+    // A moment's delay: a burst of changes (a drag, folders opened together)
+    // is one write, and a new shell starts without the disk's syncs beside it.
+    m_writer->postDelayed(kSaveDelay, [saves = m_saves] { saves->writeNewest(); });
 }
 
 template <typename F>

@@ -6,10 +6,10 @@
 // thread of the change (up to three publications per operation: the raw
 // change, the normalised value, the mirrored resume list). Saving is best
 // effort: a failed save is logged and the value in memory stays authoritative.
-// The file is written atomically on a writer thread of the store's own, so
-// that the main thread never waits for the disk (a save's syncs took longer
-// than starting a shell); saves queued behind a running one collapse into
-// the newest. A file that fails to decode is kept aside as "config.json.bad"
+// The file is written atomically a moment after a change, on a writer thread
+// of the store's own, so that the main thread never waits for the disk (a
+// save's syncs took longer than starting a shell) and a burst of changes is
+// one write. A file that fails to decode is kept aside as "config.json.bad"
 // before the first save replaces it.
 
 #include <functional>
@@ -56,7 +56,8 @@ public:
     void unsubscribe(size_t token);
 
     Status<ConfigStoreError> bootstrap();
-    // Blocks until every change made so far is on disk (or failed to be).
+    // Writes what waits for its moment now and blocks until every change
+    // made so far is on disk (or failed to be). At exit and in tests.
     void waitForSaves();
 
     std::optional<ProjectMetadata> project(const Uuid& id) const override;
