@@ -25,9 +25,9 @@
 #include <mutex>
 #include <vector>
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
-#include <ctime>
 #include <thread>
 #include <unordered_map>
 

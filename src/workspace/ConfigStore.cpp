@@ -7,12 +7,11 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <map>
-#include <unordered_set>
-
 #include <chrono>
 #include <condition_variable>
+#include <map>
 #include <mutex>
+#include <unordered_set>
 
 #include "core/Log.h"
 #include "core/Paths.h"
@@ -47,7 +46,6 @@ std::string abbreviateHome(const std::string& canonical, const std::string& home
 
 }  // namespace
 
-// The text waiting for the writer, and how many saves are not done yet.
 // The newest text not yet written, and whether a write is under way. The
 // writer thread and waitForSaves() each write only while no write is under
 // way, so an older text never lands after a newer one.
@@ -58,6 +56,13 @@ struct ConfigStore::Saves {
     std::condition_variable idle;
     std::optional<std::string> text;
     bool writing = false;
+
+    bool write(const std::string& contents) const {
+        createDirectories(directory);
+        if (writeFileAtomically(path, contents, 0600)) return true;
+        logger().error("configuration could not be saved: " + std::string(std::strerror(errno)));
+        return false;
+    }
 
     // Writes the newest text, if one is still waiting.
     void writeNewest() {
@@ -70,9 +75,7 @@ struct ConfigStore::Saves {
             text.reset();
             writing = true;
         }
-        createDirectories(directory);
-        if (!writeFileAtomically(path, newest, 0600))
-            logger().error("configuration could not be saved: " + std::string(std::strerror(errno)));
+        write(newest);
         std::lock_guard lock(mutex);
         writing = false;
         idle.notify_all();
@@ -165,13 +168,8 @@ void ConfigStore::keepBadFileAside() {
 
 Status<ConfigStoreError> ConfigStore::persist() {
     waitForSaves();  // a queued save must not land after this one
-    createDirectories(m_directory);
     keepBadFileAside();
-    std::string text = dumpJson(encodeAppConfig(m_config));
-    if (!writeFileAtomically(m_filePath, text, 0600)) {
-        logger().error("configuration could not be saved: " + std::string(std::strerror(errno)));
-        return fail(ConfigStoreError::WriteFailed);
-    }
+    if (!m_saves->write(dumpJson(encodeAppConfig(m_config)))) return fail(ConfigStoreError::WriteFailed);
     return Ok{};
 }
 
