@@ -2,6 +2,8 @@
 
 #include <glib.h>
 
+#include <mutex>
+
 namespace velko {
 
 void logMessage(LogLevel level, std::string_view subsystem, std::string_view category,
@@ -23,6 +25,10 @@ void logMessage(LogLevel level, std::string_view subsystem, std::string_view cat
         {"CATEGORY", cat.c_str(), -1},
         {"MESSAGE", text.c_str(), -1},
     };
+    // GLib's default writer stamps each line through localtime(), whose buffer
+    // is shared by the process: two of our threads logging at once raced on it.
+    static std::mutex writing;
+    std::lock_guard lock(writing);
     g_log_structured_array(flags, fields, G_N_ELEMENTS(fields));
 }
 
