@@ -343,11 +343,10 @@ std::optional<size_t> TerminalOutputNormalizer::consumePromptFiller(std::string_
     return cursor + 1;
 }
 
-std::string TerminalOutputNormalizer::normalize(std::string_view chunk, const DebugSink* debugSink) {
+std::string TerminalOutputNormalizer::normalize(std::string_view chunk) {
     if (chunk.empty()) return {};
     std::string out;
     normalizeInto(chunk, out);
-    if (debugSink && *debugSink) (*debugSink)(chunk, out);
     return out;
 }
 

@@ -13,7 +13,6 @@
 // A value owned by one session; used by its reader thread only. Never fails.
 
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -43,8 +42,6 @@ enum class ByteScan { Portable, Sse2, Avx2 };
 
 class TerminalOutputNormalizer {
 public:
-    using DebugSink = std::function<void(std::string_view raw, std::string_view normalized)>;
-
     // The 22 bytes zsh prints ahead of a prompt when output lacked a final newline.
     static const std::string_view kPromptFiller;
 
@@ -55,7 +52,7 @@ public:
     // A scan the CPU lacks falls back to the best one it has.
     explicit TerminalOutputNormalizer(ByteScan scan = bestByteScan());
 
-    std::string normalize(std::string_view chunk, const DebugSink* debugSink = nullptr);
+    std::string normalize(std::string_view chunk);
     // Same, appending to `out` (the hot path reuses one buffer).
     void normalizeInto(std::string_view chunk, std::string& out);
 
