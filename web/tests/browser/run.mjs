@@ -58,11 +58,8 @@ test('the columns follow the layout, with git appended, and widen by dragging th
 });
 
 test('tabs activate, close and reorder by dragging', async (ctx) => {
-  let a, b;
-  const { page, native } = await openPage(ctx, (n) => {
-    a = n.addProject('one');
-    b = n.addProject('two');
-  });
+  const { page, native } = await openPage(ctx, (n) => ['one', 'two'].forEach((name) => n.addProject(name)));
+  const [a, b] = native.projects;
   await page.waitForSelector('.project-tab.active >> text=two');
   // The fake side follows what the page posts: each change of the tabs shows only if it was asked right.
   await page.click('.project-tab >> text=one');
@@ -202,10 +199,8 @@ test('the git actions stay disabled while one runs, and a commit empties the mes
 });
 
 test('the graph draws a merge on two lanes, runs an unlisted parent off the bottom, and shows its failure', async (ctx) => {
-  let a, b;
   const { page, native } = await openPage(ctx, (n) => {
-    a = n.addProject('sigma');
-    b = n.addProject('tau');
+    const [a, b] = [n.addProject('sigma'), n.addProject('tau')];
     const node = (oid, lane, branchColor) => ({ oid, lane, branchColor, messageHeadline: `msg ${oid}`, authorName: 'Ann', committedDate: '2024-05-01T12:00:00Z' });
     n.graphs.set(b.id, {
       nodes: [node('m', 0, '#E57373'), node('f', 1, '#64B5F6'), node('p', 1, '#64B5F6')],
@@ -286,10 +281,8 @@ test('the account control signs in through the browser and signs out', async (ct
 });
 
 test('the dashboard opens from the top bar, ends its heatmap today in the user\'s zone, and a card opens its project', async (ctx) => {
-  let a, b;
   const { page, native } = await openPage(ctx, (n) => {
-    a = n.addProject('velko');
-    b = n.addProject('notes');
+    const [a, b] = [n.addProject('velko'), n.addProject('notes')];
     n.dashboardSnapshot = JSON.parse(JSON.stringify(loadFixture('dashboard.json')).replaceAll('PROJECT-0', a.id).replaceAll('PROJECT-1', b.id));
   }, {
     before: async (page) => {
@@ -324,21 +317,18 @@ test('the dashboard opens from the top bar, ends its heatmap today in the user\'
 });
 
 test('preview tabs: a drag reorders and is stored, a gone file stays marked', async (ctx) => {
-  let project;
-  const { page, native } = await openPage(ctx, (n) => {
-    project = n.addProject('phi', { 'a.ts': 'a', 'b.ts': 'b', 'c.ts': 'c' });
-  }, { before: (page) => page.addInitScript(() => localStorage.removeItem('velko.columnWidths')) });
+  const { page, native } = await openPage(ctx, (n) => n.addProject('phi', { 'a.ts': 'a', 'b.ts': 'b', 'c.ts': 'c' }), { before: (page) => page.addInitScript(() => localStorage.removeItem('velko.columnWidths')) });
   await page.waitForSelector('.project-tab.active >> text=phi');
   const tab = (id, path) => ({ id, path, title: path, isDirty: false, viewMode: 'source', lastOpenedAt: 1714500000000 });
-  await native.send('previewTab:hydrate', { projectId: project.id, snapshot: { activeTabId: 't1', tabs: [tab('t1', 'a.ts'), tab('t2', 'gone.ts'), tab('t3', 'b.ts')], version: 1 } });
-  await native.send('previewTab:warning', { projectId: project.id, tabs: [{ tabId: 't2', path: 'gone.ts', code: 'file_missing', message: 'ファイルが見つかりません' }] });
+  await native.send('previewTab:hydrate', { projectId: native.activeProjectId, snapshot: { activeTabId: 't1', tabs: [tab('t1', 'a.ts'), tab('t2', 'gone.ts'), tab('t3', 'b.ts')], version: 1 } });
+  await native.send('previewTab:warning', { projectId: native.activeProjectId, tabs: [{ tabId: 't2', path: 'gone.ts', code: 'file_missing', message: 'ファイルが見つかりません' }] });
   await page.waitForSelector('.cm-content >> text=a');
   assert.equal(await page.getAttribute('.doc-tab.missing', 'title'), 'gone.ts — ファイルが見つかりません');
   await page.dblclick('.tree-row:has-text("c.ts")');
   await page.waitForSelector('.doc-tab.active >> text=c.ts');
   await page.dragAndDrop('.doc-tab:has-text("c.ts")', '.doc-tab:has-text("a.ts")', { targetPosition: { x: 2, y: 10 } });
   const stored = await native.waitFor((m) => m.type === 'previewTabs/persist' && m.payload.snapshot.tabs[0].path === 'c.ts', 'persist after the drag');
-  assert.equal(stored.payload.projectId, project.id);
+  assert.equal(stored.payload.projectId, native.activeProjectId);
   assert.deepEqual(stored.payload.snapshot.tabs.map((t) => t.path), ['c.ts', 'a.ts', 'gone.ts', 'b.ts']);
   assert.equal(stored.payload.snapshot.tabs.find((t) => t.path === 'c.ts').id, stored.payload.snapshot.activeTabId);
 });
@@ -393,8 +383,7 @@ test('without a native channel the page loads and logs instead of crashing', asy
 
 test('the shipped page puts nothing on window beyond the bridge protocol', async (ctx) => {
   const { page, native } = await openPage(ctx, (n) => n.addProject('xi'), { url: ctx.shippedUrl });
-  const session = native.sessions[0];
-  await page.waitForSelector(`.term-host[data-session="${session.id}"] .xterm`);
+  await page.waitForSelector(`.term-host[data-session="${native.sessions[0].id}"] .xterm`);
   await page.evaluate(dropScript(['/tmp/x']));
   // __velkoTestPost is this harness's stand-in for the native channel.
   const globals = await page.evaluate(() => Object.getOwnPropertyNames(window).filter((k) => k.startsWith('__velko')).sort());
