@@ -21,7 +21,7 @@ async function load(ctx, native, { channel = true, before, url = ctx.url } = {})
   const logs = [];
   page.on('pageerror', (e) => ctx.errors.push(e));
   page.on('console', (m) => logs.push(m.text()));
-  native.attach(page);
+  native.page = page;
   if (channel) await installChannel(page, (m) => native.handle(m));
   if (before) await before(page);
   await page.goto(url);
@@ -36,7 +36,6 @@ async function openPage(ctx, setup = () => undefined, options = {}) {
   return load(ctx, native, options);
 }
 
-/** Waits until the session's terminal buffer holds `text`. */
 async function waitForTerminalText(page, sessionId, text) {
   await page.waitForFunction(([id, t]) => window.__velkoTest.terminalText(id)?.includes(t), [sessionId, text]);
 }
@@ -108,9 +107,8 @@ test('output is decoded and written in order, with the codex marker and a failur
   const { page, native } = await openPage(ctx, (n) => n.addProject('eps'));
   const session = native.sessions[0];
   await page.waitForSelector('.term-host:not([hidden]) .xterm');
-  const parts = ['hello ', '\x1b[31mred\x1b[0m ', 'wörld ', '日本', '語'];
   // Split a multi-byte character across two events, as a PTY read may.
-  const bytes = Buffer.from(parts.join(''), 'utf8');
+  const bytes = Buffer.from('hello \x1b[31mred\x1b[0m wörld 日本語', 'utf8');
   const cut = bytes.length - 2;
   await native.send('terminal/output', { sessionId: session.id, chunk: bytes.subarray(0, cut).toString('base64'), encoding: 'base64' });
   await native.send('terminal/output', { sessionId: session.id, chunk: bytes.subarray(cut).toString('base64'), encoding: 'base64' });
