@@ -128,10 +128,7 @@ export class FakeNative extends NativeStandIn {
       case 'git/commit': {
         if (this.holdGit) await this.holdGit;
         const g = this.git.get(payload.projectId);
-        g.staged = [];
-        g.unstaged = [];
-        g.untracked = [];
-        g.ahead += 1;
+        Object.assign(g, { staged: [], unstaged: [], untracked: [], ahead: g.ahead + 1 });
         await this.send('git/result', { success: true, message: 'コミットしました' });
         return this.sendStatus(payload.projectId);
       }

@@ -5,11 +5,8 @@ import { eventScript } from '../injectedScript.mjs';
 
 export class NativeStandIn {
   messages = [];
+  /** The page the events go to. */
   page = undefined;
-
-  attach(page) {
-    this.page = page;
-  }
 
   /** Delivers one event the way the native side does, through the event script. */
   send(type, payload) {

@@ -7,7 +7,6 @@
 import fs from 'node:fs';
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
-import { eventScript } from '../injectedScript.mjs';
 import { NativeStandIn } from './postedMessages.mjs';
 
 const here = path.dirname(fileURLToPath(import.meta.url));
@@ -77,11 +76,6 @@ export class RecordedNative extends NativeStandIn {
     /** Typed input per session not yet answered. */
     this.typed = new Map();
     this.unanswered = [];
-  }
-
-  /** Scripts that park the program's start-up events before the page loads. */
-  startupScripts() {
-    return this.recording.startup.map((e) => eventScript(e.type, e.payload));
   }
 
   async replay(events) {

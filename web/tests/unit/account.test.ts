@@ -4,10 +4,9 @@ import { fakeApp } from './fakeApp';
 const connected = { status: 'connected', account: { login: 'octo', avatarUrl: 'https://avatars.example/u/1' }, expiresAt: '2030-01-01T00:00:00Z' };
 const octo = { status: 'connected', login: 'octo', avatarUrl: 'https://avatars.example/u/1' };
 
-type Start = 'disconnected' | 'pending' | 'connected';
 interface Case {
   name: string;
-  from: Start;
+  from: 'disconnected' | 'pending' | 'connected';
   event: [string, unknown];
   view: { status: string; login?: string; avatarUrl?: string };
   toast?: [string, string];

@@ -65,9 +65,7 @@ describe('Bridge', () => {
     new Bridge(h).log('warning', 'hello', { a: 1 });
     expect(h.posted).toEqual([{ type: 'webview/log', level: 'warning', source: 'web', message: 'hello', payload: { a: 1 } }]);
   });
-});
 
-describe('Bridge with the native event script', () => {
   it('receives text with quotes, backslashes and line breaks byte for byte, parked or live', async () => {
     const { eventScript } = await import('../injectedScript.mjs');
     const w = window as unknown as BridgeHost & { __velkoEventHistory?: unknown[] };

@@ -34,9 +34,7 @@ describe('opening files', () => {
   // Text, images and a missing file, as the program sends them, are in the recorded browser journeys.
   it('leaves open documents alone on a rename failure and drops content nobody asked for', () => {
     const opening = ed.openRequested(ed.initialEditor, P1, 'src/a.ts');
-    // Rename failures carry a code and leave open documents alone.
     expect(ed.applyFileEvent(opening, 'project/file/error', { projectId: P1, path: 'src/a.ts', message: 'x', code: 'rename_conflict' })).toBe(opening);
-    // Content for a file we never asked for is dropped.
     expect(ed.applyFileEvent(ed.initialEditor, 'project/file/content', { projectId: P1, path: 'z', content: 'q' })).toBe(ed.initialEditor);
   });
 

@@ -1,9 +1,8 @@
 import { describe, expect, it } from 'vitest';
 import { mountGit } from '../../src/ui/git/column';
 import { fakeApp } from './fakeApp';
-import { P1, P2 } from './ids';
+import { P1, P2, project } from './ids';
 
-const project = (id: string, name: string) => ({ id, name, rootPath: `~/${name}`, explorerExcludedPaths: [] });
 const status = (projectId: string) => ({ projectId, branch: 'main', ahead: 0, behind: 0, staged: [], unstaged: [{ path: 'README.md', status: ' M' }], untracked: [] });
 const diff = (projectId: string, line: string) => ({ projectId, files: [{ path: 'README.md', stage: 'unstaged', additions: 1, deletions: 0, isBinary: false, patch: `@@ -1 +1 @@\n${line}\n` }] });
 

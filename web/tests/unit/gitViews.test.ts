@@ -4,7 +4,7 @@ import type { GraphEdge, GraphNode } from '../../src/state/graph';
 import { projectGraph } from '../../src/state/graph';
 import { projectHistory } from '../../src/state/history';
 import { fakeApp } from './fakeApp';
-import { P1 } from './ids';
+import { P1, project } from './ids';
 
 const x = (lane: number) => GRAPH_PAD + lane * GRAPH_LANE;
 const y = (row: number) => row * GRAPH_ROW + GRAPH_ROW / 2;
@@ -44,7 +44,7 @@ describe('graph geometry', () => {
 describe('failures of the history and the graph', () => {
   it('belong to their views, not to a running action', () => {
     const { app, send, take } = fakeApp();
-    send('app/config', { projects: [{ id: P1, name: 'a', rootPath: '~/a', explorerExcludedPaths: [] }], activeProjectId: P1 });
+    send('app/config', { projects: [project(P1, 'a')], activeProjectId: P1 });
     app.showHistory(P1);
     app.loadGraph(P1);
     const [barrier] = take('git/refresh/barrier') as { requestId: string }[];

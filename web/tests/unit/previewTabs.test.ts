@@ -1,9 +1,8 @@
 import { afterEach, beforeEach, describe, expect, it, vi } from 'vitest';
 import * as ed from '../../src/state/editor';
 import { fakeApp } from './fakeApp';
-import { P1, P2 } from './ids';
+import { P1, P2, project } from './ids';
 
-const project = (id: string, name: string) => ({ id, name, rootPath: `~/${name}`, explorerExcludedPaths: [] });
 const tab = (id: string, path: string, viewMode = 'source', lastOpenedAt = 1) => ({ id, path, title: path.split('/').pop(), isDirty: false, viewMode, lastOpenedAt });
 
 function workspace(projects = [project(P1, 'a'), project(P2, 'b')], active = P1) {
@@ -27,8 +26,7 @@ describe('preview tabs', () => {
     expect(persisted()).toEqual([]);
     vi.advanceTimersByTime(400);
     const first = persisted();
-    expect(first).toHaveLength(1);
-    expect(first[0]!.projectId).toBe(P1);
+    expect(first.map((p) => p.projectId)).toEqual([P1]);
     expect(first[0]!.snapshot.tabs.map((t) => [t.path, t.viewMode])).toEqual([['README.md', 'markdown'], ['logo.png', 'rendered'], ['src/a.ts', 'source']]);
     const ids = app.editor.get().docs.map((d) => d.tabId);
     expect(first[0]!.snapshot).toMatchObject({ activeTabId: ids[2], version: 1 });

@@ -1,9 +1,8 @@
 import { describe, expect, it } from 'vitest';
 import { applyActivation, applyConfig, initialWorkspace, reorderIds } from '../../src/state/workspace';
 import { fakeApp } from './fakeApp';
-import { P1, P2, P3, S1 } from './ids';
+import { P1, P2, P3, S1, project } from './ids';
 
-const project = (id: string, name: string) => ({ id, name, rootPath: `~/${name}`, explorerExcludedPaths: [] });
 
 describe('app/config', () => {
   it('replaces the whole workspace, so nothing of an earlier snapshot survives', () => {
@@ -12,7 +11,6 @@ describe('app/config', () => {
       activeProjectId: P2,
       columnLayout: ['explorer', 'terminal', 'git'],
       cliSessions: [{ id: S1, title: 'CLI #1', workingDirectory: '/x', projectId: P2, status: 'pending' }],
-      features: ['terminal.v2'],
       hasSavedWorkspace: true,
       resumeProjects: [project(P1, 'a'), project(P2, 'b')],
     });
