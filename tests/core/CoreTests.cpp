@@ -2,8 +2,6 @@
 #include <glib.h>
 
 #include <atomic>
-#include <condition_variable>
-#include <deque>
 #include <future>
 #include <thread>
 
@@ -21,30 +19,25 @@ using namespace velko;
 TEST(Uuid, ParsesCanonicalTextOfEitherCaseAndRefusesTheRest) {
     struct Case {
         const char* text;
-        const char* canonical;  // nullptr: refused
+        const char* canonical;  // "": refused
     };
     const Case cases[] = {
         {"AAAAAAAA-BBBB-CCCC-DDDD-EEEEEEEEEEE0", "AAAAAAAA-BBBB-CCCC-DDDD-EEEEEEEEEEE0"},
         {"0f8fad5b-d9cb-469f-a165-70867728950e", "0F8FAD5B-D9CB-469F-A165-70867728950E"},
         {"0F8FAD5B-d9cb-469F-a165-70867728950E", "0F8FAD5B-D9CB-469F-A165-70867728950E"},
-        {"", nullptr},
-        {"0F8FAD5B-D9CB-469F-A165-70867728950", nullptr},      // short
-        {"0F8FAD5B-D9CB-469F-A165-70867728950E0", nullptr},    // long
-        {"0F8FAD5BD9CB-469F-A165-70867728950E-", nullptr},     // dashes misplaced
-        {"0F8FAD5G-D9CB-469F-A165-70867728950E", nullptr},     // not hex
-        {"{0F8FAD5B-D9CB-469F-A165-70867728950E}", nullptr},   // braces
-        {" 0F8FAD5B-D9CB-469F-A165-70867728950E", nullptr},    // blank
-        {"0F8FAD5B+D9CB-469F-A165-70867728950E", nullptr},
+        {"", ""},
+        {"0F8FAD5B-D9CB-469F-A165-70867728950", ""},     // short
+        {"0F8FAD5B-D9CB-469F-A165-70867728950E0", ""},   // long
+        {"0F8FAD5BD9CB-469F-A165-70867728950E-", ""},    // dashes misplaced
+        {"0F8FAD5G-D9CB-469F-A165-70867728950E", ""},    // not hex
+        {"{0F8FAD5B-D9CB-469F-A165-70867728950E}", ""},  // braces
+        {" 0F8FAD5B-D9CB-469F-A165-70867728950E", ""},   // blank
+        {"0F8FAD5B+D9CB-469F-A165-70867728950E", ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.text);
         auto id = Uuid::parse(c.text);
-        if (!c.canonical) {
-            EXPECT_FALSE(id);
-            continue;
-        }
-        ASSERT_TRUE(id);
-        EXPECT_EQ(id->toString(), c.canonical);
+        EXPECT_EQ(id ? id->toString() : "", c.canonical);
     }
 }
 
@@ -176,44 +169,12 @@ TEST(Queues, SerialQueueRunsTasksInOrderAndTimersByDeadline) {
     EXPECT_FALSE(queue.isCurrent());
 }
 
-namespace {
-
-// Stands in for the main queue where a test must wait for something to be
-// posted to it from another thread.
-class WaitableQueue final : public TaskQueue {
-public:
-    void post(Task task) override {
-        {
-            std::lock_guard lock(m_mutex);
-            m_tasks.push_back(std::move(task));
-        }
-        m_posted.notify_all();
-    }
-    void postDelayed(Duration, Task task) override { post(std::move(task)); }
-    bool isCurrent() const override { return false; }
-    Task next() {
-        std::unique_lock lock(m_mutex);
-        m_posted.wait(lock, [&] { return !m_tasks.empty(); });
-        Task task = std::move(m_tasks.front());
-        m_tasks.pop_front();
-        return task;
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_posted;
-    std::deque<Task> m_tasks;
-};
-
-}  // namespace
-
 // A service dropped by its own last task takes its queue with it, on the
 // queue's own thread: the work posted before still runs, nothing reads freed
 // memory, and the thread is joined on the main queue (the sanitizer runs
 // report a use after free or a thread never joined).
 TEST(Queues, AQueueReleasedByItsOwnTaskFinishesItsWorkAndIsJoined) {
-    auto main = std::make_shared<WaitableQueue>();
-    setMainQueue(main);
+    setMainQueue(std::make_shared<GlibMainQueue>());
     struct Case {
         const char* name;
         bool concurrent;
@@ -247,7 +208,7 @@ TEST(Queues, AQueueReleasedByItsOwnTaskFinishesItsWorkAndIsJoined) {
         queue.reset();
         open.set_value();
         last.get_future().wait();
-        main->next()();  // the join: returns once the worker has left
+        g_main_context_iteration(nullptr, TRUE);  // the join: returns once the worker has left
         EXPECT_EQ(ran.load(), 2);
         EXPECT_TRUE(weak.expired());
     }

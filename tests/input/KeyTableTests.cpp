@@ -4,9 +4,7 @@
 
 using namespace velko;
 
-namespace {
 constexpr uint32_t kCtrl = kModifierControl, kShift = kModifierShift, kAlt = kModifierAlt;
-}  // namespace
 
 TEST(KeyTable, ZoomKeysBecomeThePagesKeysWithCtrlAndNeverWithAlt) {
     struct Case {

@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 #include <jsc/jsc.h>
 
-#include "core/MainQueue.h"
-#include "shell/WebBridge.h"
-#include "support/TestSupport.h"
+#include "shell/BridgeHarness.h"
 
 using namespace velko;
 
@@ -42,18 +40,11 @@ private:
 };
 
 struct ScriptFixture : ::testing::Test {
-    void SetUp() override {
-        setMainQueue(main);
-        bridge->setWebView(view);
-        bridge->notifyWebViewDidFinishNavigation();
-    }
     void runScripts() {
-        for (const auto& script : view->scripts) engine.evaluate(script);
-        view->scripts.clear();
+        for (const auto& script : h.view->scripts) engine.evaluate(script);
+        h.view->scripts.clear();
     }
-    std::shared_ptr<ManualQueue> main = std::make_shared<ManualQueue>();
-    std::shared_ptr<WebBridge> bridge = std::make_shared<WebBridge>();
-    std::shared_ptr<test::ScriptRecorder> view = std::make_shared<test::ScriptRecorder>();
+    test::BridgeHarness h;
     ScriptEngine engine;
 };
 
@@ -69,11 +60,11 @@ TEST_F(ScriptFixture, HostileTextArrivesInThePageByteForByte) {
         "\xE2\x80\xA8 and \xE2\x80\xA9", "emoji \xF0\x9F\x98\x80", std::string("nul\0byte", 8), "</script>",
         "\\u0041 not an escape", "日本語のテキスト", longText,
     };
-    for (const auto& text : texts) bridge->dispatchEvent("text", OrderedJson{{"text", text}});
+    for (const auto& text : texts) h.bridge->dispatchEvent("text", OrderedJson{{"text", text}});
     // The headless program reads the same scripts back without an engine.
-    ASSERT_EQ(view->scripts.size(), std::size(texts));
+    ASSERT_EQ(h.view->scripts.size(), std::size(texts));
     for (size_t i = 0; i < std::size(texts); ++i) {
-        auto envelope = envelopeFromEventScript(view->scripts[i]);
+        auto envelope = envelopeFromEventScript(h.view->scripts[i]);
         ASSERT_TRUE(envelope.has_value()) << i;
         EXPECT_EQ(Json::parse(*envelope)["payload"]["text"], texts[i]) << i;
     }
@@ -88,13 +79,13 @@ TEST_F(ScriptFixture, HostileTextArrivesInThePageByteForByte) {
 }
 
 TEST_F(ScriptFixture, EventsWaitInThePageUntilItsDispatcherExistsAndHistoryKeepsTheNewest200) {
-    bridge->dispatchEvent("early", OrderedJson{{"n", 0}});
+    h.bridge->dispatchEvent("early", OrderedJson{{"n", 0}});
     runScripts();
     EXPECT_EQ(engine.number("window.__velkoPendingEvents.length"), 1);
     EXPECT_EQ(engine.number("window.__velkoEventHistory.length"), 1);
 
     engine.evaluate("window.received = []; window.__velko__ = { dispatch: function (e) { window.received.push(e); } };");
-    for (int i = 1; i <= 200; ++i) bridge->dispatchEvent("late", OrderedJson{{"n", i}});
+    for (int i = 1; i <= 200; ++i) h.bridge->dispatchEvent("late", OrderedJson{{"n", i}});
     runScripts();
     EXPECT_EQ(engine.number("window.received.length"), 200);
     EXPECT_EQ(engine.number("window.__velkoPendingEvents.length"), 1) << "delivered events are not queued";

@@ -5,10 +5,6 @@
 
 using namespace velko;
 
-namespace {
-constexpr uint32_t kCtrl = kModifierControl, kShift = kModifierShift, kAlt = kModifierAlt;
-}  // namespace
-
 TEST(KeyCommand, DropScriptCarriesStandardisedAbsolutePathsInOrder) {
     struct Case {
         std::vector<std::string> paths;
@@ -36,6 +32,8 @@ TEST(KeyCommand, DropScriptCarriesStandardisedAbsolutePathsInOrder) {
 }
 
 namespace {
+
+constexpr uint32_t kCtrl = kModifierControl, kShift = kModifierShift, kAlt = kModifierAlt;
 
 struct FakeMonitoring final : EventMonitoring {
     std::optional<MonitorHandle> installKeyDownMonitor(std::function<bool(const KeyPress&)> handler) override {

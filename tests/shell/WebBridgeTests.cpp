@@ -11,10 +11,6 @@ namespace {
 
 struct BridgeFixture : ::testing::Test {
     void SetUp() override { setMainQueue(main); }
-    void attachReadyView() {
-        bridge->setWebView(view);
-        bridge->notifyWebViewDidFinishNavigation();
-    }
     std::shared_ptr<ManualQueue> main = std::make_shared<ManualQueue>();
     std::shared_ptr<WebBridge> bridge = std::make_shared<WebBridge>();
     std::shared_ptr<test::ScriptRecorder> view = std::make_shared<test::ScriptRecorder>();
@@ -48,14 +44,15 @@ TEST(WebBridgeRouting, MalformedBodiesAndNearMissesAreIgnoredAndAliasesKeepTheir
         EXPECT_EQ(h.journal, c.journal);
         EXPECT_TRUE(h.view->scripts.empty());
     }
-    // The same bridge answers a well-formed request, so the silence above is the router's.
-    test::BridgeHarness h;
-    h.send(R"({"type":"app/config/request","payload":7})");
-    EXPECT_EQ(h.view->types(), (std::vector<std::string>{"app/config", "github/oauth/status"}));
 }
 
-TEST_F(BridgeFixture, EventsWaitForTheFirstNavigationAndKeepTheirOrder) {
-    bridge->dispatchEvent("first", OrderedJson{{"n", 1}});
+TEST_F(BridgeFixture, EventsWaitForTheFirstNavigationKeepTheirOrderAndTheObserverSeesEach) {
+    std::vector<std::string> observed;
+    bridge->setEventObserver([&](const std::string& type, const std::string& payload) {
+        observed.push_back(type + " " + payload);
+    });
+    int delivered = 0;
+    bridge->dispatchEncodedEvent("first", R"({"type":"first","payload":{"n":1}})", [&] { ++delivered; });
     std::thread worker([&] {
         for (int i = 0; i < 50; ++i) bridge->dispatchEvent("worker", OrderedJson{{"n", i}});
     });
@@ -66,8 +63,10 @@ TEST_F(BridgeFixture, EventsWaitForTheFirstNavigationAndKeepTheirOrder) {
     bridge->setWebView(view);
     main->runUntilIdle();
     EXPECT_TRUE(view->scripts.empty()) << "a view that has not finished loading is not ready";
+    EXPECT_EQ(delivered, 0);
     bridge->notifyWebViewDidFinishNavigation();
     main->runUntilIdle();
+    EXPECT_EQ(delivered, 1);
     bridge->dispatchEvent("after", OrderedJson::object());
 
     auto envelopes = view->envelopes();
@@ -76,12 +75,16 @@ TEST_F(BridgeFixture, EventsWaitForTheFirstNavigationAndKeepTheirOrder) {
     for (int i = 0; i < 50; ++i) EXPECT_EQ(envelopes[1 + i]["payload"]["n"], i);
     EXPECT_EQ(envelopes.back()["type"], "after");
     EXPECT_EQ(bridge->pendingScriptCount(), 0u);
+    ASSERT_EQ(observed.size(), 52u);
+    EXPECT_EQ(observed.front(), R"(first {"n":1})");
+    EXPECT_EQ(observed.back(), "after {}");
 }
 
 TEST_F(BridgeFixture, ReloadWithEmptyQueueResendsTheConfigurationButFirstLoadDoesNot) {
     AppConfig config;
     bridge->updateConfigSnapshot(config);  // queued: no view yet
-    attachReadyView();
+    bridge->setWebView(view);
+    bridge->notifyWebViewDidFinishNavigation();
     main->runUntilIdle();
     EXPECT_EQ(view->types(), (std::vector<std::string>{"app/config", "github/oauth/status"}));
 
@@ -99,23 +102,6 @@ TEST_F(BridgeFixture, ReloadWithEmptyQueueResendsTheConfigurationButFirstLoadDoe
     bridge->notifyWebViewDidFinishNavigation();
     main->runUntilIdle();
     EXPECT_EQ(view->types(), (std::vector<std::string>{"app/config", "github/oauth/status"}));
-}
-
-TEST_F(BridgeFixture, ObserverSeesEveryPayloadAndDeliveryCallbacksRunOnceDelivered) {
-    std::vector<std::pair<std::string, std::string>> observed;
-    bridge->setEventObserver([&](const std::string& type, const std::string& payload) {
-        observed.emplace_back(type, payload);
-    });
-    int delivered = 0;
-    bridge->dispatchEncodedEvent("terminal/output", R"({"type":"terminal/output","payload":{"chunk":"aGk="}})",
-                                 [&] { ++delivered; });
-    EXPECT_EQ(delivered, 0) << "nothing is delivered before the page is ready";
-    attachReadyView();
-    main->runUntilIdle();
-    EXPECT_EQ(delivered, 1);
-    bridge->dispatchEvent("x", OrderedJson{{"a", "b"}});
-    EXPECT_EQ(observed, (std::vector<std::pair<std::string, std::string>>{{"terminal/output", R"({"chunk":"aGk="})"},
-                                                                           {"x", R"({"a":"b"})"}}));
 }
 
 namespace {
