@@ -16,7 +16,6 @@
 #include <filesystem>
 
 #include "core/Json.h"
-#include "core/MainQueue.h"
 #include "core/Paths.h"
 #include "platform/gtk/DesktopWindow.h"
 #include "shell/VelkoApp.h"
@@ -58,21 +57,10 @@ class DesktopWindowTest : public ::testing::Test {
 protected:
     void SetUp() override {
         if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY")) GTEST_SKIP() << "no display";
-        gtk_init();
-        setMainQueue(std::make_shared<GlibMainQueue>());
         writeConfiguration();
-        app = std::make_unique<VelkoApp>();
-        DesktopWindow::Options options;
-        options.resourceDirectory = sourcePath("tests/gui/resources");
-        window = DesktopWindow::create(*app, nullptr, options);
-        window->present();
-    }
-
-    void TearDown() override {
-        window.reset();
-        app.reset();
-        // Let the web process go before the temporary home is removed.
-        for (int i = 0; i < 200 && g_main_context_pending(nullptr); ++i) g_main_context_iteration(nullptr, FALSE);
+        shown = std::make_unique<test::ShownWindow>(sourcePath("tests/gui/resources"));
+        app = shown->app.get();
+        window = shown->window.get();
     }
 
     void writeConfiguration() {
@@ -95,8 +83,9 @@ protected:
 
     test::IsolatedHome home;
     std::vector<std::string> projectFolders;
-    std::unique_ptr<VelkoApp> app;
-    std::unique_ptr<DesktopWindow> window;
+    std::unique_ptr<test::ShownWindow> shown;
+    VelkoApp* app = nullptr;
+    DesktopWindow* window = nullptr;
 };
 
 }  // namespace

@@ -10,10 +10,8 @@
 #include <memory>
 
 #include "GuiSupport.h"
-#include "core/MainQueue.h"
 #include "core/Paths.h"
 #include "platform/gtk/DesktopWindow.h"
-#include "shell/VelkoApp.h"
 #include "support/TestSupport.h"
 
 using namespace velko;
@@ -27,20 +25,8 @@ protected:
     void SetUp() override {
         if (!std::getenv("DISPLAY")) GTEST_SKIP() << "no display";
         installTestBrowser();
-        gtk_init();
-        setMainQueue(std::make_shared<GlibMainQueue>());
-        app = std::make_unique<VelkoApp>();
-        DesktopWindow::Options options;
-        options.resourceDirectory = test::sourcePath("tests/gui/resources");
-        window = DesktopWindow::create(*app, nullptr, options);
-        window->present();
+        shown = std::make_unique<test::ShownWindow>(test::sourcePath("tests/gui/resources"));
         ASSERT_TRUE(pumpUntil([&] { return webViewLog().find("event app/config\n") != std::string::npos; }));
-    }
-
-    void TearDown() override {
-        window.reset();
-        app.reset();
-        for (int i = 0; i < 200 && g_main_context_pending(nullptr); ++i) g_main_context_iteration(nullptr, FALSE);
     }
 
     // The default handler of http and https in this home: a script that
@@ -63,7 +49,7 @@ protected:
     std::string webViewLog() const { return test::readFile(home.cacheDir() + "/velko-webview.log"); }
     bool clickOn(const std::string& selector) {
         std::optional<std::pair<int, int>> at;
-        if (!pumpUntil([&] { return (at = test::screenCentre(window->window(), window->webView(), selector)).has_value(); }))
+        if (!pumpUntil([&] { return (at = test::screenCentre(shown->window->window(), shown->window->webView(), selector)).has_value(); }))
             return false;
         return test::clickRealPointer(at->first, at->second);
     }
@@ -72,14 +58,13 @@ protected:
     std::string config = home.home() + "/config";
     test::ScopedEnv configHome{"XDG_CONFIG_HOME", config};
     std::string browserCalls = home.home() + "/browser-calls";
-    std::unique_ptr<VelkoApp> app;
-    std::unique_ptr<DesktopWindow> window;
+    std::unique_ptr<test::ShownWindow> shown;
 };
 
 }  // namespace
 
 TEST_F(OwnPageTest, LinksTheUserFollowsOpenInTheBrowserAndNothingLeavesThePage) {
-    GtkWidget* view = window->webView();
+    GtkWidget* view = shown->window->webView();
     evaluate(view, "window.__marker = 'still the same page'");
     // Navigations no user asked for: the view ignores them, the browser never
     // hears of them. (WebKit lends a script evaluated from outside a user
@@ -108,7 +93,7 @@ TEST_F(OwnPageTest, LinksTheUserFollowsOpenInTheBrowserAndNothingLeavesThePage) 
 }
 
 TEST_F(OwnPageTest, AFrameOfAnotherOriginCannotReachTheBridge) {
-    GtkWidget* view = window->webView();
+    GtkWidget* view = shown->window->webView();
     // A sandboxed frame has an origin of its own. It tries every way to the
     // bridge it can name, then reports to the page.
     evaluate(view, R"JS((() => {
