@@ -17,7 +17,6 @@
 
 #include "core/Json.h"
 #include "core/Paths.h"
-#include "platform/gtk/DesktopWindow.h"
 #include "shell/VelkoApp.h"
 #include "shell/WebBridge.h"
 #include "support/TestSupport.h"

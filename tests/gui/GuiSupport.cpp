@@ -17,7 +17,6 @@
 #include "core/Json.h"
 #include "core/MainQueue.h"
 #include "core/Paths.h"
-#include "platform/gtk/DesktopWindow.h"
 #include "shell/VelkoApp.h"
 
 namespace velko::test {

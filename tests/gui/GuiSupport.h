@@ -5,18 +5,12 @@
 
 #include <chrono>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
-typedef struct _GtkWidget GtkWidget;
-
-namespace velko {
-class DesktopWindow;
-class VelkoApp;
-}  // namespace velko
+#include "platform/gtk/DesktopWindow.h"
 
 namespace velko::test {
 

@@ -11,7 +11,6 @@
 
 #include "GuiSupport.h"
 #include "core/Paths.h"
-#include "platform/gtk/DesktopWindow.h"
 #include "support/TestSupport.h"
 
 using namespace velko;

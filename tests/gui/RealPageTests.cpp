@@ -15,7 +15,6 @@
 #include "ScreenGrab.h"
 #include "core/Json.h"
 #include "core/Paths.h"
-#include "platform/gtk/DesktopWindow.h"
 #include "platform/IBusInputSources.h"
 #include "shell/VelkoApp.h"
 #include "shell/WebBridge.h"
