@@ -1,6 +1,8 @@
 // The window with real WebKit on a display (Xvfb): the page is a small test
 // page served through the app scheme; it records what it receives, and the
-// tests read that back by evaluating scripts in it.
+// tests read that back by evaluating scripts in it. Only our own page gets the
+// bridge: links out go to the user's browser (the test's own, a desktop file
+// that records what it is given) and never load in the view.
 #include <gtest/gtest.h>
 #include <gtk/gtk.h>
 #include <signal.h>
@@ -16,9 +18,7 @@
 #include <filesystem>
 
 #include "core/Json.h"
-#include "core/MainQueue.h"
 #include "core/Paths.h"
-#include "platform/gtk/DesktopWindow.h"
 #include "shell/VelkoApp.h"
 #include "shell/WebBridge.h"
 #include "support/TestSupport.h"
@@ -58,21 +58,11 @@ class DesktopWindowTest : public ::testing::Test {
 protected:
     void SetUp() override {
         if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY")) GTEST_SKIP() << "no display";
-        gtk_init();
-        setMainQueue(std::make_shared<GlibMainQueue>());
         writeConfiguration();
-        app = std::make_unique<VelkoApp>();
-        DesktopWindow::Options options;
-        options.resourceDirectory = sourcePath("tests/gui/resources");
-        window = DesktopWindow::create(*app, nullptr, options);
-        window->present();
-    }
-
-    void TearDown() override {
-        window.reset();
-        app.reset();
-        // Let the web process go before the temporary home is removed.
-        for (int i = 0; i < 200 && g_main_context_pending(nullptr); ++i) g_main_context_iteration(nullptr, FALSE);
+        installTestBrowser();
+        shown = std::make_unique<test::ShownWindow>(sourcePath("tests/gui/resources"));
+        app = shown->app.get();
+        window = shown->window.get();
     }
 
     void writeConfiguration() {
@@ -93,10 +83,39 @@ protected:
 
     GtkWidget* webView() const { return window->webView(); }
 
+    // The default handler of http and https in this home: a script that
+    // appends each URL it is started with to a file.
+    void installTestBrowser() {
+        std::string applications = home.home() + "/data/applications";
+        ASSERT_TRUE(createDirectories(applications));
+        ASSERT_TRUE(createDirectories(configDir));
+        std::string script = home.home() + "/test-browser.sh";
+        ASSERT_TRUE(writeFileAtomically(script, "#!/bin/sh\nprintf '%s\\n' \"$1\" >> '" + browserCalls + "'\n", 0755));
+        ASSERT_TRUE(writeFileAtomically(applications + "/velko-test-browser.desktop",
+                                        "[Desktop Entry]\nType=Application\nName=Test browser\nExec=" + script +
+                                            " %u\nMimeType=x-scheme-handler/http;x-scheme-handler/https;\n"));
+        ASSERT_TRUE(writeFileAtomically(configDir + "/mimeapps.list",
+                                        "[Default Applications]\n"
+                                        "x-scheme-handler/http=velko-test-browser.desktop\n"
+                                        "x-scheme-handler/https=velko-test-browser.desktop\n"));
+    }
+
+    std::string webViewLog() const { return test::readFile(home.cacheDir() + "/velko-webview.log"); }
+    bool clickOn(const std::string& selector) {
+        std::optional<std::pair<int, int>> at;
+        if (!pumpUntil([&] { return (at = test::screenCentre(window->window(), webView(), selector)).has_value(); }))
+            return false;
+        return test::clickRealPointer(at->first, at->second);
+    }
+
     test::IsolatedHome home;
+    std::string configDir = home.home() + "/config";
+    test::ScopedEnv configHome{"XDG_CONFIG_HOME", configDir};
+    std::string browserCalls = home.home() + "/browser-calls";
     std::vector<std::string> projectFolders;
-    std::unique_ptr<VelkoApp> app;
-    std::unique_ptr<DesktopWindow> window;
+    std::unique_ptr<test::ShownWindow> shown;
+    VelkoApp* app = nullptr;
+    DesktopWindow* window = nullptr;
 };
 
 }  // namespace
@@ -128,7 +147,7 @@ TEST_F(DesktopWindowTest, EventsQueuedBeforeLoadArriveInOrderAndByteForByte) {
     EXPECT_EQ(answer[0]["payload"].value("activeProjectId", ""), kFirstId);
 
     // The page's log messages reached the log file; they never reached the bridge.
-    std::string log = test::readFile(home.cacheDir() + "/velko-webview.log");
+    std::string log = webViewLog();
     EXPECT_NE(log.find("] [test-page] [info] event app/config\n"), std::string::npos) << log;
     EXPECT_NE(log.find("] [test-page] [debug] {\n  \"loaded\": true\n}\n"), std::string::npos) << log;
 
@@ -176,8 +195,7 @@ TEST_F(DesktopWindowTest, KeysAndDropsReachThePageAndACrashedPageComesBackOnRelo
 
     // The page's process crashes: a message instead of an empty page, and the page back on reload.
     webkit_web_view_terminate_web_process(WEBKIT_WEB_VIEW(webView()));
-    std::string logPath = home.cacheDir() + "/velko-webview.log";
-    ASSERT_TRUE(pumpUntil([&] { return test::readFile(logPath).find("web content process") != std::string::npos; }));
+    ASSERT_TRUE(pumpUntil([&] { return webViewLog().find("web content process") != std::string::npos; }));
     EXPECT_FALSE(app->bridge().isWebViewReady());
     // The message is on screen, not an empty page.
     test::ScreenGrab grab;
@@ -193,6 +211,72 @@ TEST_F(DesktopWindowTest, KeysAndDropsReachThePageAndACrashedPageComesBackOnRelo
         return receivedEvents(webView(), "test/while-crashed").size() == 1 &&
                !receivedEvents(webView(), "app/config").empty();
     }));
+}
+
+TEST_F(DesktopWindowTest, LinksTheUserFollowsOpenInTheBrowserAndNothingLeavesThePage) {
+    ASSERT_TRUE(waitForPage());
+    GtkWidget* view = webView();
+    evaluate(view, "window.__marker = 'still the same page'");
+    // Navigations no user asked for: the view ignores them, the browser never
+    // hears of them. (WebKit lends a script evaluated from outside a user
+    // gesture, and passes it on to timers of up to a second: these start later.)
+    evaluate(view, "(setTimeout(() => {"
+                   "  location.href = 'https://example.invalid/by-script';"
+                   "  setTimeout(() => { window.open('https://example.invalid/popup-by-script'); }, 0);"
+                   "  setTimeout(() => { document.getElementById('link-out').click(); }, 10);"
+                   "  setTimeout(() => { location.href = 'data:text/html,<p>not ours'; }, 20);"
+                   "  setTimeout(() => { location.href = 'app://elsewhere/index.html'; }, 30);"
+                   "  setTimeout(() => { window.__scripted = true; }, 40);"
+                   "}, 1500), 0)");
+    ASSERT_TRUE(pumpUntil([&] { return evaluate(view, "window.__scripted === true") == "true"; }));
+
+    // Real clicks from the pointer: a link, and a link into a new window.
+    ASSERT_TRUE(clickOn("#link-out")) << "the X server has no XTest";
+    ASSERT_TRUE(pumpUntil([&] { return test::readFile(browserCalls).find("/docs") != std::string::npos; }));
+    ASSERT_TRUE(clickOn("#link-new-window"));
+    ASSERT_TRUE(pumpUntil([&] { return test::readFile(browserCalls).find("/new") != std::string::npos; }));
+
+    EXPECT_EQ(test::readFile(browserCalls),
+              "https://example.invalid/docs?from=velko\nhttps://example.invalid/new\n");
+    const char* uri = webkit_web_view_get_uri(WEBKIT_WEB_VIEW(view));
+    EXPECT_EQ(std::string(uri ? uri : "").rfind("app://bundle/", 0), 0u) << (uri ? uri : "");
+    EXPECT_EQ(evaluate(view, "window.__marker"), "\"still the same page\"");
+}
+
+// A frame of another origin inside the page cannot post to the bridge.
+TEST_F(DesktopWindowTest, AFrameOfAnotherOriginCannotReachTheBridge) {
+    ASSERT_TRUE(waitForPage());
+    GtkWidget* view = webView();
+    // A sandboxed frame has an origin of its own. It tries every way to the
+    // bridge it can name, then reports to the page.
+    evaluate(view, R"JS((() => {
+      const attempt = `
+        const body = (how) => ({ type: 'webview/log', source: 'foreign-frame', message: how });
+        const tries = [];
+        const run = (name, f) => { try { f(); tries.push(name + ':sent'); } catch (e) { tries.push(name + ':' + e.name); } };
+        run('own', () => window.webkit.messageHandlers.velko.postMessage(body('own channel')));
+        run('parent', () => parent.webkit.messageHandlers.velko.postMessage(body('parent channel')));
+        run('relay', () => parent.dispatchEvent(new CustomEvent('velko:channel',
+              { detail: JSON.stringify(body('relay event')) })));
+        parent.postMessage(JSON.stringify(body('window message')), '*');
+        parent.postMessage('done ' + tries.join(' '), '*');`;
+      const frame = document.createElement('iframe');
+      frame.setAttribute('sandbox', 'allow-scripts');
+      frame.srcdoc = '<script>' + attempt + '<' + '/script>';
+      document.body.appendChild(frame);
+      return 0;
+    })())JS");
+    ASSERT_TRUE(pumpUntil([&] {
+        return evaluate(view, "window.__frameReports.some((r) => r.startsWith('done'))") == "true";
+    })) << "the frame did not run";
+    std::string reports = evaluate(view, "window.__frameReports");
+
+    // The page's own message after the frame's: once it is logged, anything
+    // the frame got through would have been logged before it.
+    evaluate(view, "window.webkit.messageHandlers.velko.postMessage("
+                   "{ type: 'webview/log', source: 'test-page', message: 'after the frame' })");
+    ASSERT_TRUE(pumpUntil([&] { return webViewLog().find("after the frame") != std::string::npos; }));
+    EXPECT_EQ(webViewLog().find("foreign-frame"), std::string::npos) << webViewLog() << "\n" << reports;
 }
 
 // The whole program, started as a user starts it, installed without a built page.

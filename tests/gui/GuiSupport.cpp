@@ -15,7 +15,9 @@
 #include <vector>
 
 #include "core/Json.h"
+#include "core/MainQueue.h"
 #include "core/Paths.h"
+#include "shell/VelkoApp.h"
 
 namespace velko::test {
 
@@ -80,6 +82,22 @@ std::optional<std::pair<int, int>> screenCentre(GtkWidget* window, GtkWidget* vi
     if (!gtk_widget_compute_point(view, window, &inView, &inWindow)) return std::nullopt;
     // Undecorated under a bare X server: the window's surface is at (0, 0).
     return std::make_pair(static_cast<int>(inWindow.x), static_cast<int>(inWindow.y));
+}
+
+ShownWindow::ShownWindow(const std::string& resources) {
+    gtk_init();
+    setMainQueue(std::make_shared<GlibMainQueue>());
+    app = std::make_unique<VelkoApp>();
+    DesktopWindow::Options options;
+    options.resourceDirectory = resources;
+    window = DesktopWindow::create(*app, nullptr, options);
+    window->present();
+}
+
+ShownWindow::~ShownWindow() {
+    window.reset();
+    app.reset();
+    for (int i = 0; i < 200 && g_main_context_pending(nullptr); ++i) g_main_context_iteration(nullptr, FALSE);
 }
 
 namespace {

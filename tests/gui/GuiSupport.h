@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-typedef struct _GtkWidget GtkWidget;
+#include "platform/gtk/DesktopWindow.h"
 
 namespace velko::test {
 
@@ -28,6 +28,16 @@ std::string evaluate(GtkWidget* webView, const std::string& expression);
 // window sits at the origin of the virtual display), or nullopt while it is
 // not laid out.
 std::optional<std::pair<int, int>> screenCentre(GtkWidget* window, GtkWidget* view, const std::string& selector);
+
+// The app and its presented window on the pages under `resources` (a fresh
+// GLib main queue). At the end the window goes, then the app, then the loop's
+// pending work, so the web process is gone before the test's home is removed.
+struct ShownWindow {
+    explicit ShownWindow(const std::string& resources);
+    ~ShownWindow();
+    std::unique_ptr<VelkoApp> app;
+    std::unique_ptr<DesktopWindow> window;
+};
 
 // Real input on the display the program uses. Each returns false when the X
 // server does not offer XTest.

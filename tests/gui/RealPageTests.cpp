@@ -14,9 +14,7 @@
 #include "GuiSupport.h"
 #include "ScreenGrab.h"
 #include "core/Json.h"
-#include "core/MainQueue.h"
 #include "core/Paths.h"
-#include "platform/gtk/DesktopWindow.h"
 #include "platform/IBusInputSources.h"
 #include "shell/VelkoApp.h"
 #include "shell/WebBridge.h"
@@ -115,31 +113,24 @@ void openProjectAndType(KeyPath path, const std::string& screenshot) {
         ASSERT_TRUE(sources->select(InputSourceInfo{"xkb:us::eng", true, true, true, std::nullopt, std::nullopt}));
     }
 
-    gtk_init();
-    setMainQueue(std::make_shared<GlibMainQueue>());
-    auto app = std::make_unique<VelkoApp>();
-    app->setInputSources(sources);
-    DesktopWindow::Options options;
-    options.resourceDirectory = resources;
-    auto window = DesktopWindow::create(*app, nullptr, options);
+    // Nothing loads before the loop runs: the picker and the input sources are in place in time.
+    test::ShownWindow shown(resources);
+    shown.app->setInputSources(sources);
     auto picker = std::make_shared<ChosenFolders>();
     picker->folders = {project};
-    app->bridge().setFolderPicker(picker);
-    window->present();
-    GtkWidget* view = window->webView();
+    shown.app->bridge().setFolderPicker(picker);
+    GtkWidget* view = shown.window->webView();
+    GtkWidget* window = shown.window->window();
 
-    // Every way out ends the shells and the window before the home goes.
+    // Every way out ends the shells before the window and the home go.
     struct AtExit {
-        std::function<void()> run;
-        ~AtExit() { run(); }
-    } teardown{[&] {
-        bool done = false;
-        app->shutdown([&] { done = true; });
-        pumpUntil([&] { return done; }, std::chrono::seconds(15));
-        window.reset();
-        app.reset();
-        for (int i = 0; i < 200 && g_main_context_pending(nullptr); ++i) g_main_context_iteration(nullptr, FALSE);
-    }};
+        VelkoApp& app;
+        ~AtExit() {
+            bool done = false;
+            app.shutdown([&] { done = true; });
+            pumpUntil([&] { return done; }, std::chrono::seconds(15));
+        }
+    } teardown{*shown.app};
 
     // The page is up and answered; the workspace starts empty.
     ASSERT_TRUE(pumpUntil([&] { return evaluate(view, "!!window.__velko__ && !!document.querySelector('.add-project')") == "true"; }));
@@ -159,7 +150,7 @@ void openProjectAndType(KeyPath path, const std::string& screenshot) {
 
     // A real click on the page's button opens the picker; the project opens.
     std::optional<std::pair<int, int>> button;
-    ASSERT_TRUE(pumpUntil([&] { return (button = screenCentre(window->window(), view, ".add-project")).has_value(); }));
+    ASSERT_TRUE(pumpUntil([&] { return (button = screenCentre(window, view, ".add-project")).has_value(); }));
     ASSERT_TRUE(test::clickRealPointer(button->first, button->second)) << "the X server has no XTest";
     ASSERT_TRUE(pumpUntil([&] { return picker->shown == 1; }, std::chrono::seconds(20)));
     ASSERT_TRUE(pumpUntil([&] {
@@ -189,10 +180,10 @@ void openProjectAndType(KeyPath path, const std::string& screenshot) {
     gtk_widget_grab_focus(view);
     evaluate(view, "document.querySelector('.term-host[data-session=\"" + session + "\"] .xterm-helper-textarea').focus()");
     std::optional<std::pair<int, int>> pane;
-    ASSERT_TRUE(pumpUntil([&] { return (pane = screenCentre(window->window(), view, ".term-host:not([hidden])")).has_value(); }));
+    ASSERT_TRUE(pumpUntil([&] { return (pane = screenCentre(window, view, ".term-host:not([hidden])")).has_value(); }));
     // Without a window manager the keyboard follows the pointer.
     ASSERT_TRUE(test::moveRealPointer(pane->first, pane->second));
-    ASSERT_TRUE(pumpUntil([&] { return gtk_window_is_active(GTK_WINDOW(window->window())); }, std::chrono::seconds(10)));
+    ASSERT_TRUE(pumpUntil([&] { return gtk_window_is_active(GTK_WINDOW(window)); }, std::chrono::seconds(10)));
     // What the page's terminal sends on (the web path), recorded where the page's channel hands each
     // message, as JSON text, to the bridge's own script world.
     evaluate(view, "(() => { window.__sent = []; window.addEventListener('velko:channel', (e) => {"

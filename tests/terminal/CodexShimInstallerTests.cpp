@@ -2,19 +2,12 @@
 #include <sys/stat.h>
 #include <utime.h>
 
-#include "core/Paths.h"
 #include "support/TestSupport.h"
 #include "terminal/CodexShimInstaller.h"
 
 using namespace velko;
 
 namespace {
-
-std::string read(const std::string& path) {
-    std::string text;
-    EXPECT_TRUE(readWholeFile(path, text)) << path;
-    return text;
-}
 
 time_t modifiedAt(const std::string& path) {
     struct stat info {};
@@ -66,13 +59,14 @@ TEST(CodexShimInstaller, PutsTheShimFirstAndHandsZshItsBootstrap) {
         struct stat info {};
         ASSERT_EQ(::stat((installer.shimDirectory() + "/codex").c_str(), &info), 0);
         EXPECT_TRUE(info.st_mode & S_IXUSR);
-        const std::string zshrc = read(installer.zshBootstrapDirectory() + "/.zshrc");
+        const std::string zshrc = test::readFile(installer.zshBootstrapDirectory() + "/.zshrc");
         // The cache lies under HOME here, so the scripts say "$HOME/…"; the user's
         // directory with its space stands in double quotes.
         EXPECT_NE(zshrc.find("local target=\"$HOME/cache/velko/codex-shims\""), std::string::npos) << zshrc;
         EXPECT_NE(zshrc.find("source \"" + home.home() + "/my zsh/.zshrc\""), std::string::npos) << zshrc;
         EXPECT_NE(zshrc.find("export ZDOTDIR=\"" + home.home() + "/my zsh\""), std::string::npos) << zshrc;
-        const std::string zshenv = read(installer.zshBootstrapDirectory() + "/.zshenv");
+        const std::string zshenv = test::readFile(installer.zshBootstrapDirectory() + "/.zshenv");
+        ASSERT_FALSE(zshenv.empty());
         EXPECT_EQ(zshenv.find("ZDOTDIR="), std::string::npos) << "only .zshrc and .zlogin hand ZDOTDIR back";
     }
 }
@@ -101,7 +95,7 @@ TEST(CodexShimInstaller, LeavesFilesThatAlreadyHoldTheTextUntouched) {
     CodexShimInstaller changed;
     changed.environmentOverrides();
     EXPECT_NE(modifiedAt(zshrc), past.modtime);
-    EXPECT_NE(read(zshrc).find("/elsewhere/.zshrc"), std::string::npos);
+    EXPECT_NE(test::readFile(zshrc).find("/elsewhere/.zshrc"), std::string::npos);
 }
 
 TEST(CodexShimInstaller, WithoutAWritableCacheGivesNoOverrides) {
