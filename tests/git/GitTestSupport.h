@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -20,7 +21,6 @@ namespace velko::test {
 
 struct RunCall {
     std::vector<std::string> arguments;
-    std::string directory;
     GitEnvironment environment;
     std::string joined() const {
         std::string out;
@@ -36,9 +36,9 @@ public:
         std::lock_guard lock(m_mutex);
         m_answers[command] = std::move(result);
     }
-    GitProcessExecutionResult run(const std::vector<std::string>& arguments, const std::string& directory,
+    GitProcessExecutionResult run(const std::vector<std::string>& arguments, const std::string&,
                                   const GitEnvironment& environment) override {
-        RunCall call{arguments, directory, environment};
+        RunCall call{arguments, environment};
         std::lock_guard lock(m_mutex);
         m_calls.push_back(call);
         auto it = m_answers.find(call.joined());
@@ -114,6 +114,22 @@ public:
 
 private:
     AppConfig m_config;
+};
+
+// GitHub answering from a script, one answer per request, recording what it was asked.
+class ScriptedGraphQL final : public GitHubGraphQLClient {
+public:
+    std::deque<GitHubGraphQLResult> answers;
+    std::vector<std::string> asked;  // "<query name> cursor=<cursor|null>"
+    GitHubGraphQLResult execute(std::string_view query, const OrderedJson& vars, const std::string& token) override {
+        EXPECT_EQ(token, "tok");
+        std::string name(query.substr(6, query.find('(') - 6));
+        asked.push_back(name + " cursor=" + (vars["cursor"].is_null() ? "null" : vars["cursor"].get<std::string>()));
+        if (answers.empty()) return fail(GitHubGraphQLClientError{GitHubGraphQLClientError::Kind::EmptyData, {}, {}, ""});
+        auto answer = std::move(answers.front());
+        answers.pop_front();
+        return answer;
+    }
 };
 
 // Installs a manual main queue for the test's lifetime.
