@@ -147,9 +147,8 @@ private:
 // Runs the main queue until every block posted to `service` so far has run,
 // and the blocks those posted in turn (an action queues a status refresh).
 // Polls with a deadline: the git queue may be running real processes.
-inline bool drain(GitService& service, ManualQueue& main,
-                  std::chrono::seconds limit = std::chrono::seconds(60)) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
+inline bool drain(GitService& service, ManualQueue& main) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     // A follow-up is queued while its parent runs, so before the first marker
     // has run; a second marker posted after that one lands behind it.
     for (int round = 0; round < 2; ++round) {
