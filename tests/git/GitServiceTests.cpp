@@ -244,7 +244,7 @@ TEST(GitService, BlocksWaitingForAMainThreadThatNeverAnswersEndWithoutWork) {
         else h.service->whenIdle([done] { *done = true; });
         auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         while (!*done && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-        h.main.reinstall();
+        setMainQueue(h.mainQueue);
         EXPECT_TRUE(*done);
         EXPECT_TRUE(h.runner->commands().empty());
         EXPECT_TRUE(h.events->events().empty());

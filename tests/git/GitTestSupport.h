@@ -132,17 +132,11 @@ public:
     }
 };
 
-// Installs a manual main queue for the test's lifetime.
-class ManualMain {
-public:
-    ManualMain() : m_queue(std::make_shared<ManualQueue>()) { setMainQueue(m_queue); }
-    ManualQueue& queue() { return *m_queue; }
-    // Puts this queue back after a test installed another one.
-    void reinstall() { setMainQueue(m_queue); }
-
-private:
-    std::shared_ptr<ManualQueue> m_queue;
-};
+inline std::shared_ptr<ManualQueue> installManualMainQueue() {
+    auto queue = std::make_shared<ManualQueue>();
+    setMainQueue(queue);
+    return queue;
+}
 
 // Runs the main queue until every block posted to `service` so far has run,
 // and the blocks those posted in turn (an action queues a status refresh).
@@ -168,7 +162,7 @@ inline bool drain(GitService& service, ManualQueue& main) {
 // events recorded; the test fills in the rest of `deps` (runner, broker, ...)
 // before `start`.
 struct ServiceRig {
-    ManualMain main;
+    std::shared_ptr<ManualQueue> mainQueue = installManualMainQueue();
     std::shared_ptr<FakeProjects> projects = std::make_shared<FakeProjects>();
     std::shared_ptr<FakeAuth> auth = std::make_shared<FakeAuth>();
     std::shared_ptr<EventRecorder> events = std::make_shared<EventRecorder>();
@@ -181,7 +175,7 @@ struct ServiceRig {
         service = std::make_shared<GitService>(std::move(deps));
         service->setEventSink(events);
     }
-    void settle() { ASSERT_TRUE(drain(*service, main.queue())); }
+    void settle() { ASSERT_TRUE(drain(*service, *mainQueue)); }
     // "ok: <message>" or "fail: <message>" for each git/result.
     std::vector<std::string> results() const {
         std::vector<std::string> out;

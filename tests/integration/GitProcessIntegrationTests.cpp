@@ -193,9 +193,6 @@ TEST(GitCredentialBroker, TokenGoesOnlyIntoAPrivateFolderOfOurs) {
     const Case cases[] = {
         {"missing", [](auto&, auto&) { return true; }, ""},
         {"ours with mode 0700", [](auto& dir, auto&) { return mkdir(dir.c_str(), 0700) == 0; }, ""},
-        {"open to everyone",
-         [](auto& dir, auto&) { return mkdir(dir.c_str(), 0700) == 0 && chmod(dir.c_str(), 0777) == 0; },
-         "its mode is 0777, not 0700"},
         {"readable by the group",
          [](auto& dir, auto&) { return mkdir(dir.c_str(), 0700) == 0 && chmod(dir.c_str(), 0750) == 0; },
          "its mode is 0750, not 0700"},

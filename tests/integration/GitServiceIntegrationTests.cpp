@@ -340,7 +340,7 @@ TEST(GitServiceIntegration, StoppingWhileAFetchHangsOnASilentServerEndsTheFetch)
     // git's http helper names the URL on its command line. (The fetch block
     // reads its project on the main thread first.)
     ASSERT_TRUE(waitUntil([&] {
-        h.main.queue().runUntilIdle();
+        h.mainQueue->runUntilIdle();
         return !liveProcessesMentioning(url).empty();
     }, std::chrono::seconds(30)));
     auto stopped = std::make_shared<std::atomic<bool>>(false);
@@ -351,6 +351,6 @@ TEST(GitServiceIntegration, StoppingWhileAFetchHangsOnASilentServerEndsTheFetch)
     // The engine stays stopped: later work is dropped.
     h.service->fetch(id);
     h.service->refreshStatus(id);
-    EXPECT_TRUE(drain(*h.service, h.main.queue()));
+    EXPECT_TRUE(drain(*h.service, *h.mainQueue));
     EXPECT_TRUE(h.events->eventsOfType("git/status").empty());
 }
