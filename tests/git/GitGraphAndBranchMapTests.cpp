@@ -2,6 +2,8 @@
 // limit: the pure steps, on hand-made inputs.
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "git/GitCommitGraph.h"
 #include "git/GitBranchMap.h"
 #include "core/Json.h"
@@ -19,12 +21,8 @@ std::vector<GitHubCommitNode> commits(const std::vector<std::string>& specs) {
         node.oid = spec.substr(0, colon);
         if (colon != std::string::npos) {
             node.parents.emplace();
-            for (size_t start = colon + 1; start <= spec.size();) {
-                size_t end = spec.find(',', start);
-                if (end == std::string::npos) end = spec.size();
-                node.parents->push_back(spec.substr(start, end - start));
-                start = end + 1;
-            }
+            std::istringstream list(spec.substr(colon + 1));
+            for (std::string parent; std::getline(list, parent, ',');) node.parents->push_back(parent);
         }
         out.push_back(node);
     }

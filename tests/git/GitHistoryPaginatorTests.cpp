@@ -3,21 +3,12 @@
 // GitHub is asked for, from a real remote, is the integration tests'.)
 #include <gtest/gtest.h>
 
-#include <deque>
-
 #include "git/GitTestSupport.h"
 
 using namespace velko;
 using namespace velko::test;
 
 namespace {
-
-GitCommitEdge commit(const std::string& oid) {
-    GitCommitEdge edge;
-    edge.oid = oid;
-    edge.messageHeadline = "m " + oid;
-    return edge;
-}
 
 // Local commits not on the upstream, and the whole history of HEAD.
 class FakeLocalHistory final : public GitLocalHistoryProviding {
@@ -30,24 +21,8 @@ public:
         page.branch = branch;
         page.totalCount = static_cast<int64_t>(list.size());
         for (int64_t i = std::max<int64_t>(0, offset); i < page.totalCount && i < offset + limit; ++i)
-            page.edges.push_back(commit(list[static_cast<size_t>(i)]));
+            page.edges.emplace_back().oid = list[static_cast<size_t>(i)];
         return page;
-    }
-};
-
-// GitHub answering from a script, one answer per request, recording what it was asked.
-class FakeGitHub final : public GitHubGraphQLClient {
-public:
-    std::deque<GitHubGraphQLResult> answers;
-    std::vector<std::string> asked;  // "<query name> cursor=<cursor|null>"
-    GitHubGraphQLResult execute(std::string_view query, const OrderedJson& vars, const std::string& token) override {
-        EXPECT_EQ(token, "tok");
-        std::string name(query.substr(6, query.find('(') - 6));
-        asked.push_back(name + " cursor=" + (vars["cursor"].is_null() ? "null" : vars["cursor"].get<std::string>()));
-        if (answers.empty()) return fail(GitHubGraphQLClientError{GitHubGraphQLClientError::Kind::EmptyData, {}, {}, ""});
-        auto answer = std::move(answers.front());
-        answers.pop_front();
-        return answer;
     }
 };
 
@@ -169,7 +144,7 @@ TEST(GitHistoryPaginator, WalksLocalThenGitHubThenFallbackEachCommitOnce) {
         auto local = std::make_shared<FakeLocalHistory>();
         local->notOnUpstream = c.notOnUpstream;
         local->wholeHead = c.wholeHead;
-        auto github = std::make_shared<FakeGitHub>();
+        auto github = std::make_shared<ScriptedGraphQL>();
         for (auto& a : c.answers) github->answers.push_back(std::move(a));
         rig.deps.processRunner = std::make_shared<FakeGitRunner>();
         rig.deps.localHistoryProvider = local;

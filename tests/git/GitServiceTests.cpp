@@ -152,22 +152,6 @@ TEST(GitService, TokenTravelsOnlyInTheEnvironmentOfOneAuthenticatedRun) {
     for (const auto& e : h.events->events()) EXPECT_EQ(dumpJson(e.payload).find(kToken), std::string::npos);
 }
 
-// The real push with a refused token is the integration tests'; here the account without a login.
-TEST(GitService, RefusedTokenIsDeletedAndTheAccountShownDisconnected) {
-    Harness h(remote("https://github.com/o/r.git"));
-    h.auth->token = GitAuthToken{kToken, std::nullopt, std::string("https://avatars/x")};
-    h.runner->on("push", {128, "", "error: HTTP 401"});
-    h.service->push(h.projectId);
-    h.settle();
-    EXPECT_EQ(h.auth->deletions, 1);
-    EXPECT_FALSE(h.broker->live);
-    EXPECT_EQ(h.results(), std::vector<std::string>{
-                               "fail: Git 認証に失敗しました。再度 GitHub にサインインしてください。\nerror: HTTP 401"});
-    EXPECT_EQ(h.only("github/oauth/status"), (Json{{"status", "disconnected"}, {"reason", "tokenInvalid"}}));
-    // A failed push refreshes nothing.
-    EXPECT_TRUE(h.events->eventsOfType("git/status").empty());
-}
-
 TEST(GitService, UnknownProjectsAndCommitTextsThatAreNoCommitGetNoAnswer) {
     Harness h;
     Uuid stranger = Uuid::random();
@@ -260,7 +244,7 @@ TEST(GitService, BlocksWaitingForAMainThreadThatNeverAnswersEndWithoutWork) {
         else h.service->whenIdle([done] { *done = true; });
         auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
         while (!*done && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-        h.main.reinstall();
+        setMainQueue(h.mainQueue);
         EXPECT_TRUE(*done);
         EXPECT_TRUE(h.runner->commands().empty());
         EXPECT_TRUE(h.events->events().empty());

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -20,7 +21,6 @@ namespace velko::test {
 
 struct RunCall {
     std::vector<std::string> arguments;
-    std::string directory;
     GitEnvironment environment;
     std::string joined() const {
         std::string out;
@@ -36,9 +36,9 @@ public:
         std::lock_guard lock(m_mutex);
         m_answers[command] = std::move(result);
     }
-    GitProcessExecutionResult run(const std::vector<std::string>& arguments, const std::string& directory,
+    GitProcessExecutionResult run(const std::vector<std::string>& arguments, const std::string&,
                                   const GitEnvironment& environment) override {
-        RunCall call{arguments, directory, environment};
+        RunCall call{arguments, environment};
         std::lock_guard lock(m_mutex);
         m_calls.push_back(call);
         auto it = m_answers.find(call.joined());
@@ -116,24 +116,33 @@ private:
     AppConfig m_config;
 };
 
-// Installs a manual main queue for the test's lifetime.
-class ManualMain {
+// GitHub answering from a script, one answer per request, recording what it was asked.
+class ScriptedGraphQL final : public GitHubGraphQLClient {
 public:
-    ManualMain() : m_queue(std::make_shared<ManualQueue>()) { setMainQueue(m_queue); }
-    ManualQueue& queue() { return *m_queue; }
-    // Puts this queue back after a test installed another one.
-    void reinstall() { setMainQueue(m_queue); }
-
-private:
-    std::shared_ptr<ManualQueue> m_queue;
+    std::deque<GitHubGraphQLResult> answers;
+    std::vector<std::string> asked;  // "<query name> cursor=<cursor|null>"
+    GitHubGraphQLResult execute(std::string_view query, const OrderedJson& vars, const std::string& token) override {
+        EXPECT_EQ(token, "tok");
+        std::string name(query.substr(6, query.find('(') - 6));
+        asked.push_back(name + " cursor=" + (vars["cursor"].is_null() ? "null" : vars["cursor"].get<std::string>()));
+        if (answers.empty()) return fail(GitHubGraphQLClientError{GitHubGraphQLClientError::Kind::EmptyData, {}, {}, ""});
+        auto answer = std::move(answers.front());
+        answers.pop_front();
+        return answer;
+    }
 };
+
+inline std::shared_ptr<ManualQueue> installManualMainQueue() {
+    auto queue = std::make_shared<ManualQueue>();
+    setMainQueue(queue);
+    return queue;
+}
 
 // Runs the main queue until every block posted to `service` so far has run,
 // and the blocks those posted in turn (an action queues a status refresh).
 // Polls with a deadline: the git queue may be running real processes.
-inline bool drain(GitService& service, ManualQueue& main,
-                  std::chrono::seconds limit = std::chrono::seconds(60)) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
+inline bool drain(GitService& service, ManualQueue& main) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     // A follow-up is queued while its parent runs, so before the first marker
     // has run; a second marker posted after that one lands behind it.
     for (int round = 0; round < 2; ++round) {
@@ -153,7 +162,7 @@ inline bool drain(GitService& service, ManualQueue& main,
 // events recorded; the test fills in the rest of `deps` (runner, broker, ...)
 // before `start`.
 struct ServiceRig {
-    ManualMain main;
+    std::shared_ptr<ManualQueue> mainQueue = installManualMainQueue();
     std::shared_ptr<FakeProjects> projects = std::make_shared<FakeProjects>();
     std::shared_ptr<FakeAuth> auth = std::make_shared<FakeAuth>();
     std::shared_ptr<EventRecorder> events = std::make_shared<EventRecorder>();
@@ -166,7 +175,7 @@ struct ServiceRig {
         service = std::make_shared<GitService>(std::move(deps));
         service->setEventSink(events);
     }
-    void settle() { ASSERT_TRUE(drain(*service, main.queue())); }
+    void settle() { ASSERT_TRUE(drain(*service, *mainQueue)); }
     // "ok: <message>" or "fail: <message>" for each git/result.
     std::vector<std::string> results() const {
         std::vector<std::string> out;

@@ -31,8 +31,6 @@ const char* const kPorcelainV2 =
     "? \"tab\\there.txt\"\n"
     "? with space.txt\n";
 
-const char* const kHashes = "100644 100644 100644 aaaa bbbb";
-
 std::string opt(const std::optional<std::string>& v) { return v ? *v : "-"; }
 std::string opt(const std::optional<std::string_view>& v) { return v ? std::string(*v) : "-"; }
 
@@ -47,7 +45,7 @@ TEST(GitWorkingTreeParser, ReadsEachLineShape) {
         bool untracked = false, intentToAdd = false, conflicted = false;
         std::optional<int64_t> score = std::nullopt;
     };
-    const std::string h = kHashes;
+    const std::string h = "100644 100644 100644 aaaa bbbb";
     const Case cases[] = {
         {"work tree only", "1 .M N... " + h + " a.txt", true, "a.txt", "-", "-", "modified"},
         {"blanks in path kept", "1 M. N... " + h + " dir/a b  c.txt", true, "dir/a b  c.txt", "-", "modified"},

@@ -29,13 +29,8 @@ exec "$VELKO_REAL_GIT" "$@"
 TEST(GitHeadless, CommitAndPushThroughTheProgramWithNoChildReadingItsInput) {
     IsolatedHome home;
     TempDir base;
-    std::string origin = base.file("origin.git");
-    git(base.path(), {"init", "-q", "--bare", "-b", "main", origin});
-    std::string repo = initRepo(base, "repo");
-    commitFile(repo, "a.txt", "one\n", "init");
-    git(repo, {"remote", "add", "origin", origin});
-    git(repo, {"push", "-q", "-u", "origin", "main"});
-    writeFileAtomically(repo + "/a.txt", "one\ntwo\n");
+    std::string repo = initRepoWithOrigin(base);
+    writeFileAtomically(repo + "/a.txt", "1\n2\n");
 
     // Every git child of the program goes through the probe. Only the program
     // sees it and the test identity: the test's own git runs stay direct.
@@ -71,7 +66,7 @@ TEST(GitHeadless, CommitAndPushThroughTheProgramWithNoChildReadingItsInput) {
     EXPECT_EQ(results, (std::vector<Json>{{{"success", true}, {"message", "コミットしました"}},
                                           {{"success", true}, {"message", "Push が完了しました"}}}));
     EXPECT_EQ(git(repo, {"log", "-1", "--format=%s"}), "add two\n");
-    EXPECT_EQ(git(origin, {"rev-parse", "main"}), git(repo, {"rev-parse", "HEAD"}));
+    EXPECT_EQ(git(base.file("origin.git"), {"rev-parse", "main"}), git(repo, {"rev-parse", "HEAD"}));
 
     // Standard input of the program is the message stream: no child saw it,
     // and none could open a terminal to prompt on.

@@ -117,14 +117,7 @@ TEST(GitHistoryRepos, ALinkedWorktreeHasNoRemoteSoGitHubIsNotAsked) {
     commitFile(dir, "a.txt", "1\n", "one");
     git(dir, {"remote", "add", "origin", "https://github.com/acme/widgets.git"});
     git(dir, {"worktree", "add", "-q", "-b", "linked", base.file("linked")});
-    struct NoGitHub final : GitHubGraphQLClient {
-        std::atomic<int> asked{0};
-        GitHubGraphQLResult execute(std::string_view, const OrderedJson&, const std::string&) override {
-            ++asked;
-            return fail(GitHubGraphQLClientError{});
-        }
-    };
-    auto github = std::make_shared<NoGitHub>();
+    auto github = std::make_shared<ScriptedGraphQL>();
     ServiceRig rig;
     rig.auth->token = GitAuthToken{"tok", std::nullopt, std::nullopt};
     rig.deps.environment = testGitEnvironment();
@@ -132,7 +125,7 @@ TEST(GitHistoryRepos, ALinkedWorktreeHasNoRemoteSoGitHubIsNotAsked) {
     rig.start();
     rig.service->fetchCommitHistory(rig.projects->add(base.file("linked")), std::nullopt, 10, std::nullopt);
     rig.settle();
-    EXPECT_EQ(github->asked, 0);
+    EXPECT_TRUE(github->asked.empty());
     EXPECT_EQ(rig.only("git/history")["edges"].size(), 1u);
 }
 
@@ -265,31 +258,29 @@ TEST(GitHistoryRepos, BranchMapClassifiesEveryKindOfBranch) {
     struct Case {
         std::string dir;
         std::string state;
-        std::vector<std::string> nodes;  // "name mergeState/reason"
+        bool shallow;
+        std::vector<std::string> nodes;  // "name mergeState/reason[/integration]"
     };
     const Case cases[] = {
-        {shallow, "ready", {"elsewhere undetermined/shallow", "feat undetermined/shallow", "ff undetermined/shallow",
-                            "followup undetermined/shallow", "main base/-", "squashed undetermined/shallow",
-                            "stack undetermined/shallow", "topic undetermined/shallow"}},
-        {trunk, "ready", {"side undetermined/baseUnknown", "trunk undetermined/baseUnknown"}},
-        {empty, "noCommits", {}},
-        {longer, "ready", {"main base/-", "old-merged merged/-", "old-topic undetermined/historyTooLong"}},
-        {base.file("plain"), "notARepository", {}},
+        {shallow, "ready", true, {"elsewhere undetermined/shallow", "feat undetermined/shallow",
+                                  "ff undetermined/shallow", "followup undetermined/shallow", "main base/-",
+                                  "squashed undetermined/shallow", "stack undetermined/shallow",
+                                  "topic undetermined/shallow"}},
+        {trunk, "ready", false, {"side undetermined/baseUnknown", "trunk undetermined/baseUnknown"}},
+        {empty, "noCommits", false, {}},
+        {longer, "ready", false, {"main base/-", "old-merged merged/-/unknown", "old-topic undetermined/historyTooLong"}},
+        {base.file("plain"), "notARepository", false, {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.dir);
         GitBranchMap m = load(c.dir, "2024-06-01T00:00:00Z");
         EXPECT_EQ(m.repositoryState, c.state);
+        EXPECT_EQ(m.isShallow, c.shallow);
         std::vector<std::string> nodes;
-        for (const auto& n : m.nodes) nodes.push_back(n.name + " " + n.mergeState + "/" + n.undeterminedReason.value_or("-"));
+        for (const auto& n : m.nodes)
+            nodes.push_back(n.name + " " + n.mergeState + "/" + n.undeterminedReason.value_or("-") +
+                            (n.integration ? "/" + *n.integration : ""));
         std::sort(nodes.begin(), nodes.end());
         EXPECT_EQ(nodes, c.nodes);
     }
-    GitBranchMap m = load(shallow, "2024-06-01T00:00:00Z");
-    EXPECT_TRUE(m.isShallow);
-    m = load(longer, "2024-06-01T00:00:00Z");
-    for (const auto& n : m.nodes)
-        if (n.name == "old-merged") {
-            EXPECT_EQ(n.integration, "unknown");
-        }
 }

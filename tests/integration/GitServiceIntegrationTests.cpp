@@ -28,11 +28,6 @@ struct RealHarness : ServiceRig {
     }
 };
 
-void write(const std::string& dir, const std::string& name, const std::string& text) {
-    std::filesystem::create_directories(std::filesystem::path(dir + "/" + name).parent_path());
-    writeFileAtomically(dir + "/" + name, text);
-}
-
 std::vector<std::string> flat(const Json& list) {
     std::vector<std::string> out;
     for (const auto& f : list) out.push_back(f["status"].get<std::string>() + " " + f["path"].get<std::string>());
@@ -60,9 +55,9 @@ TEST(GitServiceIntegration, StatusWorkingTreeAndDetailOfRealRepositories) {
     const Case cases[] = {
         {"clean", [&](auto& d, auto&) { base(d); }, "main", {}, {}, {}, {}, {}, {}, {}},
         {"staged and modified again",
-         [&](auto& d, auto&) { base(d); write(d, "a.txt", "two\n"); git(d, {"add", "a.txt"}); write(d, "a.txt", "3\n"); },
+         [&](auto& d, auto&) { base(d); writeInto(d, "a.txt", "two\n"); git(d, {"add", "a.txt"}); writeInto(d, "a.txt", "3\n"); },
          "main", V{"MM a.txt"}, V{"MM a.txt"}, {}, V{"a.txt"}, V{"a.txt"}, {}, {}},
-        {"untracked in a folder", [&](auto& d, auto&) { base(d); write(d, "dir/u.txt", "u"); }, "main", {}, {},
+        {"untracked in a folder", [&](auto& d, auto&) { base(d); writeInto(d, "dir/u.txt", "u"); }, "main", {}, {},
          V{"? dir/u.txt"}, {}, {}, V{"dir/u.txt"}, {}},
         {"conflicted",
          [&](auto& d, auto&) {
@@ -76,7 +71,7 @@ TEST(GitServiceIntegration, StatusWorkingTreeAndDetailOfRealRepositories) {
          "main", V{"UU a.txt"}, V{"UU a.txt"}, {}, {}, {}, {}, V{"a.txt"}},
         {"detached head", [&](auto& d, auto&) { base(d); git(d, {"checkout", "-q", "--detach"}); },
          "HEAD (no branch)", {}, {}, {}, {}, {}, {}, {}},
-        {"no commits yet", [&](auto& d, auto&) { write(d, "new.txt", "n"); }, "No commits yet on main", {}, {},
+        {"no commits yet", [&](auto& d, auto&) { writeInto(d, "new.txt", "n"); }, "No commits yet on main", {}, {},
          V{"? new.txt"}, {}, {}, V{"new.txt"}, {}},
         {"submodule with new commits inside",
          [&](auto& d, const TempDir& t) {
@@ -91,10 +86,10 @@ TEST(GitServiceIntegration, StatusWorkingTreeAndDetailOfRealRepositories) {
         {"names git quotes",
          [&](auto& d, auto&) {
              base(d);
-             write(d, "with space.txt", "s");
-             write(d, "quo\"te.txt", "q");
-             write(d, "new\nline.txt", "n");
-             write(d, "raw\xff.txt", "r");
+             writeInto(d, "with space.txt", "s");
+             writeInto(d, "quo\"te.txt", "q");
+             writeInto(d, "new\nline.txt", "n");
+             writeInto(d, "raw\xff.txt", "r");
          },
          "main", {}, {},
          // porcelain v1 quotes names with blanks too; v2 does not
@@ -135,46 +130,41 @@ TEST(GitServiceIntegration, DiffsOfTheWorkingTreeAndOfRootRenameAndMergeCommits)
     std::string dir = initRepo(h.base, "repo");
     commitFile(dir, "a.txt", "one\ntwo\n", "init");
     commitFile(dir, "b.bin", std::string("\0\1\2", 3), "bin");
-    write(dir, "a.txt", "one\nTWO\nthree\n");
-    write(dir, "b.bin", std::string("\0\3\4", 3));
-    write(dir, "new file.txt", "fresh\n");
+    writeInto(dir, "a.txt", "one\nTWO\nthree\n");
+    writeInto(dir, "b.bin", std::string("\0\3\4", 3));
+    writeInto(dir, "new file.txt", "fresh\n");
     Uuid id = h.projects->add(dir);
     h.service->fetchDiff(id, {{"a.txt", GitDiffStage::Unstaged},
                               {"b.bin", GitDiffStage::Unstaged},
                               {"new file.txt", GitDiffStage::Unstaged},
                               {"a.txt", GitDiffStage::Staged}});
     h.settle();
+    auto summary = [](const Json& list) {
+        std::vector<std::string> out;
+        for (const auto& f : list)
+            out.push_back(f["path"].get<std::string>() + "|" + f["stage"].get<std::string>() + "|" +
+                          f["additions"].dump() + "|" + f["deletions"].dump() + "|" + f["isBinary"].dump());
+        return out;
+    };
     Json files = h.only("git/diff")["files"];
-    ASSERT_EQ(files.size(), 3u);
-    EXPECT_EQ(files[0]["path"], "a.txt");
-    EXPECT_EQ(files[0]["additions"], 2);
-    EXPECT_EQ(files[0]["deletions"], 1);
+    EXPECT_EQ(summary(files), (std::vector<std::string>{"a.txt|unstaged|2|1|false", "b.bin|unstaged|0|0|true",
+                                                        "new file.txt|unstaged|1|0|false"}));
     EXPECT_NE(files[0]["patch"].get<std::string>().find("+TWO"), std::string::npos);
-    EXPECT_EQ(files[1]["isBinary"], true);
-    EXPECT_EQ(files[1]["additions"], 0);
-    EXPECT_EQ(files[2]["path"], "new file.txt");
-    EXPECT_EQ(files[2]["additions"], 1);
     EXPECT_NE(files[2]["patch"].get<std::string>().find("+fresh"), std::string::npos);
 
     // No targets: everything staged, then everything unstaged; a whole-tree
     // entry is ".". Against HEAD: staged and unstaged together.
     git(dir, {"add", "a.txt"});
-    write(dir, "a.txt", "one\n");
-    auto summary = [](const Json& list) {
-        std::vector<std::string> out;
-        for (const auto& f : list)
-            out.push_back(f["path"].get<std::string>() + "|" + f["stage"].get<std::string>() + "|" +
-                          f["additions"].dump() + "|" + f["deletions"].dump());
-        return out;
-    };
+    writeInto(dir, "a.txt", "one\n");
     h.events->clear();
     h.service->fetchDiff(id, {});
     h.settle();
-    EXPECT_EQ(summary(h.only("git/diff")["files"]), (std::vector<std::string>{".|staged|2|1", ".|unstaged|0|2"}));
+    EXPECT_EQ(summary(h.only("git/diff")["files"]),
+              (std::vector<std::string>{".|staged|2|1|false", ".|unstaged|0|2|true"}));
     h.events->clear();
     h.service->fetchDiff(id, {{"", GitDiffStage::Head}});
     h.settle();
-    EXPECT_EQ(summary(h.only("git/diff")["files"]), (std::vector<std::string>{".|head|0|1"}));
+    EXPECT_EQ(summary(h.only("git/diff")["files"]), (std::vector<std::string>{".|head|0|1|true"}));
 
     // Commit diffs of a root, a rename and a merge commit.
     dir = initRepo(h.base, "history");
@@ -210,17 +200,12 @@ TEST(GitServiceIntegration, DiffsOfTheWorkingTreeAndOfRootRenameAndMergeCommits)
 // Commit and push against a bare origin are walked through by the headless git test.
 TEST(GitServiceIntegration, FetchPullAndTrackingAgainstABareOrigin) {
     RealHarness h;
-    std::string origin = h.base.file("origin.git");
-    git(h.base.path(), {"init", "-q", "--bare", "-b", "main", origin});
-    std::string dir = initRepo(h.base, "repo");
-    commitFile(dir, "a.txt", "1\n", "init");
-    git(dir, {"remote", "add", "origin", origin});
-    git(dir, {"push", "-q", "-u", "origin", "main"});
+    std::string dir = initRepoWithOrigin(h.base);
     Uuid id = h.projects->add(dir);
 
     // Someone else pushes; we fetch, see we are behind, commit locally, pull with rebase.
     std::string other = h.base.file("other");
-    git(h.base.path(), {"clone", "-q", origin, other});
+    git(h.base.path(), {"clone", "-q", h.base.file("origin.git"), other});
     commitFile(other, "b.txt", "b\n", "theirs");
     git(other, {"push", "-q"});
     h.service->fetch(id);
@@ -281,12 +266,7 @@ TEST(GitServiceIntegration, FailuresAreReadTheSameUnderAGermanLocale) {
     const GitEnvironment kGerman = {{"LANG", "de_DE.UTF-8"}, {"LC_ALL", "de_DE.UTF-8"}, {"LANGUAGE", "de"}};
 
     TempDir base;
-    std::string origin = base.file("origin.git");
-    git(base.path(), {"init", "-q", "--bare", "-b", "main", origin});
-    std::string dir = initRepo(base, "repo");
-    commitFile(dir, "a.txt", "1\n", "init");
-    git(dir, {"remote", "add", "origin", origin});
-    git(dir, {"push", "-q", "-u", "origin", "main"});
+    std::string dir = initRepoWithOrigin(base);
     git(dir, {"checkout", "-q", "-b", "topic"});  // no upstream
     std::string lost = initRepo(base, "lost");
     commitFile(lost, "a.txt", "1\n", "init");
@@ -360,7 +340,7 @@ TEST(GitServiceIntegration, StoppingWhileAFetchHangsOnASilentServerEndsTheFetch)
     // git's http helper names the URL on its command line. (The fetch block
     // reads its project on the main thread first.)
     ASSERT_TRUE(waitUntil([&] {
-        h.main.queue().runUntilIdle();
+        h.mainQueue->runUntilIdle();
         return !liveProcessesMentioning(url).empty();
     }, std::chrono::seconds(30)));
     auto stopped = std::make_shared<std::atomic<bool>>(false);
@@ -371,6 +351,6 @@ TEST(GitServiceIntegration, StoppingWhileAFetchHangsOnASilentServerEndsTheFetch)
     // The engine stays stopped: later work is dropped.
     h.service->fetch(id);
     h.service->refreshStatus(id);
-    EXPECT_TRUE(drain(*h.service, h.main.queue()));
+    EXPECT_TRUE(drain(*h.service, *h.mainQueue));
     EXPECT_TRUE(h.events->eventsOfType("git/status").empty());
 }

@@ -47,13 +47,28 @@ inline std::string initRepo(const TempDir& base, const std::string& name) {
     return dir;
 }
 
-// Writes `name` (folders too), adds it and commits it as `message`.
-inline void commitFile(const std::string& dir, const std::string& name, const std::string& text,
-                       const std::string& message) {
+// Writes `name` under `dir`, making its folders.
+inline void writeInto(const std::string& dir, const std::string& name, const std::string& text) {
     std::filesystem::create_directories(std::filesystem::path(dir + "/" + name).parent_path());
     writeFileAtomically(dir + "/" + name, text);
+}
+
+// Writes `name`, adds it and commits it as `message`.
+inline void commitFile(const std::string& dir, const std::string& name, const std::string& text,
+                       const std::string& message) {
+    writeInto(dir, name, text);
     git(dir, {"add", "-A", "--", name});
     git(dir, {"commit", "-q", "-m", message});
+}
+
+// "repo" with a.txt committed on main, pushed to and tracking the bare "origin.git" beside it.
+inline std::string initRepoWithOrigin(const TempDir& base) {
+    git(base.path(), {"init", "-q", "--bare", "-b", "main", base.file("origin.git")});
+    std::string dir = initRepo(base, "repo");
+    commitFile(dir, "a.txt", "1\n", "init");
+    git(dir, {"remote", "add", "origin", base.file("origin.git")});
+    git(dir, {"push", "-q", "-u", "origin", "main"});
+    return dir;
 }
 
 }  // namespace velko::test
