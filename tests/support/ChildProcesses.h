@@ -87,6 +87,19 @@ inline std::string outputOf(std::vector<std::string> argv) {
     return out;
 }
 
+// The end of a loopback server's script: serves its `Handler` on a free port
+// of 127.0.0.1, quiet about clients that hang up early, and prints the port.
+inline const char* const kServeHandler = R"PY(
+class Server(http.server.ThreadingHTTPServer):
+    daemon_threads = True
+    def handle_error(self, *args):
+        pass
+
+server = Server(("127.0.0.1", 0), Handler)
+print(server.server_address[1], flush=True)
+server.serve_forever()
+)PY";
+
 // A Python script serving on 127.0.0.1 as a child of the test, ended with it;
 // the script prints its port as its first line.
 class LoopbackServer {

@@ -55,20 +55,11 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
         self.wfile.write(body)
-
-class Server(http.server.ThreadingHTTPServer):
-    daemon_threads = True
-    def handle_error(self, *args):
-        pass
-
-server = Server(("127.0.0.1", 0), Handler)
-print(server.server_address[1], flush=True)
-server.serve_forever()
 )PY";
 
 struct ScriptedServer {
     TempDir dir;
-    LoopbackServer process{dir.write("server.py", kScriptedServer), {dir.path()}};
+    LoopbackServer process{dir.write("server.py", std::string(kScriptedServer) + kServeHandler), {dir.path()}};
     int scripted = 0;
 
     std::string url(const std::string& path = "") const { return process.url(path); }
