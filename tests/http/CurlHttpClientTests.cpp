@@ -31,8 +31,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.send_header(name, value)
         self.end_headers()
         self.wfile.write(body)
-    def do_POST(self):
-        self.do_GET()
     def do_GET(self):
         log.write(self.path + "\n"); log.flush()
         body, path = self.rfile.read(int(self.headers.get("Content-Length") or 0)), self.path
@@ -53,6 +51,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             for _ in range(240 if trickle else 64):
                 self.wfile.write(b"x" if trickle else b"y" * 65536)
                 time.sleep(0.25 if trickle else 0)
+    do_POST = do_GET
 )PY";
 
 // The server as a child of the test, and whether a path reached it.

@@ -22,10 +22,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def log_message(self, *args):
         pass
     def do_GET(self):
-        self.answer()
-    def do_POST(self):
-        self.answer()
-    def answer(self):
         body = self.rfile.read(int(self.headers.get("Content-Length") or 0)).decode()
         with open(os.path.join(folder, "requests.jsonl"), "a") as log:
             log.write(json.dumps({"path": self.path, "headers": dict(self.headers), "body": body}) + "\n")
@@ -50,6 +46,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.reply(answer.get("status", 200), answer["body"].encode())
         else:
             self.reply(answer.get("status", 200), json.dumps(answer["json"]).encode())
+    do_POST = do_GET
     def reply(self, status, body):
         self.send_response(status)
         self.send_header("Content-Length", str(len(body)))
