@@ -122,13 +122,11 @@ struct Account {
         }
     }
     void store(std::string access, std::string refresh, OAuthTime expiresAt) {
-        OAuthTokenRecord r;
-        r.accessToken = SecretText(std::move(access));
-        r.refreshToken = SecretText(std::move(refresh));
-        r.expiresAt = expiresAt;
-        r.tokenType = "bearer";
-        r.accountLogin = "octo";
-        ASSERT_TRUE(auth->save(r));
+        ASSERT_TRUE(auth->save({.accessToken = SecretText(std::move(access)),
+                                .refreshToken = SecretText(std::move(refresh)),
+                                .expiresAt = expiresAt,
+                                .tokenType = "bearer",
+                                .accountLogin = "octo"}));
     }
     std::string stored() {
         auto r = auth->loadRecord();

@@ -7,7 +7,6 @@
 
 #include <future>
 #include <optional>
-#include <thread>
 
 #include "platform/http/CurlHttpClient.h"
 #include "support/ChildProcesses.h"
@@ -32,8 +31,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.send_header(name, value)
         self.end_headers()
         self.wfile.write(body)
-    def do_POST(self):
-        self.do_GET()
     def do_GET(self):
         log.write(self.path + "\n"); log.flush()
         body, path = self.rfile.read(int(self.headers.get("Content-Length") or 0)), self.path
@@ -54,20 +51,15 @@ class Handler(http.server.BaseHTTPRequestHandler):
             for _ in range(240 if trickle else 64):
                 self.wfile.write(b"x" if trickle else b"y" * 65536)
                 time.sleep(0.25 if trickle else 0)
-
-class Server(http.server.ThreadingHTTPServer):
-    def handle_error(self, *args):
-        pass
-
-server = Server(("127.0.0.1", 0), Handler)
-print(server.server_address[1], flush=True)
-server.serve_forever()
+    do_POST = do_GET
 )PY";
 
 // The server as a child of the test, and whether a path reached it.
 struct Server : test::LoopbackServer {
     explicit Server(const test::TempDir& dir)
-        : LoopbackServer(dir.write("server.py", kServer), {dir.file("requests.log")}), log(dir.file("requests.log")) {}
+        : LoopbackServer(dir.write("server.py", std::string(kServer) + test::kServeHandler),
+                         {dir.file("requests.log")}),
+          log(dir.file("requests.log")) {}
     bool saw(const std::string& path) const { return test::readFile(log).find(path + "\n") != std::string::npos; }
     std::string log;
 };
@@ -158,9 +150,7 @@ TEST(CurlHttpClient, EveryExchangeEndsInItsResponseOrErrorAndCancelAllEndsTheOne
     HttpRequest silent{.url = http + "/silent-cancel", .idleTimeout = 60s, .totalTimeout = 120s};
     auto call = std::async(std::launch::async, [&] { return client.perform(silent); });
     // Waits for the server to hold the request, so the transfer is in flight.
-    for (auto deadline = std::chrono::steady_clock::now() + 20s;
-         !server.saw("/silent-cancel") && std::chrono::steady_clock::now() < deadline;)
-        std::this_thread::sleep_for(20ms);
+    test::waitUntil([&] { return server.saw("/silent-cancel"); });
     client.cancelAll();
     ASSERT_EQ(call.wait_for(30s), std::future_status::ready) << "cancelAll left the transfer running";
     HttpResult ended = call.get();

@@ -75,24 +75,17 @@ TEST(HttpGitHubOAuthClientOverHttp, ScriptedFaultsOfTheServerBecomeTypedFailures
     FakeGitHub server(dir, dir.path());
     ASSERT_GT(server.port, 0);
     auto http = std::make_shared<CurlHttpClient>();
+    auto errorOf = [](const auto& result) { return result ? std::nullopt : std::optional(result.error()); };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.fault);
         std::string base = server.url("/fault/") + c.fault;
         HttpGitHubOAuthClient client(
             {GitHubEndpoints(base, base + "/api"), "cid", std::nullopt, "http://127.0.0.1:1/cb", std::chrono::seconds(2)},
             http);
-        std::optional<OAuthError> error;
-        if (c.call == Call::Exchange) {
-            auto r = client.exchangeCode(SecretText("code"), SecretText("verifier"));
-            if (!r) error = r.error();
-        } else if (c.call == Call::Refresh) {
-            auto r = client.refreshToken(SecretText("ghr_unknown"));
-            if (!r) error = r.error();
-        } else {
-            auto r = client.fetchUser(SecretText("gho_unknown"));
-            if (!r) error = r.error();
-        }
-        EXPECT_EQ(error, c.error);
+        EXPECT_EQ(c.call == Call::Exchange  ? errorOf(client.exchangeCode(SecretText("code"), SecretText("verifier")))
+                  : c.call == Call::Refresh ? errorOf(client.refreshToken(SecretText("ghr_unknown")))
+                                            : errorOf(client.fetchUser(SecretText("gho_unknown"))),
+                  c.error);
     }
 
     // A certificate nobody vouches for is refused, not trusted.

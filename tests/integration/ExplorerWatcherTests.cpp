@@ -196,18 +196,15 @@ TEST(ExplorerWatcher, ExcludedFoldersAreNotWatchedAndACheckoutIsOneQuietBatch) {
                   "git -c user.name=t -c user.email=t@t commit -qam two && git checkout -q main"),
               0);
 
-    auto debounce = std::make_shared<SerialQueue>("test.explorer.debounce");
-    auto callbacks = std::make_shared<SerialQueue>("test.explorer.callbacks");
     InotifyExplorerWatcher* started = nullptr;
-    ExplorerService::Options options;
-    options.debounceQueue = debounce;
-    options.callbackQueue = callbacks;
-    options.watcherFactory = [&](const std::string& rootPath, const ExplorerExclusionRules& rules) {
-        auto watcher = std::make_unique<InotifyExplorerWatcher>(rootPath, rules);
-        started = watcher.get();
-        return watcher;
-    };
-    auto service = std::make_shared<ExplorerService>(std::move(options));
+    auto service = std::make_shared<ExplorerService>(ExplorerService::Options{
+        .debounceQueue = std::make_shared<SerialQueue>("test.explorer.debounce"),
+        .callbackQueue = std::make_shared<SerialQueue>("test.explorer.callbacks"),
+        .watcherFactory = [&](const std::string& rootPath, const ExplorerExclusionRules& rules) {
+            auto watcher = std::make_unique<InotifyExplorerWatcher>(rootPath, rules);
+            started = watcher.get();
+            return watcher;
+        }});
     Inbox<ExplorerChangeBatch> batches;
     ASSERT_TRUE(service->activateMonitoring(Uuid::random(), dir.path(), {},
                                             [&](const ExplorerChangeBatch& batch) { batches.add(batch); }));

@@ -30,11 +30,8 @@ TEST(TerminalEnvelope, GivesThePageTheScriptOfTheGenericEncoder) {
                                              std::string(4095, 'z')};
     for (const auto& chunk : chunks) {
         SCOPED_TRACE(chunk.size());
-        OrderedJson payload;
-        payload["sessionId"] = id;
-        payload["chunk"] = base64Encode(chunk);
-        payload["encoding"] = "base64";
-        bridge->dispatchEvent("terminal/output", payload);
+        bridge->dispatchEvent("terminal/output",
+                              {{"sessionId", id}, {"chunk", base64Encode(chunk)}, {"encoding", "base64"}});
         std::string envelope;
         TerminalOutputPump::appendOutputEnvelope(id, chunk, envelope);
         bool delivered = false;
@@ -45,9 +42,7 @@ TEST(TerminalEnvelope, GivesThePageTheScriptOfTheGenericEncoder) {
         EXPECT_TRUE(delivered);
         page->scripts.clear();
     }
-    OrderedJson activity;
-    activity["sessionId"] = id;
-    bridge->dispatchEvent("terminal/activity", activity);
+    bridge->dispatchEvent("terminal/activity", {{"sessionId", id}});
     bridge->dispatchEncodedEvent("terminal/activity", TerminalOutputPump::activityEnvelope(id));
     queue->runUntilIdle();
     ASSERT_EQ(page->scripts.size(), 2u);

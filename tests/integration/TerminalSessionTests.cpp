@@ -61,11 +61,10 @@ protected:
         store = std::make_shared<ConfigStore>(home.dataDir());
         (void)store->bootstrap();
         ASSERT_TRUE(store->config().hasFeature(Feature::TerminalV2));
-        TerminalCoordinator::Options options;
-        options.logger = TerminalLogger::create(home.cacheDir() + "/velko-terminal.log");
-        options.maxPendingOutputBytes = kCap;
-        options.dumpStore = TerminalDebugDumpStore::create(home.cacheDir() + "/terminal-dumps");
-        coordinator = std::make_shared<TerminalCoordinator>(std::move(options));
+        coordinator = std::make_shared<TerminalCoordinator>(TerminalCoordinator::Options{
+            .logger = TerminalLogger::create(home.cacheDir() + "/velko-terminal.log"),
+            .dumpStore = TerminalDebugDumpStore::create(home.cacheDir() + "/terminal-dumps"),
+            .maxPendingOutputBytes = kCap});
         installer = std::make_shared<CodexShimInstaller>();
         service = TerminalService::create(store, coordinator, installer);
         service->setBridge(page);

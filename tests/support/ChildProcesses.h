@@ -27,9 +27,10 @@ extern char** environ;
 namespace velko::test {
 
 // Starts `argv` with the test's environment plus `extra`; its standard output
-// to `out` (a pipe end) or to the test's own. -1 when it could not start.
+// to `out` (a pipe end) or to the test's own, its input from `in` or nothing.
+// -1 when it could not start.
 inline pid_t spawnChild(std::vector<std::string> argv, int out = -1,
-                        const std::map<std::string, std::string>& extra = {}) {
+                        const std::map<std::string, std::string>& extra = {}, int in = -1) {
     std::vector<std::string> envStorage;
     for (char** e = environ; *e; ++e) envStorage.emplace_back(*e);
     for (const auto& [key, value] : extra) envStorage.push_back(key + "=" + value);
@@ -40,7 +41,8 @@ inline pid_t spawnChild(std::vector<std::string> argv, int out = -1,
     envp.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    if (in >= 0) posix_spawn_file_actions_adddup2(&actions, in, 0);
+    else posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     if (out >= 0) posix_spawn_file_actions_adddup2(&actions, out, 1);
     pid_t pid = -1;
     if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), envp.data()) != 0) pid = -1;
@@ -84,6 +86,19 @@ inline std::string outputOf(std::vector<std::string> argv) {
     waitChild(pid);
     return out;
 }
+
+// The end of a loopback server's script: serves its `Handler` on a free port
+// of 127.0.0.1, quiet about clients that hang up early, and prints the port.
+inline const char* const kServeHandler = R"PY(
+class Server(http.server.ThreadingHTTPServer):
+    daemon_threads = True
+    def handle_error(self, *args):
+        pass
+
+server = Server(("127.0.0.1", 0), Handler)
+print(server.server_address[1], flush=True)
+server.serve_forever()
+)PY";
 
 // A Python script serving on 127.0.0.1 as a child of the test, ended with it;
 // the script prints its port as its first line.

@@ -1,40 +1,24 @@
 #include "support/HeadlessProcess.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <stdexcept>
 
-extern char** environ;
+#include "support/ChildProcesses.h"
 
 namespace velko::test {
 
 HeadlessProcess::HeadlessProcess(const std::vector<std::string>& arguments) {
     const char* dir = std::getenv("VELKO_BINARY_DIR");
-    std::string program = std::string(dir ? dir : ".") + "/velko";
-    std::vector<std::string> args = {program, "--headless"};
+    std::vector<std::string> args = {std::string(dir ? dir : ".") + "/velko", "--headless"};
     args.insert(args.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-
     int in[2], out[2];
     if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    int rc = posix_spawn(&m_pid, program.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
+    m_pid = spawnChild(args, out[1], {}, in[0]);
     close(in[0]);
     close(out[1]);
-    if (rc != 0) throw std::runtime_error("spawn " + program);
+    if (m_pid <= 0) throw std::runtime_error("spawn " + args[0]);
     m_in = in[1];
     m_out = out[0];
 }
@@ -97,16 +81,24 @@ void HeadlessProcess::takeLines() {
     m_buffer.erase(0, start);
 }
 
-std::optional<Json> HeadlessProcess::waitFor(const std::function<bool(const Json&)>& predicate,
-                                             std::chrono::milliseconds timeout) {
+std::optional<Json> HeadlessProcess::readUntil(const std::function<std::optional<Json>()>& found,
+                                               std::chrono::milliseconds timeout) {
     auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
-        for (; m_checked < m_events.size(); ++m_checked)
-            if (predicate(m_events[m_checked])) return m_events[m_checked++];
+        if (auto event = found()) return event;
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0 || m_eof) return std::nullopt;
         if (!readSome(left) && std::chrono::steady_clock::now() >= deadline) return std::nullopt;
     }
+}
+
+std::optional<Json> HeadlessProcess::waitFor(const std::function<bool(const Json&)>& predicate,
+                                             std::chrono::milliseconds timeout) {
+    return readUntil([&]() -> std::optional<Json> {
+        for (; m_checked < m_events.size(); ++m_checked)
+            if (predicate(m_events[m_checked])) return m_events[m_checked++];
+        return std::nullopt;
+    }, timeout);
 }
 
 std::optional<Json> HeadlessProcess::waitForType(const std::string& type, std::chrono::milliseconds timeout) {
@@ -115,8 +107,7 @@ std::optional<Json> HeadlessProcess::waitForType(const std::string& type, std::c
 
 std::optional<Json> HeadlessProcess::take(const std::function<bool(const Json&)>& predicate,
                                          std::chrono::milliseconds timeout) {
-    auto deadline = std::chrono::steady_clock::now() + timeout;
-    for (;;) {
+    return readUntil([&]() -> std::optional<Json> {
         m_taken.resize(m_events.size(), false);
         for (size_t i = 0; i < m_events.size(); ++i) {
             if (!m_taken[i] && predicate(m_events[i])) {
@@ -124,10 +115,8 @@ std::optional<Json> HeadlessProcess::take(const std::function<bool(const Json&)>
                 return m_events[i];
             }
         }
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0 || m_eof) return std::nullopt;
-        if (!readSome(left) && std::chrono::steady_clock::now() >= deadline) return std::nullopt;
-    }
+        return std::nullopt;
+    }, timeout);
 }
 
 int HeadlessProcess::finish(std::chrono::milliseconds timeout) {

@@ -48,6 +48,8 @@ public:
 
 private:
     bool readSome(std::chrono::milliseconds timeout);
+    // Reads on until `found` gives an event or `timeout` passes.
+    std::optional<Json> readUntil(const std::function<std::optional<Json>()>& found, std::chrono::milliseconds timeout);
     void takeLines();
 
     pid_t m_pid = -1;

@@ -22,10 +22,6 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def log_message(self, *args):
         pass
     def do_GET(self):
-        self.answer()
-    def do_POST(self):
-        self.answer()
-    def answer(self):
         body = self.rfile.read(int(self.headers.get("Content-Length") or 0)).decode()
         with open(os.path.join(folder, "requests.jsonl"), "a") as log:
             log.write(json.dumps({"path": self.path, "headers": dict(self.headers), "body": body}) + "\n")
@@ -50,25 +46,17 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.reply(answer.get("status", 200), answer["body"].encode())
         else:
             self.reply(answer.get("status", 200), json.dumps(answer["json"]).encode())
+    do_POST = do_GET
     def reply(self, status, body):
         self.send_response(status)
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
         self.wfile.write(body)
-
-class Server(http.server.ThreadingHTTPServer):
-    daemon_threads = True
-    def handle_error(self, *args):
-        pass
-
-server = Server(("127.0.0.1", 0), Handler)
-print(server.server_address[1], flush=True)
-server.serve_forever()
 )PY";
 
 struct ScriptedServer {
     TempDir dir;
-    LoopbackServer process{dir.write("server.py", kScriptedServer), {dir.path()}};
+    LoopbackServer process{dir.write("server.py", std::string(kScriptedServer) + kServeHandler), {dir.path()}};
     int scripted = 0;
 
     std::string url(const std::string& path = "") const { return process.url(path); }
