@@ -122,11 +122,13 @@ struct Account {
         }
     }
     void store(std::string access, std::string refresh, OAuthTime expiresAt) {
-        ASSERT_TRUE(auth->save({.accessToken = SecretText(std::move(access)),
-                                .refreshToken = SecretText(std::move(refresh)),
-                                .expiresAt = expiresAt,
-                                .tokenType = "bearer",
-                                .accountLogin = "octo"}));
+        OAuthTokenRecord r;
+        r.accessToken = SecretText(std::move(access));
+        r.refreshToken = SecretText(std::move(refresh));
+        r.expiresAt = expiresAt;
+        r.tokenType = "bearer";
+        r.accountLogin = "octo";
+        ASSERT_TRUE(auth->save(r));
     }
     std::string stored() {
         auto r = auth->loadRecord();

@@ -38,12 +38,13 @@ std::optional<DashboardSnapshot> measure(const std::vector<std::string>& folders
     auto projects = std::make_shared<Projects>();
     for (const auto& folder : folders)
         projects->list.push_back({Uuid::random(), std::filesystem::path(folder).filename(), folder, std::nullopt, {}});
-    auto service = std::make_shared<DashboardMetricsService>(DashboardMetricsService::Dependencies{
-        .projectProvider = projects,
-        .processRunner = std::make_shared<ProcessGitProcessRunner>(),
-        .clock = [now = *parseIso8601(now)] { return now; },
-        .calendar = DashboardCalendar::forZone(zone),
-        .environment = testGitEnvironment()});
+    DashboardMetricsService::Dependencies deps;
+    deps.projectProvider = projects;
+    deps.processRunner = std::make_shared<ProcessGitProcessRunner>();
+    deps.clock = [now = *parseIso8601(now)] { return now; };
+    deps.calendar = DashboardCalendar::forZone(zone);
+    deps.environment = testGitEnvironment();
+    auto service = std::make_shared<DashboardMetricsService>(std::move(deps));
     std::optional<DashboardSnapshot> out;
     service->fetchSnapshot(true, [&](auto result) { out = result.value(); });
     for (auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
