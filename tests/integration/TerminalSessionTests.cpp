@@ -64,6 +64,7 @@ protected:
         coordinator = std::make_shared<TerminalCoordinator>(TerminalCoordinator::Options{
             .logger = TerminalLogger::create(home.cacheDir() + "/velko-terminal.log"),
             .dumpStore = TerminalDebugDumpStore::create(home.cacheDir() + "/terminal-dumps"),
+            .reaper = nullptr,
             .maxPendingOutputBytes = kCap});
         installer = std::make_shared<CodexShimInstaller>();
         service = TerminalService::create(store, coordinator, installer);
